@@ -1,0 +1,1 @@
+"""pymqlink: the messaging binding (bus sessions, request/reply, subscriptions)."""

@@ -1,0 +1,1 @@
+"""Certificate signing for orders and account operations."""

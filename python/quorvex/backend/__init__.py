@@ -1,0 +1,1 @@
+"""Backends of the client library."""

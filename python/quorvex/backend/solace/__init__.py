@@ -1,0 +1,1 @@
+"""The message-bus backend: SolaceAPI and its sibling modules."""
