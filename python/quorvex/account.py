@@ -1,8 +1,8 @@
 """Trading accounts of a person at the broker."""
 from typing import Any, Union
 
-from typing_extensions import Annotated
 from pydantic import BeforeValidator
+from typing_extensions import Annotated
 
 from quorvex.common import BaseModel
 from quorvex.constant import AccountType
