@@ -2,7 +2,6 @@
 import datetime
 
 from conftest import make_api
-
 from quorvex.account import FutureAccount, StockAccount
 from quorvex.contracts import ComboContract, Future, Stock
 from quorvex.order import Order, OrderStatus, Trade
@@ -34,7 +33,7 @@ class Signer:
 
     def __call__(self, order):
         self.signed.append(order)
-        return order.model_copy(update={"ca": "sig-%d" % len(self.signed)})
+        return order.model_copy(update={"ca": "sig-{}".format(len(self.signed))})
 
 
 def order_api(module, monkeypatch, simulation=False):

@@ -4,7 +4,6 @@ import logging
 import pytest
 from conftest import ok, refused
 from orders_support import order_api, trade
-
 from quorvex.constant import Status
 from quorvex.error import ServiceError
 
@@ -58,7 +57,7 @@ def test_other_cancel_refusals_are_logged_and_raised(api, placed, caplog, reply)
     with caplog.at_level(logging.ERROR, logger="quorvex"), pytest.raises(ServiceError):
         api.cancel_order(placed, cb=seen.append)
     detail = reply["response"]["detail"]
-    assert "StatusCode: %s, Detail: %s" % (reply["status"]["status_code"], detail) in caplog.text
+    assert "StatusCode: {}, Detail: {}".format(reply["status"]["status_code"], detail) in caplog.text
     assert seen == [] and placed.status.status == Status.Inactive and list(api._trades) == ["ord-1"]
 
 
@@ -132,5 +131,5 @@ def test_modify_refuses_bad_arguments_before_signing(api, placed, kwargs, error,
 
 @pytest.mark.parametrize("method", ["cancel_order", "update_order"])
 def test_cancel_and_modify_want_a_trade(api, method):
-    with pytest.raises(TypeError, match="%s: trade must be the Trade that place_order returned, got dict" % method):
+    with pytest.raises(TypeError, match=f"{method}: trade must be the Trade that place_order returned, got dict"):
         getattr(api, method)({"order": {}})

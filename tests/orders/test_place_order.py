@@ -4,7 +4,6 @@ import logging
 import pytest
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api
-
 from quorvex.constant import Status
 from quorvex.error import TokenError
 
@@ -53,7 +52,7 @@ def test_reply_status_keys_override_the_computed_ones(api):
 
 @pytest.mark.parametrize("reply, status, logged", [
     (refused(500, "price out of range"), Status.Failed, "price out of range"),
-    ({"response": {}}, Status.Inactive, "Topic: %s, Status Code is None." % TOPIC),
+    ({"response": {}}, Status.Inactive, f"Topic: {TOPIC}, Status Code is None."),
     ({"status": {"status_code": None}}, Status.Inactive, "Status Code is None."),
 ])
 def test_unsuccessful_reply_leaves_the_trade_under_its_correlation_id(api, caplog, reply, status, logged):

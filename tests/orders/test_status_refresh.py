@@ -2,7 +2,6 @@
 import pytest
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api, trade
-
 from quorvex.constant import Status
 from quorvex.contracts import Contract
 from quorvex.error import ServiceError
