@@ -33,7 +33,7 @@ class Signer:
 
     def __call__(self, order):
         self.signed.append(order)
-        return order.model_copy(update={"ca": "sig-{}".format(len(self.signed))})
+        return order.model_copy(update={"ca": f"sig-{len(self.signed)}"})
 
 
 def order_api(module, monkeypatch, simulation=False):
