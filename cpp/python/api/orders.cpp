@@ -210,9 +210,10 @@ nb::object resigned_trade_payload(nb::handle self, nb::handle trade) {
 nb::object place(nb::handle self, const TradeBook& book, nb::handle contract, nb::handle signed_order,
                  nb::handle payload, nb::handle timeout, nb::handle cb) {
   nb::object corrid = new_corrid(self);
-  if (!truthy(timeout)) remember_callback(self, corrid, cb);
-  // Built before sending so that nothing but the store runs between the send and it.
+  // Built before anything is registered or sent, so that a record that cannot be made leaves
+  // nothing behind, and only the store runs between the send and the reply's handling.
   nb::object trade = new_trade(book, contract, signed_order, inactive_status(book));
+  if (!truthy(timeout)) remember_callback(self, corrid, cb);
   nb::object key = exchange(self, book.place, payload, corrid, timeout,
                             [&] { set_item(attr(self, book.book), corrid, trade); });
   if (!truthy(timeout)) key = corrid;
@@ -266,7 +267,8 @@ nb::object place_reply(nb::handle self, const TradeBook& book, nb::handle topic,
 
 // ---- cancellation and modification -------------------------------------------------
 
-nb::object cancel_reply(nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
+nb::object cancel_reply(nb::handle self, const TradeBook& book, nb::handle topic, nb::handle corrid,
+                        nb::handle resp) {
   check_reply_args(topic, corrid, resp);
   nb::object cb = take_callback(self, corrid);
   nb::object status_code = status_code_of(resp);
@@ -275,7 +277,7 @@ nb::object cancel_reply(nb::handle self, nb::handle topic, nb::handle corrid, nb
   nb::object detail = get(response, QV_NAME("detail"), nb::str(""));
 
   // The temporary entry of this request; the trade's own entry under its order id stays.
-  nb::object trade = pop(attr(self, kSingle.book), corrid);
+  nb::object trade = pop(attr(self, book.book), corrid);
   nb::setattr(attr(trade, "status"), "msg", detail);
   if (!is_ok(status_code)) {
     if (equals(status_code, kCancelRefusedStatus) && equals(sts_code, kCancelRefusedStsCode)) {
@@ -417,10 +419,39 @@ void check_refresh_args(const char* method, nb::handle account, nb::handle seqno
   require_callback(cb, method);
 }
 
+using ReplyFlow = nb::object (*)(nb::handle self, const TradeBook& book, nb::handle topic, nb::handle corrid,
+                                  nb::handle resp);
+
+struct ReplyHandler {
+  const char* name;
+  ReplyFlow flow;
+  const TradeBook* book;
+};
+
+// The combination placement's handler has no leading underscore: callers know it by that name.
+const ReplyHandler kReplyHandlers[] = {
+    {"_place_order_cb", place_reply, &kSingle},
+    {"_cancel_order_cb", cancel_reply, &kSingle},
+    {"_update_order_cb", acknowledge_reply, &kSingle},
+    {"_update_status_cb", refresh_reply, &kSingle},
+    {"place_comboorder_cb", place_reply, &kCombo},
+    {"_cancel_comboorder_cb", acknowledge_reply, &kCombo},
+    {"_update_combostatus_cb", refresh_reply, &kCombo},
+};
+
 }  // namespace
 
 void define_orders(ApiClass& api) {
   import_names(api, {"Order", "OrderStatus", "Trade", "ComboStatus", "ComboTrade"});
+
+  for (const ReplyHandler& handler : kReplyHandlers) {
+    api.method(
+        handler.name,
+        [handler](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
+          return handler.flow(self, *handler.book, topic, corrid, resp);
+        },
+        nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  }
 
   // ---- single orders ----
 
@@ -441,13 +472,6 @@ void define_orders(ApiClass& api) {
       nb::arg("contract"), nb::arg("order"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
   api.method(
-      "_place_order_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        return place_reply(self, kSingle, topic, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
-
-  api.method(
       "cancel_order",
       [](nb::handle self, nb::handle trade, nb::handle timeout, nb::handle cb) -> nb::object {
         require_record(trade, "cancel_order", "trade", "Trade", "the Trade that place_order returned");
@@ -461,13 +485,6 @@ void define_orders(ApiClass& api) {
         return nb::borrow(trade);
       },
       nb::arg("trade"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
-
-  api.method(
-      "_cancel_order_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        return cancel_reply(self, topic, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
 
   // A price different from the effective one goes to the price service, then a reduction
   // that fits what remains goes to the quantity service with the same payload object, so
@@ -491,26 +508,12 @@ void define_orders(ApiClass& api) {
       nb::arg("cb") = nb::none());
 
   api.method(
-      "_update_order_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        return acknowledge_reply(self, kSingle, topic, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
-
-  api.method(
       "update_status",
       [](nb::handle self, nb::handle account, nb::handle seqno, nb::handle timeout, nb::handle cb) {
         check_refresh_args("update_status", account, seqno, cb);
         return refresh(self, kSingle, account, seqno, timeout, cb);
       },
       nb::arg("account"), nb::arg("seqno") = "", nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
-
-  api.method(
-      "_update_status_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        return refresh_reply(self, kSingle, topic, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
 
   api.property("trades", [](nb::handle self) { return book_list(self, kSingle); });
 
@@ -535,13 +538,6 @@ void define_orders(ApiClass& api) {
       nb::arg("combocontract"), nb::arg("order"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
   api.method(
-      "place_comboorder_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        return place_reply(self, kCombo, topic, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
-
-  api.method(
       "cancel_comboorder",
       [](nb::handle self, nb::handle combotrade, nb::handle timeout, nb::handle cb) -> nb::object {
         require_record(combotrade, "cancel_comboorder", "combotrade", "ComboTrade",
@@ -561,13 +557,6 @@ void define_orders(ApiClass& api) {
       nb::arg("combotrade"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
   api.method(
-      "_cancel_comboorder_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        return acknowledge_reply(self, kCombo, topic, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
-
-  api.method(
       "update_combostatus",
       [](nb::handle self, nb::handle account, nb::handle seqno, nb::handle timeout, nb::handle cb) -> nb::object {
         check_refresh_args("update_combostatus", account, seqno, cb);
@@ -575,13 +564,6 @@ void define_orders(ApiClass& api) {
         return refresh(self, kCombo, account, seqno, timeout, cb);
       },
       nb::arg("account"), nb::arg("seqno") = "", nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
-
-  api.method(
-      "_update_combostatus_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        return refresh_reply(self, kCombo, topic, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
 
   api.property("combotrades", [](nb::handle self) { return book_list(self, kCombo); });
 }
