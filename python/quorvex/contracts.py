@@ -220,6 +220,15 @@ class ContractGroup(Mapping):
         code = self._code_of(key)
         return default if code is None else self._owner._record(code)
 
+    def __getattr__(self, name: str) -> Contract:
+        # Symbols and letter-led codes also read as attributes: Futures.TXF.TXF202612.
+        if name.startswith("_"):
+            raise AttributeError(name)
+        code = self._code_of(name)
+        if code is None:
+            raise AttributeError("no contract {!r} in {}.{}".format(name, self._owner.name, self.name))
+        return self._owner._record(code)
+
     def __iter__(self) -> Iterator[str]:
         return iter(list(self._codes))
 

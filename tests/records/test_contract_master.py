@@ -55,7 +55,7 @@ def test_records_are_built_on_first_access_only(contracts):
 
 
 def test_lookup_by_code_symbol_and_group(contracts):
-    assert contracts.Futures.TXF["TXF202612"] is contracts.Futures["TXFL6"]
+    assert contracts.Futures.TXF["TXF202612"] is contracts.Futures["TXFL6"] is contracts.Futures.TXF.TXF202612
     assert "6488" in contracts.Stocks.OTC and "2330" not in contracts.Stocks.OTC
     assert contracts.Stocks.get("9999") is None and contracts.Stocks.TSE.get("6488", "none") == "none"
     assert sorted(contracts.Stocks) == ["2330", "6488"] and len(contracts) == 6
@@ -63,6 +63,8 @@ def test_lookup_by_code_symbol_and_group(contracts):
         contracts.Stocks["9999"]
     with pytest.raises(AttributeError, match="no exchange or product 'NYSE'; known: OTC, TSE"):
         contracts.Stocks.NYSE
+    with pytest.raises(AttributeError, match="no contract 'TXF202601' in Futures.TXF"):
+        contracts.Futures.TXF.TXF202601
 
 
 def test_a_later_page_replaces_a_contract_and_drops_its_built_record(contracts):
