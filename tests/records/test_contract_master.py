@@ -1,6 +1,5 @@
 import msgpack
 import pytest
-
 from quorvex.backend.solace import utils as backend_utils
 from quorvex.backend.solace.utils import dump_contracts_file, new_contracts
 from quorvex.constant import FetchStatus, SecurityType
@@ -134,7 +133,8 @@ def test_a_file_from_another_trading_day_is_not_loaded(cache_dir, contracts, mon
     assert len(new_contracts()) == 0 and new_contracts().status is FetchStatus.Unfetch
 
 
-@pytest.mark.parametrize("content", [b"\xc1 not msgpack", msgpack.packb([1, 2]), msgpack.packb({"format": 99})])
+@pytest.mark.parametrize("content", [
+    b"\xc1 not msgpack", msgpack.packb([1, 2]), msgpack.packb({"format": 99})])
 def test_an_unreadable_file_gives_an_empty_master(cache_dir, content):
     cache_dir.mkdir()
     (cache_dir / "contracts.msgpack").write_bytes(content)

@@ -5,10 +5,14 @@ import pickle
 import pytest
 from nacl.signing import SigningKey
 from pydantic import ValidationError
-
 from quorvex import error
 from quorvex.backend.solace.utils import (
-    Base58Encoder, ScannerCountLimit, convert_ts, intraday_odd_quo_convert, intraday_odd_tic_convert, login_check,
+    Base58Encoder,
+    ScannerCountLimit,
+    convert_ts,
+    intraday_odd_quo_convert,
+    intraday_odd_tic_convert,
+    login_check,
 )
 from quorvex.constant import Action, Exchange, SecurityType
 from quorvex.utils import log, raise_resp_error
@@ -43,7 +47,8 @@ def test_timeout_error_hides_its_payload():
     assert "api/v1/order/reserve_stock" in str(caught)
 
 
-@pytest.mark.parametrize("err", [error.TokenError(401, "x"), error.TimeoutError("t", {}), error.ServiceError(1)])
+@pytest.mark.parametrize("err", [
+    error.TokenError(401, "x"), error.TimeoutError("t", {}), error.ServiceError(1)])
 def test_errors_survive_pickling(err):
     again = pickle.loads(pickle.dumps(err))
     assert type(again) is type(err) and str(again) == str(err)

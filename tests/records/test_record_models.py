@@ -2,8 +2,6 @@ import inspect
 import warnings
 
 import pytest
-from pydantic import ValidationError
-
 import quorvex.account
 import quorvex.backend.solace.utils
 import quorvex.contracts
@@ -11,6 +9,7 @@ import quorvex.data
 import quorvex.order
 import quorvex.position
 import quorvex.reserve
+from pydantic import ValidationError
 from quorvex.account import Account, FutureAccount, StockAccount
 from quorvex.common import BaseModel
 from quorvex.constant import AccountType, FetchStatus, Status
@@ -98,7 +97,8 @@ def test_account_type_compares_with_its_text():
 @pytest.mark.parametrize("placeholder,fill", [
     (AccountBalance(status=FetchStatus.Fetching), {"acc_balance": 5, "date": "d", "errmsg": ""}),
     (Margin(status=FetchStatus.Fetching), {"equity": 1, "unknown_margin_field": 2}),
-    (ProfitLossSummaryTotal(status=FetchStatus.Fetching), {"profitloss_summary": [], "total": ProfitLossTotal()}),
+    (ProfitLossSummaryTotal(status=FetchStatus.Fetching),
+     {"profitloss_summary": [], "total": ProfitLossTotal()}),
 ])
 def test_lazy_setter_fills_in_place_and_marks_fetched(placeholder, fill):
     placeholder.lazy_setter(**fill)
