@@ -108,7 +108,9 @@ def _contract_record(value: Any) -> Any:
     # A dict becomes the contract class its security type names, so records that hold a
     # contract give back the same class after a trip through dict().
     if isinstance(value, dict):
-        return _CONTRACT_CLASS.get(value.get("security_type"), Contract)(**value)  # type: ignore[arg-type]
+        security_type = value.get("security_type")
+        cls = _CONTRACT_CLASS.get(security_type, Contract) if isinstance(security_type, str) else Contract
+        return cls(**value)
     return value
 
 
