@@ -1,0 +1,126 @@
+// Python semantics used by every service area, and the shared query sequence.
+#include "api.hpp"
+
+namespace quorvex::api {
+namespace {
+// The api module; it lives in sys.modules for the life of the interpreter.
+PyObject* g_module = nullptr;
+
+nb::object call_method(nb::handle obj, nb::handle name, nb::handle a) {
+  return nb::steal(PyObject_CallMethodObjArgs(obj.ptr(), name.ptr(), a.ptr(), nullptr));
+}
+nb::object call_method(nb::handle obj, nb::handle name, nb::handle a, nb::handle b) {
+  return nb::steal(PyObject_CallMethodObjArgs(obj.ptr(), name.ptr(), a.ptr(), b.ptr(), nullptr));
+}
+nb::object checked(nb::object result) {
+  if (!result.is_valid()) throw nb::python_error();
+  return result;
+}
+}  // namespace
+
+void set_module(nb::handle module) {
+  Py_XINCREF(module.ptr());
+  g_module = module.ptr();
+}
+
+nb::object module_attr(nb::handle name) { return checked(nb::steal(PyObject_GetAttr(g_module, name.ptr()))); }
+
+nb::object get(nb::handle mapping, nb::handle key, nb::handle dflt) {
+  if (PyDict_CheckExact(mapping.ptr())) {
+    PyObject* item = PyDict_GetItemWithError(mapping.ptr(), key.ptr());
+    if (item) return nb::borrow(item);
+    if (PyErr_Occurred()) throw nb::python_error();
+    return nb::borrow(dflt);
+  }
+  return checked(call_method(mapping, QV_NAME("get"), key, dflt));
+}
+
+nb::object pop(nb::handle mapping, nb::handle key, nb::handle dflt) {
+  return checked(call_method(mapping, QV_NAME("pop"), key, dflt));
+}
+
+nb::object pop(nb::handle mapping, nb::handle key) { return checked(call_method(mapping, QV_NAME("pop"), key)); }
+
+void set_item(nb::handle mapping, nb::handle key, nb::handle value) {
+  if (PyObject_SetItem(mapping.ptr(), key.ptr(), value.ptr()) != 0) throw nb::python_error();
+}
+
+bool truthy(nb::handle obj) {
+  const int r = PyObject_IsTrue(obj.ptr());
+  if (r < 0) throw nb::python_error();
+  return r == 1;
+}
+
+bool equals(nb::handle a, nb::handle b) {
+  const int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ);
+  if (r < 0) throw nb::python_error();
+  return r == 1;
+}
+
+bool equals(nb::handle obj, long value) {
+  if (PyLong_CheckExact(obj.ptr())) {
+    int overflow = 0;
+    const long v = PyLong_AsLongAndOverflow(obj.ptr(), &overflow);
+    if (!overflow && !(v == -1 && PyErr_Occurred())) return v == value;
+    PyErr_Clear();
+  }
+  return equals(obj, nb::handle(nb::int_(value)));
+}
+
+nb::object empty_dict() { return nb::dict(); }
+nb::object empty_list() { return nb::list(); }
+
+nb::object status_code_of(nb::handle resp) {
+  nb::object status = get(resp, QV_NAME("status"), empty_dict());
+  return get(status, QV_NAME("status_code"), nb::int_(0));
+}
+
+void raise_resp_error(nb::handle self, nb::handle status_code, nb::handle resp) {
+  module_attr(QV_NAME("raise_resp_error"))(status_code, resp, attr(self, QV_NAME("session")));
+}
+
+void log_error(nb::handle msg) { module_attr(QV_NAME("log")).attr(QV_NAME("error"))(msg); }
+
+void logger_warning(nb::handle msg) { module_attr(QV_NAME("logger")).attr(QV_NAME("warning"))(msg); }
+
+bool refuse_in_simulation(nb::handle self, const char* method) {
+  if (!truthy(attr(self, QV_NAME("_simulation")))) return false;
+  logger_warning(nb::str(("Simulation not support " + std::string(method) + " yet").c_str()));
+  return true;
+}
+
+nb::object local_now_text(const char* fmt) {
+  nb::object datetime_cls = module_attr(QV_NAME("datetime")).attr(QV_NAME("datetime"));
+  return datetime_cls.attr(QV_NAME("now"))().attr(QV_NAME("strftime"))(fmt);
+}
+
+nb::object new_corrid(nb::handle self) { return attr(self, QV_NAME("session")).attr(QV_NAME("_gen_reqid"))(); }
+
+nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb::handle payload,
+                      nb::handle timeout, nb::handle cb, const std::function<nb::object()>& make_placeholder) {
+  const bool blocking = truthy(timeout);
+  if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
+  nb::object topic = attr(self, query.topic_attr);
+  nb::object handler = attr(self, query.handler_attr);
+  nb::object resp = attr(self, QV_NAME("session"))
+                        .attr(QV_NAME("request"))(topic, payload, "corrid"_a = corrid, "timeout"_a = timeout,
+                                                  "cb"_a = handler);
+  nb::object placeholder = make_placeholder();
+  set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);
+  if (blocking) handler(topic, corrid, resp);
+  return placeholder;
+}
+
+Reply begin_reply(nb::handle self, nb::handle corrid, nb::handle resp) {
+  Reply reply;
+  reply.cb = pop(attr(self, QV_NAME("_rep_callback_map")), corrid, nb::none());
+  reply.status_code = status_code_of(resp);
+  reply.result = pop(attr(self, QV_NAME("_reqrep")), corrid);
+  return reply;
+}
+
+void Reply::call_back() const {
+  if (truthy(cb)) cb(result);
+}
+
+}  // namespace quorvex::api
