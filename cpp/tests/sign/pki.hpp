@@ -17,15 +17,12 @@
 
 #include <unistd.h>
 
+#include "quorvex/sign/openssl_handles.hpp"
+
 namespace quorvex::sign::testing {
 
-template <auto Free>
-struct Deleter {
-  template <typename T>
-  void operator()(T* p) const { Free(p); }
-};
-using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
-using Cert = std::unique_ptr<X509, Deleter<X509_free>>;
+using Key = PkeyPtr;
+using Cert = X509Ptr;
 
 struct Identity {
   Key key;
@@ -87,20 +84,20 @@ class Pki {
 
   // Writes `id` with the authority certificate as a PKCS#12 file; returns its path.
   std::string write(const std::string& file, const Identity& id, const char* password) {
-    std::unique_ptr<STACK_OF(X509), Deleter<free_stack>> chain(sk_X509_new_null());
+    X509StackPtr chain(sk_X509_new_null());
     check(chain && sk_X509_push(chain.get(), authority_.cert.get()), "chain");
     X509_up_ref(authority_.cert.get());
-    std::unique_ptr<PKCS12, Deleter<PKCS12_free>> p12(
+    Pkcs12Ptr p12(
         PKCS12_create(password, "person", id.key.get(), id.cert.get(), chain.get(), 0, 0, 0, 0, 0));
     check(p12 != nullptr, "PKCS12_create");
     const std::string path = (dir_ / file).string();
-    std::unique_ptr<BIO, Deleter<BIO_free_all>> out(BIO_new_file(path.c_str(), "wb"));
+    BioPtr out(BIO_new_file(path.c_str(), "wb"));
     check(out && i2d_PKCS12_bio(out.get(), p12.get()), "PKCS#12 write");
     return path;
   }
 
   static std::string pem(const Identity& id) {
-    std::unique_ptr<BIO, Deleter<BIO_free_all>> out(BIO_new(BIO_s_mem()));
+    BioPtr out(BIO_new(BIO_s_mem()));
     check(out && PEM_write_bio_X509(out.get(), id.cert.get()), "PEM write");
     char* data = nullptr;
     const long n = BIO_get_mem_data(out.get(), &data);
@@ -108,8 +105,6 @@ class Pki {
   }
 
  private:
-  static void free_stack(STACK_OF(X509) * s) { sk_X509_pop_free(s, X509_free); }
-
   std::filesystem::path dir_;
   long serial_ = 0;
   Identity authority_;
