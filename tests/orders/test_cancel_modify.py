@@ -112,24 +112,3 @@ def test_modify_refusal_is_raised(api, placed):
     api.session.reply(PRICE, refused(400, "price out of limits"))
     with pytest.raises(ServiceError, match="price out of limits"):
         api.update_order(placed, price=999.0)
-
-
-@pytest.mark.parametrize("kwargs, error, message", [
-    ({"price": "585"}, TypeError, "price must be a number"),
-    ({"price": True}, TypeError, "price must be a number"),
-    ({"price": -1.0}, ValueError, "price must be a finite number not below 0"),
-    ({"price": float("nan")}, ValueError, "price must be a finite number not below 0"),
-    ({"quantity": 1.5}, TypeError, "quantity must be a whole number"),
-    ({"quantity": -2}, ValueError, "quantity is the number of units to take off"),
-    ({"cb": 3}, TypeError, "cb must be a callable"),
-])
-def test_modify_refuses_bad_arguments_before_signing(api, placed, kwargs, error, message):
-    with pytest.raises(error, match=message):
-        api.update_order(placed, **kwargs)
-    assert api.session.requests == [] and api.prepare_ca.signed == []
-
-
-@pytest.mark.parametrize("method", ["cancel_order", "update_order"])
-def test_cancel_and_modify_want_a_trade(api, method):
-    with pytest.raises(TypeError, match=f"{method}: trade must be the Trade that place_order returned, got dict"):
-        getattr(api, method)({"order": {}})

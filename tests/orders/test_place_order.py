@@ -90,31 +90,3 @@ def test_non_blocking_returns_the_inactive_trade_completed_later(api, with_cb):
     api.session.deliver()
     assert api._trades == {"ord-9": trade} and trade.status.status == Status.PendingSubmit
     assert seen == ([trade] if with_cb else []) and api._rep_callback_map == {}
-
-
-@pytest.mark.parametrize("args, message", [
-    (("TSMC", order()), "place_order: contract must be a contract record"),
-    ((TSMC, {"action": "Buy"}), "place_order: order must be an Order, got dict"),
-    ((TSMC, order(), 0, "print"), "place_order: cb must be a callable"),
-])
-def test_bad_arguments_are_refused_before_anything_is_sent(api, args, message):
-    with pytest.raises(TypeError, match=message):
-        api.place_order(*args)
-    assert api.session.requests == [] and api._trades == {}
-
-
-HANDLERS = ["_place_order_cb", "_cancel_order_cb", "_update_order_cb", "_update_status_cb",
-            "place_comboorder_cb", "_cancel_comboorder_cb", "_update_combostatus_cb"]
-
-
-@pytest.mark.parametrize("handler", HANDLERS)
-@pytest.mark.parametrize("args, message", [
-    ((1, "c", {}), "Argument 'topic' has incorrect type (expected str, got int)"),
-    (("t", b"c", {}), "Argument 'corrid' has incorrect type (expected str, got bytes)"),
-    (("t", "c", []), "Argument 'resp' has incorrect type (expected dict, got list)"),
-])
-def test_reply_handlers_check_their_argument_types_first(api, handler, args, message):
-    api._rep_callback_map["c"] = print
-    with pytest.raises(TypeError) as info:
-        getattr(api, handler)(*args)
-    assert str(info.value) == message and api._rep_callback_map == {"c": print}

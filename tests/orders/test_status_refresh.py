@@ -84,13 +84,3 @@ def test_malformed_entry_stops_the_merge_after_earlier_entries(api, bad, error):
     with pytest.raises(error):
         api.update_status(STOCK_ACCOUNT)
     assert list(api._trades) == ["ord-6"]
-
-
-@pytest.mark.parametrize("args, message", [
-    (({"account_id": "1"},), "update_status: account must be an account record"),
-    ((STOCK_ACCOUNT, 123), "update_status: seqno must be text"),
-])
-def test_bad_arguments_are_refused(api, args, message):
-    with pytest.raises(TypeError, match=message):
-        api.update_status(*args)
-    assert api.session.requests == []
