@@ -23,21 +23,27 @@ void require_str(nb::handle value, const char* name) {
   throw nb::python_error();
 }
 
+// How the interpreter names a callable in argument errors: "Account()", "SolClient.connect()".
+std::string callable_name(nb::handle fn) {
+  if (nb::hasattr(fn, "__qualname__")) return std::string(nb::str(attr(fn, "__qualname__")).c_str()) + "()";
+  return std::string(PyEval_GetFuncName(fn.ptr())) + PyEval_GetFuncDesc(fn.ptr());
+}
+
 // fn(**mapping, **extra), with the interpreter's own errors for a non-mapping and for a
 // keyword given twice.
 nb::object call_with_mapping(nb::handle fn, nb::handle mapping, nb::handle extra = nb::handle()) {
   nb::dict kwargs;
   if (!PyDict_Check(mapping.ptr()) && !nb::hasattr(mapping, "keys")) {
-    PyErr_Format(PyExc_TypeError, "%.200s%.200s argument after ** must be a mapping, not %.200s",
-                 PyEval_GetFuncName(fn.ptr()), PyEval_GetFuncDesc(fn.ptr()), Py_TYPE(mapping.ptr())->tp_name);
+    PyErr_Format(PyExc_TypeError, "%.200s argument after ** must be a mapping, not %.200s",
+                 callable_name(fn).c_str(), Py_TYPE(mapping.ptr())->tp_name);
     throw nb::python_error();
   }
   if (PyDict_Merge(kwargs.ptr(), mapping.ptr(), 1) != 0) throw nb::python_error();
   if (extra.is_valid()) {
     for (auto [key, value] : nb::borrow<nb::dict>(extra)) {
       if (PyDict_Contains(kwargs.ptr(), key.ptr()) == 1) {
-        PyErr_Format(PyExc_TypeError, "%.200s%.200s got multiple values for keyword argument '%U'",
-                     PyEval_GetFuncName(fn.ptr()), PyEval_GetFuncDesc(fn.ptr()), key.ptr());
+        PyErr_Format(PyExc_TypeError, "%.200s got multiple values for keyword argument '%U'",
+                     callable_name(fn).c_str(), key.ptr());
         throw nb::python_error();
       }
       kwargs[key] = value;
