@@ -24,12 +24,13 @@ import tracemalloc
 from typing import Dict, List
 
 import msgpack
-
 from quorvex.constant import FetchStatus, SecurityType
 
 PAGE_SIZE = 5000
 # Share of the master per security type; every type gets at least one page.
-SHARES = {SecurityType.Index: 0.05, SecurityType.Stock: 0.40, SecurityType.Future: 0.20, SecurityType.Option: 0.35}
+SHARES = {
+    SecurityType.Index: 0.05, SecurityType.Stock: 0.40, SecurityType.Future: 0.20, SecurityType.Option: 0.35,
+}
 
 
 def synthetic_contract(security_type: SecurityType, n: int) -> Dict[str, object]:

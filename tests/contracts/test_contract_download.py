@@ -3,12 +3,16 @@ import logging
 import random
 
 import pytest
-from conftest import ok, refused
+from conftest import Request, make_api, ok, refused
 from quorvex.constant import FetchStatus, SecurityType
 from quorvex.error import ServiceError
 
 TYPES = list(SecurityType)
 PAGE_SIZE = 3
+
+
+def pages_of(count):
+    return -(-count // PAGE_SIZE)
 
 
 def contract(security_type, n):
@@ -24,22 +28,12 @@ class Master:
     def __init__(self, counts):
         self.counts = counts
 
-    def pages(self, security_type):
-        return -(-self.counts[security_type] // PAGE_SIZE)
-
     def __call__(self, request):
         security_type, page = SecurityType(request.payload["security_type"]), request.payload["page"]
-        if page == 0:
-            return ok({"contracts": [], "security_type": security_type.value, "max_page": self.pages(security_type)})
-        first = (page - 1) * PAGE_SIZE
-        last = min(first + PAGE_SIZE, self.counts[security_type])
+        count = self.counts[security_type]
+        first, last = max(page - 1, 0) * PAGE_SIZE, min(page * PAGE_SIZE, count)
         rows = [contract(security_type, n) for n in range(first, last)]
-        return ok({"contracts": rows, "security_type": security_type.value, "max_page": self.pages(security_type)})
-
-
-class PageRequest:
-    def __init__(self, security_type, page):
-        self.payload = {"security_type": security_type.value, "page": page}
+        return ok({"contracts": rows, "security_type": security_type.value, "max_page": pages_of(count)})
 
 
 COUNTS = {SecurityType.Index: 2, SecurityType.Stock: 7, SecurityType.Future: 6, SecurityType.Option: 4}
@@ -60,8 +54,6 @@ def dumps(api_module, monkeypatch):
 
 @pytest.fixture(params=[False, True], ids=["normal", "simulation"])
 def served(request, api_module, dumps):
-    from conftest import make_api
-
     api = make_api(api_module, simulation=request.param)
     api.session.reply(api.data_contracts_topic, Master(COUNTS))
     return api
@@ -88,7 +80,7 @@ def test_full_download_in_any_order_completes_each_type_once(served, dumps):
     assert all(r.topic == "api/v1/data/contracts" for r in served.session.requests)
     assert [list(r.payload) for r in probes[:1]] == [["security_type", "page", "page_size"]]
     sent = [(r.payload["security_type"], r.payload["page"], r.timeout) for r in page_requests(served)]
-    assert sent == [(t, p, 0) for t in TYPES for p in range(1, -(-COUNTS[t] // PAGE_SIZE) + 1)]
+    assert sent == [(t, p, 0) for t in TYPES for p in range(1, pages_of(COUNTS[t]) + 1)]
     assert served.Contracts.status == FetchStatus.Fetching and completed == []
 
     order = list(range(len(served.session.pending)))
@@ -185,15 +177,10 @@ def test_a_reply_for_an_unknown_corrid_counts_as_page_1(served):
     served.fetch_contract_max_page()
     completed = []
     served.set_contract_cb("known", 2, 0, completed.append)
-    served._fetch_contracts_cb("t", "stranger", Master(COUNTS)(PageRequest(SecurityType.Stock, 3)))
+    page_3 = Master(COUNTS)(Request("t", {"security_type": "STK", "page": 3}, None, 0, None))
+    served._fetch_contracts_cb("t", "stranger", page_3)
     assert served.Contracts.Stocks._page_list == [1, 0, 0]
     assert completed == [] and served._rep_callback_map == {"known": {"page": 2, "cb": completed.append}}
-
-
-@pytest.mark.parametrize("cb, record", [(None, {"page": 4}), (print, {"page": 4, "cb": print})])
-def test_set_contract_cb_keeps_a_callback_only_when_given(served, cb, record):
-    served.set_contract_cb("id", 4, 0, cb)
-    assert served._rep_callback_map["id"] == record
 
 
 def test_a_blocking_page_request_is_handled_inside_the_call(served):
