@@ -14,8 +14,21 @@ void call_caught(nb::handle handler, Args&&... args) {
   try {
     handler(std::forward<Args>(args)...);
   } catch (nb::python_error& e) {
-    nb::object suppressed = catcher.attr(QV_NAME("__exit__"))(e.type(), e.value(), e.traceback());
-    if (!truthy(suppressed)) throw;
+    // Before 3.12 an error raised from C holds a bare message until normalized; the catcher
+    // formats an exception instance.
+    e.restore();
+    PyObject *type = nullptr, *value = nullptr, *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback) PyException_SetTraceback(value, traceback);
+    nb::object error_type = nb::steal(type), error = nb::steal(value);
+    nb::object error_traceback = traceback ? nb::steal(traceback) : nb::none();
+    nb::object suppressed = catcher.attr(QV_NAME("__exit__"))(error_type, error, error_traceback);
+    if (!truthy(suppressed)) {
+      PyErr_Restore(error_type.release().ptr(), error.release().ptr(),
+                    traceback ? error_traceback.release().ptr() : nullptr);
+      throw nb::python_error();
+    }
     return;
   }
   catcher.attr(QV_NAME("__exit__"))(nb::none(), nb::none(), nb::none());
