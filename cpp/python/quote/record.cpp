@@ -3,6 +3,7 @@
 
 #include <datetime.h>
 
+#include <cstring>
 #include <string>
 
 #include "market_time.hpp"
@@ -317,6 +318,42 @@ bool records_equal(const Layout& layout, const RecordHead& a, const Slot* a_slot
     }
   }
   return true;
+}
+
+Py_hash_t record_hash(const Layout& layout, const RecordHead& head, const Slot* slots) {
+  std::uint64_t hash = 1469598103934665603ULL;  // FNV-1a over the stored values
+  auto mix = [&hash](std::uint64_t value) { hash = (hash ^ value) * 1099511628211ULL; };
+  auto mix_number = [&mix](double number) {
+    // 0.0 and -0.0 are equal, so they must hash alike.
+    if (number == 0.0) number = 0.0;
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &number, sizeof bits);
+    mix(bits);
+  };
+  mix(head.intraday_odd);
+  for (std::size_t i = 0; i < layout.field_count; ++i) {
+    const Field& field = layout.fields[i];
+    const Slot* slot = slots + field.slot;
+    switch (field.kind) {
+      case Kind::Code: {
+        const Py_hash_t code = head.code.is_valid() ? PyObject_Hash(head.code.ptr()) : 0;
+        if (code == -1) raise();
+        mix(static_cast<std::uint64_t>(code));
+        break;
+      }
+      case Kind::Number: mix_number(slot->number); break;
+      case Kind::PriceLevels:
+        for (std::size_t level = 0; level < kBookDepth; ++level) mix_number(slot[level].number);
+        break;
+      case Kind::VolumeLevels:
+        for (std::size_t level = 0; level < kBookDepth; ++level) mix(static_cast<std::uint64_t>(slot[level].count));
+        break;
+      case Kind::Time:
+      case Kind::Count:
+      case Kind::Flag: mix(static_cast<std::uint64_t>(slot->count)); break;
+    }
+  }
+  return static_cast<Py_hash_t>(hash >> 1);  // non-negative, so never the error value -1
 }
 
 namespace detail {

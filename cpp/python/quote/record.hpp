@@ -106,6 +106,8 @@ nb::list record_keys(const Layout& layout);
 nb::object record_item(const Layout& layout, const RecordHead& head, const Slot* slots, nb::handle key);
 nb::list record_content(const Layout& layout, const RecordHead& head, const Slot* slots);
 nb::str record_repr(const Layout& layout, const RecordHead& head, const Slot* slots);
+// Consistent with records_equal: equal records hash alike.
+Py_hash_t record_hash(const Layout& layout, const RecordHead& head, const Slot* slots);
 bool records_equal(const Layout& layout, const RecordHead& a, const Slot* a_slots, const RecordHead& b,
                    const Slot* b_slots);
 
@@ -219,11 +221,7 @@ nb::class_<QuoteRecord<Spec>> bind_record(nb::module_& m) {
             return nb::bool_(records_equal(Record::layout(), a.head, a.slots.data(), b.head, b.slots.data()));
           },
           nb::is_operator())
-      .def("__hash__",
-           [](const Record& r) {
-             nb::object content = record_content(Record::layout(), r.head, r.slots.data());
-             return nb::hash(nb::make_tuple(nb::tuple(content), r.head.intraday_odd));
-           })
+      .def("__hash__", [](const Record& r) { return record_hash(Record::layout(), r.head, r.slots.data()); })
       .def("__reduce__", [](nb::handle self) {
         const Record& r = nb::cast<const Record&>(self);
         const char* constructor = r.head.intraday_odd ? "from_content_odd" : "from_content";
