@@ -1,0 +1,36 @@
+// A market clock that starts at a chosen instant and runs faster than real time, so demos and
+// tests replay a trading day in seconds while every service reads one consistent time.
+//
+// Threading: now() may be called from any thread at any time; the clock never changes after
+// construction.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string_view>
+
+#include "quorvex/paper/clock.hpp"
+
+namespace quorvex::paper {
+
+class AcceleratedClock final : public Clock {
+ public:
+  // `speed` simulated seconds pass per real second; 1 is real time. std::invalid_argument
+  // when speed is not a finite number above zero.
+  AcceleratedClock(Timestamp start, double speed);
+
+  Timestamp now() const override;
+  Timestamp start() const { return start_; }
+  double speed() const { return speed_; }
+
+ private:
+  Timestamp start_;
+  double speed_;
+  std::chrono::steady_clock::time_point origin_;
+};
+
+// The instant of a Taipei wall-clock text "YYYY-MM-DD", "YYYY-MM-DDTHH:MM" or
+// "YYYY-MM-DDTHH:MM:SS" (a blank may replace the "T"); nullopt for any other text.
+std::optional<Timestamp> parse_taipei_instant(std::string_view text);
+
+}  // namespace quorvex::paper
