@@ -70,9 +70,9 @@ std::vector<TickRow> MarketHistory::ticks(const Contract& contract, const Date& 
   while (std::optional<AppliedTrade> applied = replay.step(now)) {
     if (!applied->board) continue;
     const TapeTrade& t = applied->trade;
-    const QuoteBook& book = replay.state().book;
-    TickRow row{t.ts, t.price, t.volume, book.bids[0].price, book.bids[0].volume, book.asks[0].price,
-                book.asks[0].volume, t.side, applied->value};
+    const BookLevel bid = replay.state().book_shape.best_bid_level();
+    const BookLevel ask = replay.state().book_shape.best_ask_level();
+    const TickRow row{t.ts, t.price, t.volume, bid.price, bid.volume, ask.price, ask.volume, t.side, applied->value};
     switch (selection.kind) {
       case TickSelection::Kind::AllDay: rows.push_back(row); break;
       case TickSelection::Kind::RangeTime:
@@ -124,7 +124,7 @@ ContractSnapshot MarketHistory::snapshot_locked(const Contract& contract, Market
   ContractSnapshot snap;
   snap.contract = &contract;
   snap.state = day_state(contract, market, day, now);
-  snap.book = snap.state.book;
+  snap.book = snap.state.book();
   snap.ts = snap.state.traded() ? snap.state.ts : now;
   snap.yesterday_volume = volume_before(contract, day, now);
   return snap;

@@ -192,7 +192,7 @@ class QuoteFeed::Streams {
   }
 
   QuoteBook book_of(const Stream& s) {
-    const QuoteBook& market_book = s.day->state().book;
+    const QuoteBook market_book = s.day->state().book();
     if (!depth_ || engaged_.count({s.contract->code, board_of(s.market)}) == 0) return market_book;
     const std::optional<BookSnapshot> resting = depth_(s.contract->code, board_of(s.market));
     return resting ? merge_resting(market_book, resting->bids, resting->asks) : market_book;

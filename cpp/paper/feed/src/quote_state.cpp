@@ -89,6 +89,20 @@ QuoteBook merge_resting(const QuoteBook& market, const std::vector<DepthLevel>& 
   return merged;
 }
 
+QuoteBook BookShape::levels() const {
+  return shape_book(best_bid, best_ask, ladder, limits, typical_volume, seed);
+}
+
+BookLevel BookShape::best_bid_level() const {
+  if (!best_bid.is_positive() || !limits.contains(best_bid)) return {};
+  return {best_bid, level_volume(std::max(1.0, typical_volume), seed, 0, true)};
+}
+
+BookLevel BookShape::best_ask_level() const {
+  if (!best_ask.is_positive() || !limits.contains(best_ask)) return {};
+  return {best_ask, level_volume(std::max(1.0, typical_volume), seed, 0, false)};
+}
+
 ChangeType QuoteState::change_type() const {
   const Price p = last_price();
   if (traded() && p >= limits.limit_up) return ChangeType::LimitUp;
@@ -128,13 +142,12 @@ ContractDay::ContractDay(const MarketModel& model, const Contract& contract, Mar
     case Market::FuturesOptions: state_.value_per_unit = contract.multiplier; break;
     case Market::Index: state_.value_per_unit = 0; break;
   }
-  typical_volume_ = market == Market::IntradayOdd ? 200.0 : std::max(1.0, plan.volume_mean) * 4;
+  state_.book_shape.ladder = plan.ladder;
+  state_.book_shape.limits = plan.prices.limits;
+  state_.book_shape.typical_volume = market == Market::IntradayOdd ? 200.0 : std::max(1.0, plan.volume_mean) * 4;
   // Before the first trade the book stands around the reference.
   const Price ref = plan.prices.reference;
-  if (market != Market::Index) {
-    state_.book = shape_book(step_down(plan.ladder, ref), ref, plan.ladder, plan.prices.limits, typical_volume_,
-                             plan.seed);
-  }
+  if (market != Market::Index) set_book(step_down(plan.ladder, ref), ref, plan.seed);
   switch (market) {
     case Market::Stock: boards_ = {{Board::Common}, {Board::Odd}, {Board::Fixing}}; break;
     case Market::IntradayOdd: boards_ = {{Board::IntradayOdd}}; break;
@@ -178,10 +191,7 @@ std::optional<AppliedTrade> ContractDay::step(Timestamp t) {
   applied.trade = tape_.next();
   applied.value = value_of(applied.trade.price, applied.trade.volume);
   apply(applied.trade, applied.value);
-  if (market_ != Market::Index) {
-    state_.book = shape_book(applied.trade.bid, applied.trade.ask, contract_->ladder, state_.limits, typical_volume_,
-                             applied.trade.book_seed);
-  }
+  if (market_ != Market::Index) set_book(applied.trade.bid, applied.trade.ask, applied.trade.book_seed);
   return applied;
 }
 
@@ -217,8 +227,14 @@ AppliedTrade ContractDay::apply_own(const OwnTrade& own) {
                         own.ts < tape_.plan().sessions.front().close;
   applied.value = value_of(p, own.quantity);
   apply(applied.trade, applied.value);
-  state_.book = shape_book(bid, ask, ladder, state_.limits, typical_volume_, applied.trade.book_seed);
+  set_book(bid, ask, applied.trade.book_seed);
   return applied;
+}
+
+void ContractDay::set_book(Price bid, Price ask, std::uint64_t seed) {
+  state_.book_shape.best_bid = bid;
+  state_.book_shape.best_ask = ask;
+  state_.book_shape.seed = seed;
 }
 
 void ContractDay::apply(const TapeTrade& t, Money value) {

@@ -43,6 +43,21 @@ QuoteBook shape_book(Price best_bid, Price best_ask, TickLadder ladder, const Pr
 QuoteBook merge_resting(const QuoteBook& market, const std::vector<DepthLevel>& bids,
                         const std::vector<DepthLevel>& asks);
 
+// The market's own book after a trade: its best prices and the seed of its level volumes.
+// Shaping the levels costs more than applying the trade, so it happens only when they are read.
+struct BookShape {
+  Price best_bid;  // zero: no bids
+  Price best_ask;  // zero: no asks
+  std::uint64_t seed = 0;
+  TickLadder ladder = TickLadder::Stock;
+  PriceLimits limits;
+  double typical_volume = 1;
+
+  QuoteBook levels() const;
+  BookLevel best_bid_level() const;
+  BookLevel best_ask_level() const;
+};
+
 // Codes of the wire's chg_type.
 enum class ChangeType : std::uint8_t { LimitUp = 1, Up = 2, Unchanged = 3, Down = 4, LimitDown = 5 };
 
@@ -70,7 +85,9 @@ struct QuoteState {
   Quantity closing_oddlot_shares = 0;  // the broker's after-hours odd-lot trades
   Quantity fixed_trade_vol = 0;        // the broker's fixed-price after-hours trades
   bool night = false;
-  QuoteBook book;
+  BookShape book_shape;
+
+  QuoteBook book() const { return book_shape.levels(); }
 
   bool traded() const { return trades > 0; }
   // The last price, or the reference before the first trade.
@@ -119,6 +136,7 @@ class ContractDay {
   AppliedTrade apply_own(const OwnTrade& own);
   void apply(const TapeTrade& trade, Money value);
   Money value_of(Price price, Quantity volume) const;
+  void set_book(Price bid, Price ask, std::uint64_t seed);
 
   const MarketModel* model_;
   const Contract* contract_;
@@ -126,7 +144,6 @@ class ContractDay {
   Date day_;
   TickTape tape_;
   QuoteState state_;
-  double typical_volume_;
   std::vector<BoardCursor> boards_;
   std::vector<OwnTrade> pending_;  // the broker's trades not yet applied, in arrival order
 };
