@@ -42,7 +42,9 @@ _ACCOUNT_CLASS = {AccountType.Stock: StockAccount, AccountType.Future: FutureAcc
 def _account_record(value: Any) -> Union[Account, Any]:
     # A dict becomes the account class its type names, so records round-trip through dict().
     if isinstance(value, dict):
-        return Account(**value).astype()
+        account_type = value.get("account_type")
+        cls = _ACCOUNT_CLASS.get(account_type, Account) if isinstance(account_type, str) else Account
+        return cls(**value)
     return value
 
 

@@ -42,9 +42,9 @@ class TextEnum(str, Enum):
     def __str__(self) -> str:
         return self.value
 
-    def __format__(self, spec: str) -> str:
+    def __format__(self, pattern: str) -> str:
         # Python 3.12 changed format() of mixed-in enums; pin the value form everywhere.
-        return format(self.value, spec)
+        return format(self.value, pattern)
 
     def __hash__(self) -> int:
         # Enum hashes by member name; hash by value so a member and its text find the same

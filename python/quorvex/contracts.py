@@ -108,7 +108,9 @@ def _contract_record(value: Any) -> Any:
     # A dict becomes the contract class its security type names, so records that hold a
     # contract give back the same class after a trip through dict().
     if isinstance(value, dict):
-        return _CONTRACT_CLASS.get(value.get("security_type"), Contract)(**value)  # type: ignore[arg-type]
+        security_type = value.get("security_type")
+        cls = _CONTRACT_CLASS.get(security_type, Contract) if isinstance(security_type, str) else Contract
+        return cls(**value)
     return value
 
 
@@ -219,6 +221,15 @@ class ContractGroup(Mapping):
     def get(self, key: str, default: Any = None) -> Any:
         code = self._code_of(key)
         return default if code is None else self._owner._record(code)
+
+    def __getattr__(self, name: str) -> Contract:
+        # Symbols and letter-led codes also read as attributes: Futures.TXF.TXF202612.
+        if name.startswith("_"):
+            raise AttributeError(name)
+        code = self._code_of(name)
+        if code is None:
+            raise AttributeError("no contract {!r} in {}.{}".format(name, self._owner.name, self.name))
+        return self._owner._record(code)
 
     def __iter__(self) -> Iterator[str]:
         return iter(list(self._codes))

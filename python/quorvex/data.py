@@ -84,7 +84,7 @@ class SettlementV1(BaseModel):
 
 
 class Ticks(BaseModel):
-    """The ticks of one contract, one list per column (``ts`` in epoch nanoseconds)."""
+    """The ticks of one contract, one list per column, in time order."""
 
     ts: List[int] = []
     close: List[float] = []
@@ -97,7 +97,7 @@ class Ticks(BaseModel):
 
 
 class Kbars(BaseModel):
-    """Bars of one contract, one list per column (``ts`` in epoch nanoseconds)."""
+    """Bars of one contract, one list per column, in time order."""
 
     ts: List[int] = []
     Open: List[float] = []

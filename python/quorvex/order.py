@@ -39,7 +39,8 @@ class Order(BaseModel):
     model_config = ConfigDict(extra="forbid")
 
     action: Action
-    price: float = Field(ge=0)
+    # Not bounded below: spread prices may be negative; the broker refuses what is out of range.
+    price: float
     quantity: int = Field(gt=0)
     id: str = ""
     seqno: str = ""

@@ -12,6 +12,8 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace quorvex::api {
@@ -27,6 +29,29 @@ using namespace nb::literals;
   }())
 
 // ---- the class under construction ------------------------------------------------
+
+namespace detail {
+template <typename T>
+struct callable_arity : callable_arity<decltype(&T::operator())> {};
+template <typename C, typename R, typename... A>
+struct callable_arity<R (C::*)(A...) const> : std::integral_constant<std::size_t, sizeof...(A)> {};
+template <typename C, typename R, typename... A>
+struct callable_arity<R (C::*)(A...)> : std::integral_constant<std::size_t, sizeof...(A)> {};
+
+const char* positional_name(std::size_t index);
+
+// The C++ side of a method: positional parameters that accept any object, None included
+// (nanobind refuses None for an unannotated parameter).
+template <typename Func, std::size_t... I>
+nb::object positional_function(Func&& f, const char* name, std::index_sequence<I...>) {
+  return nb::cpp_function(std::forward<Func>(f), nb::name(name), nb::arg(positional_name(I)).none()...);
+}
+template <typename Func>
+nb::object positional_function(Func&& f, const char* name) {
+  constexpr std::size_t n = callable_arity<std::decay_t<Func>>::value;
+  return positional_function(std::forward<Func>(f), name, std::make_index_sequence<n>{});
+}
+}  // namespace detail
 
 // What each service area receives to add its methods and properties to SolaceAPI.
 //
@@ -48,15 +73,13 @@ class ApiClass {
   void method(const char* name, Func&& f, const Params&... params) {
     std::vector<Parameter> list;
     (add_parameter(list, params), ...);
-    nb::object impl = nb::cpp_function(std::forward<Func>(f), nb::name(name));
-    install(name, impl, list, false);
+    install(name, detail::positional_function(std::forward<Func>(f), name), list, false);
   }
 
   // Adds a read-only property; `getter` takes `nb::handle self`.
   template <typename Func>
   void property(const char* name, Func&& getter) {
-    nb::object impl = nb::cpp_function(std::forward<Func>(getter), nb::name(name));
-    install(name, impl, {}, true);
+    install(name, detail::positional_function(std::forward<Func>(getter), name), {}, true);
   }
 
  private:

@@ -72,7 +72,7 @@ const char* category_attr(Category category, bool simulation) {
 }
 
 template <typename... Args>
-void print(Args&&... args) {
+void builtin_print(Args&&... args) {
   nb::module_::import_("builtins").attr("print")(std::forward<Args>(args)...);
 }
 
@@ -83,8 +83,8 @@ struct DefaultHandlers {
 
 DefaultHandlers make_default_handlers() {
   auto two = [](const char* name, const char* a, const char* b) {
-    return nb::cpp_function([](nb::handle x, nb::handle y) { print(x, y); }, nb::name(name), nb::arg(a),
-                            nb::arg(b));
+    return nb::cpp_function([](nb::handle x, nb::handle y) { builtin_print(x, y); }, nb::name(name),
+                            nb::arg(a).none(), nb::arg(b).none());
   };
   DefaultHandlers h;
   h.quote = two("on_quote_callback", "topic", "msg");
@@ -94,14 +94,14 @@ DefaultHandlers make_default_handlers() {
   h.bidask_fop = two("on_bidask_fop_v1_callback", "exchange", "bidask");
   h.quote_stk = two("on_quote_stk_v1_callback", "exchange", "bidask");
   h.order = two("on_order_callback", "topic", "msg");
-  h.session_down = nb::cpp_function([]() { print("Session Down."); }, nb::name("on_session_down_callback"));
+  h.session_down = nb::cpp_function([]() { builtin_print("Session Down."); }, nb::name("on_session_down_callback"));
   h.event = nb::cpp_function(
       [](nb::handle resp_code, nb::handle event_code, nb::handle info, nb::handle event) {
-        print(format("Response Code: {} | Event Code: {} | Info: {} | Event: {}", resp_code, event_code, info,
+        builtin_print(format("Response Code: {} | Event Code: {} | Info: {} | Event: {}", resp_code, event_code, info,
                      event));
       },
-      nb::name("on_event_callback"), nb::arg("resp_code"), nb::arg("event_code"), nb::arg("info"),
-      nb::arg("event"));
+      nb::name("on_event_callback"), nb::arg("resp_code").none(), nb::arg("event_code").none(),
+      nb::arg("info").none(), nb::arg("event").none());
   return h;
 }
 

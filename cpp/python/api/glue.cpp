@@ -18,6 +18,12 @@ nb::object checked(nb::object result) {
 }
 }  // namespace
 
+const char* detail::positional_name(std::size_t index) {
+  static const char* const names[] = {"a0", "a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8", "a9", "a10", "a11",
+                                      "a12", "a13", "a14", "a15", "a16", "a17", "a18", "a19"};
+  return index < sizeof(names) / sizeof(names[0]) ? names[index] : "a_more";
+}
+
 void set_module(nb::handle module) {
   Py_XINCREF(module.ptr());
   g_module = module.ptr();
