@@ -9,12 +9,7 @@ from quorvex.account import StockAccount
 from quorvex.contracts import Stock
 from quorvex.data import CASign
 from quorvex.error import TimeoutError
-from quorvex.reserve import (
-    EarmarkStockDetail,
-    ErrorResponse,
-    ReserveStockDetail,
-    ReserveStockSummary,
-)
+from quorvex.reserve import EarmarkStockDetail, ErrorResponse, ReserveStockDetail, ReserveStockSummary
 
 ACCOUNT = StockAccount(person_id="A123456789", broker_id="9A95", account_id="0512345", signed=True)
 TSMC = Stock(exchange="TSE", code="2330", name="TSMC", reference=580.0)
@@ -132,13 +127,6 @@ def test_blocking_request_is_signed_sent_and_answered(signing_api, signatures, r
     assert signing_api._reqrep == {} and signing_api._rep_callback_map == {}
 
 
-def test_signed_texts_join_their_values_with_bars(signing_api, signatures):
-    signing_api.session.reply(EARMARK, answer())
-    signing_api.reserve_earmarking(ACCOUNT, TSMC, 1000, 579.5)
-    text = signatures[0][0][0]
-    assert text.split(" | ") == [str(ACCOUNT), str(TSMC), "1000", "579.5"]
-
-
 @requests
 def test_non_blocking_request_fills_the_result_later(signing_api, request_):
     signing_api.session.reply(request_.topic, answer(**request_.answer))
@@ -219,7 +207,7 @@ def test_listing_in_both_modes(api, method, topic, row, stocks):
 
 
 @listings
-def test_listing_refusal_and_empty_reply(api, method, topic, row, stocks):
+def test_listing_failures(api, method, topic, row, stocks):
     api.session.reply(topic, refused(503, "under maintenance"))
     result = getattr(api, method)(ACCOUNT)
     assert result.error == ErrorResponse(status_code=503, detail="under maintenance")
@@ -229,10 +217,7 @@ def test_listing_refusal_and_empty_reply(api, method, topic, row, stocks):
     with pytest.raises(TimeoutError, match=topic):
         getattr(api, method)(ACCOUNT)
 
-
-@listings
-def test_listing_answer_without_stocks_is_a_type_error(api, method, topic, row, stocks):
-    api.session.reply(topic, answer())
+    api.session.reply(topic, answer())  # `stocks` is read without a default
     with pytest.raises(TypeError, match="not iterable"):
         getattr(api, method)(ACCOUNT)
 

@@ -67,8 +67,8 @@ nb::object get_item(nb::handle mapping, const char* key) { return get_item(mappi
 // A futures broker's account key starts with "F"; its detail payloads carry fewer keys.
 bool is_futures_key(nb::handle key) { return truthy(attr(key, QV_NAME("startswith"))("F")); }
 
-// What a 200 reply of an account query carries: `response` (an empty list when absent, as
-// the services never omit it) and the `account` block inside it.
+// What a 200 reply of an account query carries: `response` (an empty list when absent) and
+// the `account` block inside it.
 struct AccountReply {
   nb::object response;
   nb::object account;
@@ -80,8 +80,8 @@ AccountReply account_reply(nb::handle resp) {
   return reply;
 }
 
-// Account(**block) of a reply, and whether its type is the stock type, compared with the text
-// "S" (listings and summary) or with AccountType.Stock (profit-and-loss detail).
+// Account(**block) of a reply, and whether its type is the stock type: the listings and the
+// summary compare it with the text "S", the detail handlers with AccountType.Stock.
 nb::object reply_account(nb::handle block) { return call_with_fields(module_attr(QV_NAME("Account")), block); }
 bool is_stock(nb::handle account, nb::handle stock) { return equals(attr(account, QV_NAME("account_type")), stock); }
 nb::object record_class(bool stock, const char* stock_cls, const char* future_cls) {
@@ -164,6 +164,30 @@ nb::object profit_loss_summary(nb::handle status) {
                                                        "status"_a = status);
 }
 
+// Adds the reply handler `name` of an account query: a 200 reply is applied to the result by
+// `apply(reply, result)` when it names its account and logged otherwise, any other status
+// is raised, and the caller's callback runs last.
+template <typename Apply>
+void account_reply_handler(ApiClass& api, const char* name, Apply apply) {
+  api.method(
+      name,
+      [apply](nb::handle self, nb::handle /*topic*/, nb::handle corrid, nb::handle resp) {
+        Reply r = begin_reply(self, corrid, resp);
+        if (r.ok()) {
+          AccountReply reply = account_reply(resp);
+          if (truthy(reply.account)) {
+            apply(reply, r.result);
+          } else {
+            log_error(reply.account);
+          }
+        } else {
+          raise_resp_error(self, r.status_code, resp);
+        }
+        r.call_back();
+      },
+      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+}
+
 }  // namespace
 
 void define_accounts(ApiClass& api) {
@@ -189,29 +213,13 @@ void define_accounts(ApiClass& api) {
       },
       nb::arg("account"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
-  api.method(
-      "_account_balance_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        Reply r = begin_reply(self, corrid, resp);
-        if (r.ok()) {
-          AccountReply reply = account_reply(resp);
-          nb::object acc_balance = get(reply.response, QV_NAME("acc_balance"), nb::int_(0));
-          // The arrival time stands in for a missing date, so it is taken on every reply.
-          nb::object now = local_now_text("%Y-%m-%d %H:%M:%S");
-          nb::object date = get(reply.response, QV_NAME("date"), now);
-          nb::object errmsg = get(reply.response, QV_NAME("errmsg"), nb::str(""));
-          if (truthy(errmsg)) log_error(errmsg);
-          if (truthy(reply.account)) {
-            r.result.attr("lazy_setter")("acc_balance"_a = acc_balance, "date"_a = date, "errmsg"_a = errmsg);
-          } else {
-            log_error(reply.account);
-          }
-        } else {
-          raise_resp_error(self, r.status_code, resp);
-        }
-        r.call_back();
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  account_reply_handler(api, "_account_balance_cb", [](const AccountReply& reply, nb::handle balance) {
+    nb::object acc_balance = get(reply.response, QV_NAME("acc_balance"), nb::int_(0));
+    nb::object date = get(reply.response, QV_NAME("date"), local_now_text("%Y-%m-%d %H:%M:%S"));
+    nb::object errmsg = get(reply.response, QV_NAME("errmsg"), nb::str(""));
+    if (truthy(errmsg)) log_error(errmsg);
+    balance.attr("lazy_setter")("acc_balance"_a = acc_balance, "date"_a = date, "errmsg"_a = errmsg);
+  });
 
   api.method(
       "margin",
@@ -230,25 +238,10 @@ void define_accounts(ApiClass& api) {
       },
       nb::arg("account"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
-  api.method(
-      "_margin_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        Reply r = begin_reply(self, corrid, resp);
-        if (r.ok()) {
-          AccountReply reply = account_reply(resp);
-          nb::object margins = get(reply.response, QV_NAME("margins"), empty_dict());
-          // Whatever keys the sheet holds go to the record; it decides what it accepts.
-          if (truthy(reply.account)) {
-            call_with_fields(attr(r.result, QV_NAME("lazy_setter")), margins);
-          } else {
-            log_error(reply.account);
-          }
-        } else {
-          raise_resp_error(self, r.status_code, resp);
-        }
-        r.call_back();
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  // Whatever keys the sheet holds go to the record; it decides what it accepts.
+  account_reply_handler(api, "_margin_cb", [](const AccountReply& reply, nb::handle sheet) {
+    call_with_fields(attr(sheet, QV_NAME("lazy_setter")), get(reply.response, QV_NAME("margins"), empty_dict()));
+  });
 
   // ---- settlements ----
 
@@ -263,24 +256,10 @@ void define_accounts(ApiClass& api) {
       },
       nb::arg("account"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
-  api.method(
-      "_settlements_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        Reply r = begin_reply(self, corrid, resp);
-        if (r.ok()) {
-          AccountReply reply = account_reply(resp);
-          nb::object rows = get(reply.response, QV_NAME("settlements"), empty_list());
-          if (truthy(reply.account)) {
-            r.result.attr("extend")(records_from(module_attr(QV_NAME("SettlementV1")), rows));
-          } else {
-            log_error(reply.account);
-          }
-        } else {
-          raise_resp_error(self, r.status_code, resp);
-        }
-        r.call_back();
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  account_reply_handler(api, "_settlements_cb", [](const AccountReply& reply, nb::handle rows) {
+    nb::object settlements = get(reply.response, QV_NAME("settlements"), empty_list());
+    rows.attr("extend")(records_from(module_attr(QV_NAME("SettlementV1")), settlements));
+  });
 
   // No simulation refusal: the settlement sheet is asked for in both modes.
   api.method(
@@ -296,24 +275,9 @@ void define_accounts(ApiClass& api) {
       },
       nb::arg("account"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
-  api.method(
-      "_list_settlements_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        Reply r = begin_reply(self, corrid, resp);
-        if (r.ok()) {
-          AccountReply reply = account_reply(resp);
-          nb::object sheet = get(reply.response, QV_NAME("settlements"), empty_dict());
-          if (truthy(reply.account)) {
-            call_with_fields(attr(r.result, QV_NAME("lazy_setter")), sheet);
-          } else {
-            log_error(reply.account);
-          }
-        } else {
-          raise_resp_error(self, r.status_code, resp);
-        }
-        r.call_back();
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  account_reply_handler(api, "_list_settlements_cb", [](const AccountReply& reply, nb::handle sheet) {
+    call_with_fields(attr(sheet, QV_NAME("lazy_setter")), get(reply.response, QV_NAME("settlements"), empty_dict()));
+  });
 
   // ---- positions ----
 
@@ -428,27 +392,12 @@ void define_accounts(ApiClass& api) {
       },
       nb::arg("account"), nb::arg("detail_id"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
-  api.method(
-      "_list_profit_loss_detail_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        Reply r = begin_reply(self, corrid, resp);
-        if (r.ok()) {
-          AccountReply reply = account_reply(resp);
-          nb::object rows = get(reply.response, QV_NAME("profitdetail"), empty_list());
-          if (truthy(reply.account)) {
-            nb::object account = reply_account(reply.account);
-            const bool stock = is_stock(account, attr(module_attr(QV_NAME("AccountType")), QV_NAME("Stock")));
-            nb::object cls = record_class(stock, "StockProfitDetail", "FutureProfitDetail");
-            r.result.attr("extend")(records_from(cls, rows));
-          } else {
-            log_error(reply.account);
-          }
-        } else {
-          raise_resp_error(self, r.status_code, resp);
-        }
-        r.call_back();
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  account_reply_handler(api, "_list_profit_loss_detail_cb", [](const AccountReply& reply, nb::handle rows) {
+    nb::object details = get(reply.response, QV_NAME("profitdetail"), empty_list());
+    nb::object account = reply_account(reply.account);
+    const bool stock = is_stock(account, attr(module_attr(QV_NAME("AccountType")), QV_NAME("Stock")));
+    rows.attr("extend")(records_from(record_class(stock, "StockProfitDetail", "FutureProfitDetail"), details));
+  });
 
   api.method(
       "list_profit_loss_summary",
@@ -476,30 +425,16 @@ void define_accounts(ApiClass& api) {
       nb::arg("account"), nb::arg("begin_date"), nb::arg("end_date"), nb::arg("timeout") = 5000,
       nb::arg("cb") = nb::none());
 
-  api.method(
-      "_list_profit_loss_summary_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        Reply r = begin_reply(self, corrid, resp);
-        if (r.ok()) {
-          AccountReply reply = account_reply(resp);
-          nb::object rows = get(reply.response, QV_NAME("profitloss_sum"), empty_list());
-          nb::object total = get(reply.response, QV_NAME("total"), empty_list());
-          if (truthy(reply.account)) {
-            nb::object account = reply_account(reply.account);
-            nb::object cls = record_class(is_stock(account, nb::str("S")), "StockProfitLossSummary",
-                                          "FutureProfitLossSummary");
-            nb::list summary = records_from(cls, rows);
-            nb::object total_record = call_with_fields(module_attr(QV_NAME("ProfitLossTotal")), total);
-            r.result.attr("lazy_setter")("profitloss_summary"_a = summary, "total"_a = total_record);
-          } else {
-            log_error(reply.account);
-          }
-        } else {
-          raise_resp_error(self, r.status_code, resp);
-        }
-        r.call_back();
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  account_reply_handler(api, "_list_profit_loss_summary_cb", [](const AccountReply& reply, nb::handle summary) {
+    nb::object rows = get(reply.response, QV_NAME("profitloss_sum"), empty_list());
+    // An absent total defaults to a list, which is no mapping of fields: TypeError.
+    nb::object total = get(reply.response, QV_NAME("total"), empty_list());
+    nb::object account = reply_account(reply.account);
+    nb::object cls = record_class(is_stock(account, nb::str("S")), "StockProfitLossSummary", "FutureProfitLossSummary");
+    nb::list summary_rows = records_from(cls, rows);
+    nb::object total_record = call_with_fields(module_attr(QV_NAME("ProfitLossTotal")), total);
+    summary.attr("lazy_setter")("profitloss_summary"_a = summary_rows, "total"_a = total_record);
+  });
 }
 
 }  // namespace quorvex::api
