@@ -147,9 +147,21 @@ void fill_cached_listing(nb::handle self, const CachedListing& listing, nb::hand
   if (truthy(cb)) cb(get_item(attr(self, listing.cache_attr), reply_account_key(account)));
 }
 
-// The first cached item of the account whose `id` equals `detail_id`; None when the account
-// was never listed or holds no such item.
-nb::object cached_item(nb::handle self, const char* cache_attr, nb::handle key, nb::handle detail_id) {
+void cached_listing_handler(ApiClass& api, const CachedListing& listing) {
+  api.method(
+      listing.handler_attr,
+      [&listing](nb::handle self, nb::handle /*topic*/, nb::handle corrid, nb::handle resp) {
+        fill_cached_listing(self, listing, corrid, resp);
+      },
+      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+}
+
+// The cached item a detail query asks about: the first of the account's cached items whose
+// `id` equals `detail_id`. None when the query stops without sending: refused in simulation,
+// or the account never listed or holding no such item.
+nb::object detail_target(nb::handle self, const char* method, const char* cache_attr, nb::handle key,
+                         nb::handle detail_id) {
+  if (refuse_in_simulation(self, method)) return nb::none();
   nb::object cached = get(attr(self, cache_attr), key, nb::bool_(false));
   if (!truthy(cached)) return nb::none();
   for (nb::handle item : cached) {
@@ -292,21 +304,15 @@ void define_accounts(ApiClass& api) {
       },
       nb::arg("account"), nb::arg("unit"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
-  api.method(
-      "_list_positions_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        fill_cached_listing(self, kPositions, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  cached_listing_handler(api, kPositions);
 
   // Reads the cache filled by list_positions: an unknown account or id sends nothing.
   api.method(
       "list_position_detail",
       [](nb::handle self, nb::handle account, nb::handle detail_id, nb::handle timeout, nb::handle cb) -> nb::object {
         nb::object key = account_key(account);
-        if (refuse_in_simulation(self, "list_position_detail")) return nb::list();
-        nb::object position = cached_item(self, "_positions", key, detail_id);
-        if (!truthy(position)) return nb::list();
+        nb::object position = detail_target(self, "list_position_detail", "_positions", key, detail_id);
+        if (position.is_none()) return nb::list();
         nb::dict payload;
         payload["account"] = account_payload(account);
         if (is_futures_key(key)) {
@@ -359,21 +365,15 @@ void define_accounts(ApiClass& api) {
       nb::arg("account"), nb::arg("begin_date"), nb::arg("end_date"), nb::arg("timeout") = 5000,
       nb::arg("cb") = nb::none());
 
-  api.method(
-      "_list_profit_loss_cb",
-      [](nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
-        fill_cached_listing(self, kProfitLoss, corrid, resp);
-      },
-      nb::arg("topic"), nb::arg("corrid"), nb::arg("resp"));
+  cached_listing_handler(api, kProfitLoss);
 
   // Reads the cache filled by list_profit_loss; the item's values are read by key.
   api.method(
       "list_profit_loss_detail",
       [](nb::handle self, nb::handle account, nb::handle detail_id, nb::handle timeout, nb::handle cb) -> nb::object {
         nb::object key = account_key(account);
-        if (refuse_in_simulation(self, "list_profit_loss_detail")) return nb::list();
-        nb::object item = cached_item(self, "_profit_loss", key, detail_id);
-        if (!truthy(item)) return nb::list();
+        nb::object item = detail_target(self, "list_profit_loss_detail", "_profit_loss", key, detail_id);
+        if (item.is_none()) return nb::list();
         nb::dict payload;
         payload["account"] = account_payload(account);
         payload["stock"] = get_item(item, "code");
