@@ -166,6 +166,11 @@ void raise_resp_error(nb::handle self, nb::handle status_code, nb::handle resp);
 void log_error(nb::handle msg);
 void logger_warning(nb::handle msg);
 
+// Refuses an argument that is neither None nor an instance of `type` with a TypeError in the
+// interpreter's words for a typed parameter, e.g. "Argument 'corrid' has incorrect type
+// (expected str, got int)". Checks run before a method does anything else.
+void check_arg_type(nb::handle value, const char* name, PyTypeObject* type);
+
 // Writes "Simulation not support {method} yet" through logger.warning and returns true when
 // the instance runs in simulation; returns false otherwise.
 bool refuse_in_simulation(nb::handle self, const char* method);

@@ -112,6 +112,13 @@ void log_error(nb::handle msg) { module_attr(QV_NAME("log")).attr(QV_NAME("error
 
 void logger_warning(nb::handle msg) { module_attr(QV_NAME("logger")).attr(QV_NAME("warning"))(msg); }
 
+void check_arg_type(nb::handle value, const char* name, PyTypeObject* type) {
+  if (value.is_none() || PyObject_TypeCheck(value.ptr(), type)) return;
+  PyErr_Format(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", name,
+               type->tp_name, Py_TYPE(value.ptr())->tp_name);
+  throw nb::python_error();
+}
+
 bool refuse_in_simulation(nb::handle self, const char* method) {
   if (!truthy(attr(self, QV_NAME("_simulation")))) return false;
   logger_warning(nb::str(("Simulation not support " + std::string(method) + " yet").c_str()));
