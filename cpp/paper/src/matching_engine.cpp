@@ -107,8 +107,8 @@ void MatchingEngine::replenish(BookState& state) {
       ticket.board = rules.board;
       ticket.side = side;
       ticket.price = price;
-      ticket.quantity = odd ? state.rng.between(10, state.unit - 1)
-                            : state.rng.between(profile.min_quantity, profile.max_quantity);
+      ticket.quantity =
+          odd ? state.rng.between(10, state.unit - 1) : state.rng.between(profile.min_quantity, profile.max_quantity);
       const OrderId id = kSyntheticIdBase + ++last_synthetic_id_;
       if (!book.submit(id, ticket, now, queue_, true)) mine.push_back(id);
     }
@@ -199,10 +199,22 @@ OrderReceipt MatchingEngine::receipt(OrderId id) const {
   return OrderReceipt{r.id, r.status, r.deal_quantity, r.cancel_quantity, r.remaining(), r.order_ts};
 }
 
-Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket) {
+OrderId MatchingEngine::issue_order_id() {
+  std::lock_guard lock(mutex_);
+  const OrderId id = ++last_order_id_;
+  issued_.insert(id);
+  return id;
+}
+
+Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optional<OrderId> issued) {
   const Timestamp now = clock_.now();
   std::unique_lock lock(mutex_);
-  const OrderId id = ++last_order_id_;
+  if (issued && issued_.erase(*issued) == 0) {
+    return refuse(RefusalCode::DuplicateOrder, "order id " + std::to_string(*issued) +
+                                                   " was not issued or has been placed already; expected an id "
+                                                   "from issue_order_id, used once");
+  }
+  const OrderId id = issued ? *issued : ++last_order_id_;
   OrderRecord& record = records_[id];
   record.id = id;
   record.seqno = seqno_of(id);
@@ -244,9 +256,9 @@ Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket) {
 }
 
 Outcome MatchingEngine::refuse_finished(OrderId id, OrderOperation op, const OrderRecord& r) {
-  Refusal refusal = refuse(RefusalCode::NothingToCancel,
-                           "order " + r.ordno + " is already " + std::string(to_text(r.status)) + "; nothing left to " +
-                               (op == OrderOperation::Cancel ? "cancel" : "change"));
+  Refusal refusal = refuse(RefusalCode::NothingToCancel, "order " + r.ordno + " is already " +
+                                                             std::string(to_text(r.status)) + "; nothing left to " +
+                                                             (op == OrderOperation::Cancel ? "cancel" : "change"));
   OrderEvent& e = queue_.add();
   e.kind = OrderEventKind::Refused;
   e.operation = op;

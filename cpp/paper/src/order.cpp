@@ -27,15 +27,13 @@ constexpr std::array<std::pair<PriceType, std::string_view>, 3> kPriceTypes{
     {{PriceType::Limit, "LMT"}, {PriceType::Market, "MKT"}, {PriceType::MarketRange, "MKP"}}};
 constexpr std::array<std::pair<OrderType, std::string_view>, 3> kOrderTypes{
     {{OrderType::ROD, "ROD"}, {OrderType::IOC, "IOC"}, {OrderType::FOK, "FOK"}}};
-constexpr std::array<std::pair<Board, std::string_view>, 4> kBoards{{{Board::Common, "Common"},
-                                                                    {Board::Odd, "Odd"},
-                                                                    {Board::IntradayOdd, "IntradayOdd"},
-                                                                    {Board::Fixing, "Fixing"}}};
+constexpr std::array<std::pair<Board, std::string_view>, 4> kBoards{
+    {{Board::Common, "Common"}, {Board::Odd, "Odd"}, {Board::IntradayOdd, "IntradayOdd"}, {Board::Fixing, "Fixing"}}};
 constexpr std::array<std::pair<Status, std::string_view>, 5> kStatuses{{{Status::Submitted, "Submitted"},
-                                                                       {Status::PartFilled, "PartFilled"},
-                                                                       {Status::Filled, "Filled"},
-                                                                       {Status::Cancelled, "Cancelled"},
-                                                                       {Status::Failed, "Failed"}}};
+                                                                        {Status::PartFilled, "PartFilled"},
+                                                                        {Status::Filled, "Filled"},
+                                                                        {Status::Cancelled, "Cancelled"},
+                                                                        {Status::Failed, "Failed"}}};
 constexpr std::array<std::pair<OrderOperation, std::string_view>, 4> kOperations{
     {{OrderOperation::Place, "New"},
      {OrderOperation::Cancel, "Cancel"},

@@ -16,9 +16,9 @@ namespace quorvex::paper {
 using OrderId = std::uint64_t;
 using DealId = std::uint64_t;
 
-enum class Side : std::uint8_t { Buy, Sell };                         // "Buy", "Sell"
-enum class PriceType : std::uint8_t { Limit, Market, MarketRange };   // "LMT", "MKT", "MKP"
-enum class OrderType : std::uint8_t { ROD, IOC, FOK };                // "ROD", "IOC", "FOK"
+enum class Side : std::uint8_t { Buy, Sell };                        // "Buy", "Sell"
+enum class PriceType : std::uint8_t { Limit, Market, MarketRange };  // "LMT", "MKT", "MKP"
+enum class OrderType : std::uint8_t { ROD, IOC, FOK };               // "ROD", "IOC", "FOK"
 // Stock boards; futures and options trade on the Common board only.
 enum class Board : std::uint8_t { Common, Odd, IntradayOdd, Fixing };  // "Common", "Odd", ...
 enum class Status : std::uint8_t { Submitted, PartFilled, Filled, Cancelled, Failed };
