@@ -49,6 +49,18 @@ constexpr std::array<std::pair<OrderEventKind, std::string_view>, 6> kEventKinds
 
 }  // namespace
 
+std::string order_seqno(OrderId id) {
+  std::string text = std::to_string(id % 1000000);
+  return std::string(6 - text.size(), '0') + text;
+}
+
+std::string order_ordno(OrderId id) {
+  static constexpr char kDigits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  std::string text(5, '0');
+  for (int i = 4; i >= 0; --i, id /= 36) text[static_cast<std::size_t>(i)] = kDigits[id % 36];
+  return text;
+}
+
 std::string_view to_text(Side side) { return name_of(kSides, side); }
 std::string_view to_text(PriceType type) { return name_of(kPriceTypes, type); }
 std::string_view to_text(OrderType type) { return name_of(kOrderTypes, type); }

@@ -156,13 +156,15 @@ Outcome OrderBook::refuse_live(OrderOperation op, std::uint32_t slot, Refusal re
 
 Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, EventQueue& queue, bool synthetic) {
   if (Outcome refused = validate(t)) return refuse_with_event(OrderOperation::Place, id, t, *refused, now, queue);
-  if (index_.count(id) != 0) {
+  const auto [entry, added] = index_.try_emplace(id, kNil);
+  if (!added) {
     return refuse_with_event(OrderOperation::Place, id, t,
                              refuse(RefusalCode::DuplicateOrder,
                                     "order id " + std::to_string(id) + " is already in the book; expected a new id"),
                              now, queue);
   }
   const std::uint32_t slot = allocate();
+  entry->second = slot;
   Slot& s = slots_[slot];
   s.id = id;
   s.account = t.account;
@@ -171,7 +173,6 @@ Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, Event
   s.quantity = s.remaining = t.quantity;
   s.ts = now;
   s.synthetic = synthetic;
-  index_.emplace(id, slot);
   OrderEvent& accepted = event_for(OrderEventKind::Accepted, OrderOperation::Place, s, now, queue);
   accepted.quantity = t.quantity;
 

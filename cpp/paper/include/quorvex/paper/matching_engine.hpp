@@ -89,11 +89,15 @@ class MatchingEngine {
 
  private:
   struct BookState;
-  struct Delivery;
+  struct Entry {
+    OrderRecord record;  // seqno and ordno are filled in the copies handed out
+    BookState* book = nullptr;  // while the order works
+  };
 
   Result<BookState*> open_book(const std::string& code, Board board);
   Result<OrderReceipt> modify(OrderId id, OrderOperation op, Price price, Quantity by);
   Outcome refuse_finished(OrderId id, OrderOperation op, const OrderRecord& record);
+  static OrderRecord handed_out(const OrderRecord& record);
   void settle_events(BookState* book);
   void replenish(BookState& book);
   void apply(const OrderEvent& event);
@@ -108,9 +112,8 @@ class MatchingEngine {
   mutable std::mutex mutex_;
   std::shared_ptr<const OrderEventHandler> handler_;
   std::unordered_map<std::string, std::unique_ptr<BookState>> books_;
-  std::unordered_map<OrderId, OrderRecord> records_;
+  std::unordered_map<OrderId, Entry> records_;
   std::unordered_set<OrderId> issued_;
-  std::unordered_map<OrderId, BookState*> live_;
   std::unordered_map<std::string, std::vector<OrderId>> by_account_;
   std::vector<OrderId> finished_;  // retirement order
   std::size_t finished_head_ = 0;
@@ -118,6 +121,7 @@ class MatchingEngine {
   OrderId last_synthetic_id_ = 0;
   EventQueue queue_;
   std::vector<OrderEvent> outbox_;
+  std::vector<OrderEvent> spare_;  // the delivered batch, kept for its capacity
   bool delivering_ = false;
 };
 

@@ -37,6 +37,10 @@ std::optional<PriceType> price_type_from_text(std::string_view text);
 std::optional<OrderType> order_type_from_text(std::string_view text);
 std::optional<Board> board_from_text(std::string_view text);
 
+// The six-digit sequence number and the five-character exchange order number of an order.
+std::string order_seqno(OrderId id);
+std::string order_ordno(OrderId id);
+
 inline Side opposite(Side side) { return side == Side::Buy ? Side::Sell : Side::Buy; }
 
 struct OrderTicket {
