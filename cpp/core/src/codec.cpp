@@ -1,0 +1,243 @@
+#include "quorvex/core/codec.hpp"
+
+#include <msgpack.hpp>
+
+#include <unordered_set>
+
+namespace quorvex::core {
+namespace {
+
+struct StringSink {
+  std::string& out;
+  void write(const char* data, std::size_t size) { out.append(data, size); }
+};
+
+constexpr std::size_t kMaxEncodeDepth = DecodeLimits{}.max_depth;
+
+std::uint32_t checked_length(std::size_t size, const char* what) {
+  if (size > 0xffffffffu) {
+    throw CodecError(std::string(what) + " of " + std::to_string(size) + " exceeds the msgpack limit of 2^32-1");
+  }
+  return static_cast<std::uint32_t>(size);
+}
+
+void pack_value(msgpack::packer<StringSink>& pk, std::string& out, const Value& v, std::size_t depth) {
+  switch (v.kind()) {
+    case Value::Kind::Nil: pk.pack_nil(); break;
+    case Value::Kind::Bool: v.as_bool() ? pk.pack_true() : pk.pack_false(); break;
+    case Value::Kind::Int: pk.pack_int64(v.as_int()); break;
+    case Value::Kind::UInt: pk.pack_uint64(v.as_uint()); break;
+    case Value::Kind::Double: append_float64(out, v.as_double()); break;
+    case Value::Kind::String: {
+      const std::string& s = v.as_string();
+      pk.pack_str(checked_length(s.size(), "string length"));
+      pk.pack_str_body(s.data(), static_cast<std::uint32_t>(s.size()));
+      break;
+    }
+    case Value::Kind::Binary: {
+      const Bytes& b = v.as_binary();
+      pk.pack_bin(checked_length(b.size(), "binary length"));
+      pk.pack_bin_body(reinterpret_cast<const char*>(b.data()), static_cast<std::uint32_t>(b.size()));
+      break;
+    }
+    case Value::Kind::Array: {
+      if (depth >= kMaxEncodeDepth) throw CodecError("value nests deeper than " + std::to_string(kMaxEncodeDepth) + " levels");
+      const Array& items = v.as_array();
+      pk.pack_array(checked_length(items.size(), "array length"));
+      for (const auto& item : items) pack_value(pk, out, item, depth + 1);
+      break;
+    }
+    case Value::Kind::Map: {
+      if (depth >= kMaxEncodeDepth) throw CodecError("value nests deeper than " + std::to_string(kMaxEncodeDepth) + " levels");
+      const Map& entries = v.as_map();
+      pk.pack_map(checked_length(entries.size(), "map size"));
+      for (const auto& entry : entries) {
+        pk.pack_str(checked_length(entry.key.size(), "key length"));
+        pk.pack_str_body(entry.key.data(), static_cast<std::uint32_t>(entry.key.size()));
+        pack_value(pk, out, entry.value, depth + 1);
+      }
+      break;
+    }
+    case Value::Kind::Extension: {
+      const Extension& ext = v.as_extension();
+      pk.pack_ext(checked_length(ext.data.size(), "extension length"), ext.type);
+      pk.pack_ext_body(reinterpret_cast<const char*>(ext.data.data()), static_cast<std::uint32_t>(ext.data.size()));
+      break;
+    }
+  }
+}
+
+// Builds a Value tree from msgpack parse events. Every element still owed by an open container needs
+// at least one more input byte, so the owed count is checked against the input size before a
+// container is reserved: hostile headers cannot force allocations beyond a small multiple of the input.
+class TreeBuilder {
+ public:
+  TreeBuilder(std::size_t input_size, std::size_t max_depth) : input_size_(input_size), max_depth_(max_depth) {}
+
+  Value take_root() { return std::move(root_); }
+  const std::string& error() const { return error_; }
+
+  bool visit_nil() { return place(Value()); }
+  bool visit_boolean(bool v) { return place(Value(v)); }
+  bool visit_positive_integer(std::uint64_t v) { return place(Value(v)); }
+  bool visit_negative_integer(std::int64_t v) { return place(Value(v)); }
+  bool visit_float32(float v) { return place(Value(v)); }
+  bool visit_float64(double v) { return place(Value(v)); }
+  bool visit_str(const char* data, std::uint32_t size) {
+    if (in_key()) return take_key(data, size);
+    return place(Value(std::string(data, size)));
+  }
+  bool visit_bin(const char* data, std::uint32_t size) { return place(Value::binary(std::string_view(data, size))); }
+  bool visit_ext(const char* data, std::uint32_t size) {
+    // The first byte is the type code, the rest the body.
+    Extension ext;
+    ext.type = static_cast<std::int8_t>(data[0]);
+    ext.data.assign(reinterpret_cast<const std::uint8_t*>(data) + 1, reinterpret_cast<const std::uint8_t*>(data) + size);
+    return place(Value(std::move(ext)));
+  }
+  bool start_array(std::uint32_t n) { return open(Value(Array()), n, false); }
+  bool start_array_item() { return true; }
+  bool end_array_item() { return true; }
+  bool end_array() { return close(); }
+  bool start_map(std::uint32_t n) { return open(Value(Map()), n, true); }
+  bool start_map_key() {
+    frames_.back().key_position = true;
+    return true;
+  }
+  bool end_map_key() { return true; }
+  bool start_map_value() {
+    frames_.back().key_position = false;
+    return true;
+  }
+  bool end_map_value() { return true; }
+  bool end_map() { return close(); }
+  void parse_error(std::size_t /*parsed_offset*/, std::size_t error_offset) {
+    fail("malformed msgpack at byte " + std::to_string(error_offset));
+  }
+  void insufficient_bytes(std::size_t /*parsed_offset*/, std::size_t /*error_offset*/) {
+    fail("truncated msgpack: the input of " + std::to_string(input_size_) +
+         " bytes ends inside the message");
+  }
+  bool referenced() const { return false; }
+  void set_referenced(bool) {}
+
+ private:
+  struct Frame {
+    Value* container;
+    bool is_map;
+    bool key_position = false;
+    std::string key;
+    std::unordered_set<std::string_view> seen_keys;  // only for large maps
+  };
+
+  bool in_key() const { return !frames_.empty() && frames_.back().is_map && frames_.back().key_position; }
+
+  bool fail(std::string message) {
+    if (error_.empty()) error_ = std::move(message);
+    return false;
+  }
+
+  bool take_key(const char* data, std::uint32_t size) {
+    Frame& frame = frames_.back();
+    const std::string_view key(data, size);
+    const Map& map = frame.container->as_map();
+    bool duplicate;
+    if (map.size() < 16) {
+      duplicate = map.contains(key);
+      if (map.size() == 15) {
+        for (const auto& entry : map) frame.seen_keys.insert(entry.key);
+      }
+    } else {
+      duplicate = !frame.seen_keys.insert(key).second;
+    }
+    if (duplicate) return fail("malformed payload: duplicate map key '" + std::string(key) + "'");
+    frame.key.assign(data, size);
+    --owed_;
+    return true;
+  }
+
+  // Places a finished value into the innermost open container (or as the root); returns its address.
+  Value* put(Value v) {
+    if (frames_.empty()) {
+      root_ = std::move(v);
+      return &root_;
+    }
+    --owed_;
+    Frame& frame = frames_.back();
+    if (frame.is_map) {
+      if (frame.key_position) {
+        fail(std::string("malformed payload: map key must be a string, found ") + v.kind_name());
+        return nullptr;
+      }
+      return &frame.container->as_map().append_new(std::move(frame.key), std::move(v));
+    }
+    Array& items = frame.container->as_array();
+    items.push_back(std::move(v));
+    return &items.back();
+  }
+
+  bool place(Value v) { return put(std::move(v)) != nullptr; }
+
+  bool open(Value container, std::uint32_t n, bool is_map) {
+    if (frames_.size() >= max_depth_) {
+      return fail("malformed payload: nesting deeper than " + std::to_string(max_depth_) + " levels");
+    }
+    Value* placed = put(std::move(container));
+    if (!placed) return false;
+    owed_ += static_cast<std::size_t>(n) * (is_map ? 2 : 1);
+    if (owed_ > input_size_) {
+      return fail(std::string("malformed msgpack: ") + (is_map ? "map of " : "array of ") + std::to_string(n) +
+                  " entries cannot fit in the " + std::to_string(input_size_) + "-byte input");
+    }
+    if (is_map) {
+      placed->as_map().reserve(n);
+    } else {
+      placed->as_array().reserve(n);
+    }
+    frames_.push_back(Frame{placed, is_map});
+    return true;
+  }
+
+  bool close() {
+    frames_.pop_back();
+    return true;
+  }
+
+  std::size_t input_size_;
+  std::size_t max_depth_;
+  std::size_t owed_ = 0;  // elements (keys and values) declared by open containers, not yet seen
+  Value root_;
+  std::vector<Frame> frames_;
+  std::string error_;
+};
+
+}  // namespace
+
+void encode_append(const Value& value, std::string& out) {
+  StringSink sink{out};
+  msgpack::packer<StringSink> pk(sink);
+  pack_value(pk, out, value, 0);
+}
+
+std::string encode(const Value& value) {
+  std::string out;
+  encode_append(value, out);
+  return out;
+}
+
+Value decode(std::string_view bytes, const DecodeLimits& limits) {
+  if (bytes.empty()) throw CodecError("empty input, expected one msgpack message");
+  TreeBuilder builder(bytes.size(), limits.max_depth);
+  std::size_t offset = 0;
+  const bool ok = msgpack::parse(bytes.data(), bytes.size(), offset, builder);
+  if (!ok) {
+    throw CodecError(builder.error().empty() ? "malformed msgpack" : builder.error());
+  }
+  if (offset != bytes.size()) {
+    throw CodecError("malformed msgpack: " + std::to_string(bytes.size() - offset) +
+                     " trailing bytes after a message of " + std::to_string(offset) + " bytes");
+  }
+  return builder.take_root();
+}
+
+}  // namespace quorvex::core
