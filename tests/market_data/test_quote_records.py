@@ -1,4 +1,5 @@
 """The real-time quote records: content layouts, conversions, presentation, refusals."""
+
 import datetime
 import pickle
 
@@ -13,7 +14,6 @@ from market_data_fixtures import (
     stock_quote_content,
     stock_tick_content,
 )
-
 from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
 from quorvex.backend.solace.quote import QuoteSTKv1
 from quorvex.backend.solace.tick import TickFOPv1, TickSTKv1
@@ -51,7 +51,9 @@ def test_content_round_trip_and_presentation(cls, constructor, content):
     assert all(" {}=".format(name) in text for name in list(fields)[1:])
 
 
-@pytest.mark.parametrize("cls, content", [(TickSTKv1, stock_tick_content), (BidAskSTKv1, stock_bidask_content)])
+@pytest.mark.parametrize(
+    "cls, content", [(TickSTKv1, stock_tick_content), (BidAskSTKv1, stock_bidask_content)]
+)
 def test_odd_lot_records_are_marked_and_differ_from_board_lots(cls, content):
     board, odd = cls.from_content(*content()), cls.from_content_odd(*content())
     assert (board.intraday_odd, odd.intraday_odd) == (False, True)
@@ -97,18 +99,55 @@ def _replace(elements, index, value):
 @pytest.mark.parametrize(
     "elements, error, message",
     [
-        (stock_tick_content()[:-1], TypeError, r"TickSTKv1 expects 23 content elements \(code, datetime, .*\), got 22"),
+        (
+            stock_tick_content()[:-1],
+            TypeError,
+            r"TickSTKv1 expects 23 content elements \(code, datetime, .*\), got 22",
+        ),
         (stock_tick_content() + [0], TypeError, r"expects 23 content elements .* got 24"),
         (_replace(stock_tick_content(), 0, 2330), TypeError, r"content\[0\] \(code\) must be a str, got int"),
-        (_replace(stock_tick_content(), 3, "595"), TypeError, r"content\[3\] \(close\) must be a number, got str"),
-        (_replace(stock_tick_content(), 9, 3.0), TypeError, r"content\[9\] \(volume\) must be an integer, got float"),
-        (_replace(stock_tick_content(), 9, 2**64), ValueError, r"content\[9\] \(volume\) does not fit a 64-bit"),
-        (_replace(stock_tick_content(), 22, "no"), TypeError, r"content\[22\] \(simtrade\) must be a bool, got str"),
-        (_replace(stock_tick_content(), 1, "2024-01-02 09:00:01"), TypeError,
-         r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str"),
-        (_replace(stock_tick_content(), 1, 10**18), ValueError, r"content\[1\] \(datetime\) is outside the years"),
+        (
+            _replace(stock_tick_content(), 3, "595"),
+            TypeError,
+            r"content\[3\] \(close\) must be a number, got str",
+        ),
+        (
+            _replace(stock_tick_content(), 9, 3.0),
+            TypeError,
+            r"content\[9\] \(volume\) must be an integer, got float",
+        ),
+        (
+            _replace(stock_tick_content(), 9, 2**64),
+            ValueError,
+            r"content\[9\] \(volume\) does not fit a 64-bit",
+        ),
+        (
+            _replace(stock_tick_content(), 22, "no"),
+            TypeError,
+            r"content\[22\] \(simtrade\) must be a bool, got str",
+        ),
+        (
+            _replace(stock_tick_content(), 1, "2024-01-02 09:00:01"),
+            TypeError,
+            r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str",
+        ),
+        (
+            _replace(stock_tick_content(), 1, 10**18),
+            ValueError,
+            r"content\[1\] \(datetime\) is outside the years",
+        ),
     ],
-    ids=["short", "long", "code", "price", "volume-float", "volume-overflow", "flag", "time-text", "time-range"],
+    ids=[
+        "short",
+        "long",
+        "code",
+        "price",
+        "volume-float",
+        "volume-overflow",
+        "flag",
+        "time-text",
+        "time-range",
+    ],
 )
 def test_malformed_stock_ticks_are_refused(elements, error, message):
     with pytest.raises(error, match=message):
@@ -141,8 +180,12 @@ EPOCH_IN_TAIPEI = datetime.datetime(1970, 1, 1, 8)
         (-1, datetime.datetime(1970, 1, 1, 7, 59, 59, 999999)),
         (OPENING, OPENING),  # naive: already Taipei time
         (datetime.datetime(2024, 1, 2, 1, 0, 1, 500000, tzinfo=datetime.timezone.utc), OPENING),
-        (datetime.datetime(2024, 1, 1, 20, 0, 1, 500000, tzinfo=datetime.timezone(-datetime.timedelta(hours=5))),
-         OPENING),
+        (
+            datetime.datetime(
+                2024, 1, 1, 20, 0, 1, 500000, tzinfo=datetime.timezone(-datetime.timedelta(hours=5))
+            ),
+            OPENING,
+        ),
     ],
     ids=["epoch", "before-epoch", "naive", "utc", "new-york"],
 )
