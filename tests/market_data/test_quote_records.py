@@ -51,6 +51,42 @@ def test_content_round_trip_and_presentation(cls, constructor, content):
     assert all(" {}=".format(name) in text for name in list(fields)[1:])
 
 
+STOCK_TRADE = (
+    "code datetime open close high low avg_price amount total_amount volume total_volume tick_type chg_type "
+    "price_chg pct_chg bid_side_total_vol ask_side_total_vol bid_side_total_cnt ask_side_total_cnt "
+    "closing_oddlot_shares fixed_trade_vol"
+).split()
+BOOK = "bid_price bid_volume diff_bid_vol ask_price ask_volume diff_ask_vol".split()
+FUTURES_TRADE = (
+    "code datetime open underlying_price bid_side_total_vol ask_side_total_vol avg_price close high low "
+    "amount total_amount volume total_volume tick_type chg_type price_chg pct_chg simtrade"
+).split()
+FUTURES_DERIVED = (
+    "first_derived_bid_price first_derived_ask_price first_derived_bid_vol first_derived_ask_vol "
+    "underlying_price simtrade"
+).split()
+
+
+@pytest.mark.parametrize(
+    "cls, content, layout",
+    [
+        (TickSTKv1, stock_tick_content, STOCK_TRADE + ["suspend", "simtrade"]),
+        (TickFOPv1, futures_tick_content, FUTURES_TRADE),
+        (BidAskSTKv1, stock_bidask_content, ["code", "datetime"] + BOOK + ["suspend", "simtrade"]),
+        (
+            BidAskFOPv1,
+            futures_bidask_content,
+            ["code", "datetime", "bid_total_vol", "ask_total_vol"] + BOOK + FUTURES_DERIVED,
+        ),
+        (QuoteSTKv1, stock_quote_content, STOCK_TRADE + BOOK + ["suspend", "simtrade"]),
+    ],
+)
+def test_content_layouts_are_the_published_ones(cls, content, layout):
+    """The element order is the wire contract with the feed (the protocol document)."""
+    names = [name for name in cls.from_content(*content()).keys() if name != "intraday_odd"]
+    assert names == layout
+
+
 @pytest.mark.parametrize(
     "cls, content", [(TickSTKv1, stock_tick_content), (BidAskSTKv1, stock_bidask_content)]
 )
