@@ -1,4 +1,5 @@
 """Sample quote content, a log capture and the api fixtures shared by the market-data tests."""
+
 import datetime
 
 import pytest
@@ -28,14 +29,14 @@ def stock_bidask_content(code="2330"):
 
 
 def futures_bidask_content(code="TXFL6"):
-    return [code, OPENING_MICROS, 640, 720, [23019.0, 23018.0, 23017.0, 23016.0, 23015.0], VOLUMES,
-            [0] * 5, [23020.0, 23021.0, 23022.0, 23023.0, 23024.0], VOLUMES, [0] * 5, 23018.0, 23021.0, 2, 3,
-            23005.5, True]
+    bids = [23019.0, 23018.0, 23017.0, 23016.0, 23015.0]
+    asks = [23020.0, 23021.0, 23022.0, 23023.0, 23024.0]
+    return [code, OPENING_MICROS, 640, 720, bids, VOLUMES, [0] * 5, asks, VOLUMES, [0] * 5,
+            23018.0, 23021.0, 2, 3, 23005.5, True]
 
 
 def stock_quote_content(code="2330"):
-    tick = stock_tick_content(code)
-    return tick[:21] + [PRICES, VOLUMES, [0] * 5, ASKS, VOLUMES, [0] * 5, False, False]
+    return stock_tick_content(code)[:21] + [PRICES, VOLUMES, [0] * 5, ASKS, VOLUMES, [0] * 5, False, False]
 
 
 @pytest.fixture(autouse=True)

@@ -1,4 +1,5 @@
 """The real-time quote records: content layouts, conversions, presentation, refusals."""
+
 import datetime
 import pickle
 
@@ -13,7 +14,6 @@ from market_data_fixtures import (
     stock_quote_content,
     stock_tick_content,
 )
-
 from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
 from quorvex.backend.solace.quote import QuoteSTKv1
 from quorvex.backend.solace.tick import TickFOPv1, TickSTKv1
@@ -51,7 +51,45 @@ def test_content_round_trip_and_presentation(cls, constructor, content):
     assert all(" {}=".format(name) in text for name in list(fields)[1:])
 
 
-@pytest.mark.parametrize("cls, content", [(TickSTKv1, stock_tick_content), (BidAskSTKv1, stock_bidask_content)])
+STOCK_TRADE = (
+    "code datetime open close high low avg_price amount total_amount volume total_volume tick_type chg_type "
+    "price_chg pct_chg bid_side_total_vol ask_side_total_vol bid_side_total_cnt ask_side_total_cnt "
+    "closing_oddlot_shares fixed_trade_vol"
+).split()
+BOOK = "bid_price bid_volume diff_bid_vol ask_price ask_volume diff_ask_vol".split()
+FUTURES_TRADE = (
+    "code datetime open underlying_price bid_side_total_vol ask_side_total_vol avg_price close high low "
+    "amount total_amount volume total_volume tick_type chg_type price_chg pct_chg simtrade"
+).split()
+FUTURES_DERIVED = (
+    "first_derived_bid_price first_derived_ask_price first_derived_bid_vol first_derived_ask_vol "
+    "underlying_price simtrade"
+).split()
+
+
+@pytest.mark.parametrize(
+    "cls, content, layout",
+    [
+        (TickSTKv1, stock_tick_content, STOCK_TRADE + ["suspend", "simtrade"]),
+        (TickFOPv1, futures_tick_content, FUTURES_TRADE),
+        (BidAskSTKv1, stock_bidask_content, ["code", "datetime"] + BOOK + ["suspend", "simtrade"]),
+        (
+            BidAskFOPv1,
+            futures_bidask_content,
+            ["code", "datetime", "bid_total_vol", "ask_total_vol"] + BOOK + FUTURES_DERIVED,
+        ),
+        (QuoteSTKv1, stock_quote_content, STOCK_TRADE + BOOK + ["suspend", "simtrade"]),
+    ],
+)
+def test_content_layouts_are_the_published_ones(cls, content, layout):
+    """The element order is the wire contract with the feed (the protocol document)."""
+    names = [name for name in cls.from_content(*content()).keys() if name != "intraday_odd"]
+    assert names == layout
+
+
+@pytest.mark.parametrize(
+    "cls, content", [(TickSTKv1, stock_tick_content), (BidAskSTKv1, stock_bidask_content)]
+)
 def test_odd_lot_records_are_marked_and_differ_from_board_lots(cls, content):
     board, odd = cls.from_content(*content()), cls.from_content_odd(*content())
     assert (board.intraday_odd, odd.intraday_odd) == (False, True)
@@ -94,25 +132,29 @@ def _replace(elements, index, value):
     return elements
 
 
-@pytest.mark.parametrize(
-    "elements, error, message",
-    [
-        (stock_tick_content()[:-1], TypeError, r"TickSTKv1 expects 23 content elements \(code, datetime, .*\), got 22"),
-        (stock_tick_content() + [0], TypeError, r"expects 23 content elements .* got 24"),
-        (_replace(stock_tick_content(), 0, 2330), TypeError, r"content\[0\] \(code\) must be a str, got int"),
-        (_replace(stock_tick_content(), 3, "595"), TypeError, r"content\[3\] \(close\) must be a number, got str"),
-        (_replace(stock_tick_content(), 9, 3.0), TypeError, r"content\[9\] \(volume\) must be an integer, got float"),
-        (_replace(stock_tick_content(), 9, 2**64), ValueError, r"content\[9\] \(volume\) does not fit a 64-bit"),
-        (_replace(stock_tick_content(), 22, "no"), TypeError, r"content\[22\] \(simtrade\) must be a bool, got str"),
-        (_replace(stock_tick_content(), 1, "2024-01-02 09:00:01"), TypeError,
-         r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str"),
-        (_replace(stock_tick_content(), 1, 10**18), ValueError, r"content\[1\] \(datetime\) is outside the years"),
-    ],
-    ids=["short", "long", "code", "price", "volume-float", "volume-overflow", "flag", "time-text", "time-range"],
-)
-def test_malformed_stock_ticks_are_refused(elements, error, message):
-    with pytest.raises(error, match=message):
+@pytest.mark.parametrize("elements, count", [(stock_tick_content()[:-1], 22), (stock_tick_content() * 2, 46)])
+def test_the_element_count_must_match_the_layout(elements, count):
+    message = r"TickSTKv1 expects 23 content elements \(code, datetime, .*, simtrade\), got {}".format(count)
+    with pytest.raises(TypeError, match=message):
         TickSTKv1.from_content(*elements)
+
+
+@pytest.mark.parametrize(
+    "index, value, error, message",
+    [
+        (0, 2330, TypeError, r"content\[0\] \(code\) must be a str, got int"),
+        (3, "595", TypeError, r"content\[3\] \(close\) must be a number, got str"),
+        (9, 3.0, TypeError, r"content\[9\] \(volume\) must be an integer, got float"),
+        (9, 2**64, ValueError, r"content\[9\] \(volume\) does not fit a 64-bit integer"),
+        (22, "no", TypeError, r"content\[22\] \(simtrade\) must be a bool, got str"),
+        (1, "2024-01-02 09:00:01", TypeError,
+         r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str"),
+        (1, 10**18, ValueError, r"content\[1\] \(datetime\) is outside the years 1 to 9999"),
+    ],
+)
+def test_malformed_elements_are_refused_by_name_and_position(index, value, error, message):
+    with pytest.raises(error, match=message):
+        TickSTKv1.from_content(*_replace(stock_tick_content(), index, value))
 
 
 @pytest.mark.parametrize(
@@ -141,8 +183,12 @@ EPOCH_IN_TAIPEI = datetime.datetime(1970, 1, 1, 8)
         (-1, datetime.datetime(1970, 1, 1, 7, 59, 59, 999999)),
         (OPENING, OPENING),  # naive: already Taipei time
         (datetime.datetime(2024, 1, 2, 1, 0, 1, 500000, tzinfo=datetime.timezone.utc), OPENING),
-        (datetime.datetime(2024, 1, 1, 20, 0, 1, 500000, tzinfo=datetime.timezone(-datetime.timedelta(hours=5))),
-         OPENING),
+        (
+            datetime.datetime(
+                2024, 1, 1, 20, 0, 1, 500000, tzinfo=datetime.timezone(-datetime.timedelta(hours=5))
+            ),
+            OPENING,
+        ),
     ],
     ids=["epoch", "before-epoch", "naive", "utc", "new-york"],
 )

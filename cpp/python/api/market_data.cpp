@@ -143,32 +143,6 @@ void route_quote(nb::handle self, nb::handle topic, nb::handle quote) {
 
 // ---- queries -------------------------------------------------------------------------
 
-// callable(**mapping), with the interpreter's error for something that is not a mapping.
-nb::object call_with_fields(nb::handle callable, nb::handle fields) {
-  nb::object keywords;
-  if (PyDict_CheckExact(fields.ptr())) {
-    keywords = nb::borrow(fields);
-  } else {
-    if (!nb::hasattr(fields, "keys")) {
-      PyErr_Format(PyExc_TypeError, "%.200s argument after ** must be a mapping, not %.200s",
-                   nb::str(nb::getattr(callable, "__name__", callable)).c_str(), Py_TYPE(fields.ptr())->tp_name);
-      throw nb::python_error();
-    }
-    keywords = checked(PyDict_New());
-    if (PyDict_Update(keywords.ptr(), fields.ptr()) != 0) throw nb::python_error();
-  }
-  nb::object no_arguments = checked(PyTuple_New(0));
-  return checked(PyObject_Call(callable.ptr(), no_arguments.ptr(), keywords.ptr()));
-}
-
-// "Argument 'date' has incorrect type (expected str, got int)"; None passes.
-void check_argument(nb::handle value, const char* name, PyTypeObject* expected) {
-  if (value.is_none() || PyObject_TypeCheck(value.ptr(), expected)) return;
-  PyErr_Format(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", name,
-               expected->tp_name, Py_TYPE(value.ptr())->tp_name);
-  throw nb::python_error();
-}
-
 [[noreturn]] void raise_plain(const char* message) {
   PyErr_SetString(PyExc_Exception, message);
   throw nb::python_error();
@@ -206,10 +180,7 @@ auto list_reply(const char* key, const char* record) {
     if (reply.ok()) {
       nb::object response = get(resp, QV_NAME("response"), empty_dict());
       nb::object items = get(response, key, empty_list());
-      nb::object record_type = module_attr(record);
-      nb::list records;
-      for (nb::handle item : items) records.append(call_with_fields(record_type, item));
-      attr(reply.result, QV_NAME("extend"))(records);
+      attr(reply.result, QV_NAME("extend"))(records_from(module_attr(record), items));
     } else {
       raise_resp_error(self, reply.status_code, resp);
     }
@@ -411,8 +382,8 @@ void define_market_data(ApiClass& api) {
       "scanners",
       [](nb::handle self, nb::handle scanner_type, nb::handle ascending, nb::handle date, nb::handle count,
          nb::handle timeout, nb::handle cb) -> nb::object {
-        check_argument(date, "date", &PyUnicode_Type);
-        check_argument(count, "count", &PyLong_Type);
+        check_arg_type(date, "date", &PyUnicode_Type);
+        check_arg_type(count, "count", &PyLong_Type);
         module_attr(QV_NAME("ScannerCountLimit"))("count"_a = count);
         nb::dict payload;
         payload["scanner_type"] = scanner_type;

@@ -52,6 +52,14 @@ constexpr std::array<Field, N> with_slots(std::array<Field, N> fields) {
   return fields;
 }
 
+template <std::size_t A, std::size_t B>
+constexpr std::array<Field, A + B> join(const std::array<Field, A>& first, const std::array<Field, B>& second) {
+  std::array<Field, A + B> fields{};
+  for (std::size_t i = 0; i < A; ++i) fields[i] = first[i];
+  for (std::size_t i = 0; i < B; ++i) fields[A + i] = second[i];
+  return fields;
+}
+
 template <std::size_t N>
 constexpr std::size_t slot_count(const std::array<Field, N>& fields) {
   std::size_t total = 0;
