@@ -1,0 +1,145 @@
+// SolaceAPI: session events, published messages and point-to-point order reports, and the
+// user handlers they reach.
+#include "api.hpp"
+
+namespace quorvex::api {
+namespace {
+
+// Calls `handler(args...)` inside a fresh `logger.catch()` of the logging library: an error
+// is logged with its traceback and swallowed, so it never reaches the messaging thread.
+template <typename... Args>
+void call_caught(nb::handle handler, Args&&... args) {
+  nb::object catcher = module_attr(QV_NAME("logger")).attr(QV_NAME("catch"))();
+  catcher.attr(QV_NAME("__enter__"))();
+  try {
+    handler(std::forward<Args>(args)...);
+  } catch (nb::python_error& e) {
+    nb::object suppressed = catcher.attr(QV_NAME("__exit__"))(e.type(), e.value(), e.traceback());
+    if (!truthy(suppressed)) throw;
+    return;
+  }
+  catcher.attr(QV_NAME("__exit__"))(nb::none(), nb::none(), nb::none());
+}
+
+// Order-report topic words, tried in this order as suffixes: the longer words come first so
+// that "TFT_ORDER" is not taken for "ORDER" nor "FORDER" for "ORDER".
+struct ReportWord {
+  const char* word;
+  const char* state;
+};
+constexpr ReportWord kReportWords[] = {
+    {"TFT_ORDER", "TFTOrder"}, {"TFT_DEAL", "TFTDeal"}, {"FORDER", "FOrder"},
+    {"FDEAL", "FDeal"},        {"ORDER", "Order"},      {"DEAL", "Deal"},
+};
+
+bool ends_with(nb::handle topic, const char* word) {
+  if (PyUnicode_CheckExact(topic.ptr())) {
+    nb::str suffix(word);
+    const Py_ssize_t r = PyUnicode_Tailmatch(topic.ptr(), suffix.ptr(), 0, PY_SSIZE_T_MAX, +1);
+    if (r < 0) throw nb::python_error();
+    return r == 1;
+  }
+  return truthy(topic.attr("endswith")(word));
+}
+
+}  // namespace
+
+void define_events(ApiClass& api) {
+  api.method(
+      "on_msg_wrap",
+      [](nb::handle self, nb::handle topic, nb::handle msg) {
+        call_caught(attr(self, QV_NAME("on_quote_wrap")), topic, msg);
+      },
+      nb::arg("topic"), nb::arg("msg"));
+
+  api.method(
+      "on_event_wrap",
+      [](nb::handle self, nb::handle resp_code, nb::handle event_code, nb::handle info, nb::handle event) {
+        call_caught(attr(self, QV_NAME("on_event_callback")), resp_code, event_code, info, event);
+      },
+      nb::arg("resp_code"), nb::arg("event_code"), nb::arg("info"), nb::arg("event"));
+
+  api.method("on_session_down_wrap",
+             [](nb::handle self) { call_caught(attr(self, QV_NAME("on_session_down_callback"))); });
+
+  api.method(
+      "set_msg_callback",
+      [](nb::handle self, nb::handle func) {
+        nb::setattr(self, "on_msg_callback", func);
+        attr(self, "session").attr("set_msg_callback")(attr(self, "on_msg_wrap"));
+      },
+      nb::arg("func"));
+
+  api.method(
+      "set_event_callback",
+      [](nb::handle self, nb::handle func) {
+        nb::setattr(self, "on_event_callback", func);
+        attr(self, "session").attr("set_event_callback")(attr(self, "on_event_wrap"));
+      },
+      nb::arg("func"));
+
+  api.method(
+      "set_session_down_callback",
+      [](nb::handle self, nb::handle func) {
+        nb::setattr(self, "on_session_down_callback", func);
+        attr(self, "session").attr("set_session_down_callback")(attr(self, "on_session_down_wrap"));
+      },
+      nb::arg("func"));
+
+  // Decorator forms: register and hand the function back unchanged.
+  for (auto [name, setter] : {std::pair{"on_quote", "set_quote_callback"}, std::pair{"on_event", "set_event_callback"},
+                              std::pair{"on_order", "set_order_callback"}}) {
+    const char* setter_name = setter;
+    api.method(
+        name,
+        [setter_name](nb::handle self, nb::handle func) -> nb::object {
+          attr(self, setter_name)(func);
+          return nb::borrow(func);
+        },
+        nb::arg("func"));
+  }
+
+  api.method(
+      "set_order_callback",
+      [](nb::handle self, nb::handle func) {
+        nb::setattr(self, "on_order_callback", func);
+        attr(self, "session").attr("set_p2p_callback")(attr(self, "on_p2p_wrap"));
+      },
+      nb::arg("func"));
+
+  // Runs on the messaging thread without the catcher: an error in the user's order
+  // callback reaches the messaging layer, which logs it.
+  api.method(
+      "on_p2p_wrap",
+      [](nb::handle self, nb::handle topic, nb::handle state) {
+        for (const ReportWord& w : kReportWords) {
+          if (!ends_with(topic, w.word)) continue;
+          if (w.state == std::string("FOrder")) attr(self, "set_forder_ordno")(state);
+          nb::object order_state = module_attr(QV_NAME("OrderState")).attr(w.state);
+          attr(self, QV_NAME("on_order_wrap"))(order_state, state);
+          return;
+        }
+      },
+      nb::arg("topic"), nb::arg("state"));
+
+  api.method(
+      "on_order_wrap",
+      [](nb::handle self, nb::handle order_state, nb::handle state) {
+        attr(self, QV_NAME("on_order_callback"))(order_state, state);
+      },
+      nb::arg("order_state"), nb::arg("state"));
+
+  api.method(
+      "set_forder_ordno",
+      [](nb::handle self, nb::handle msg) {
+        nb::object order = get(msg, QV_NAME("order"), empty_dict());
+        nb::object order_id = get(order, QV_NAME("id"), nb::str(""));
+        nb::object trade = get(attr(self, QV_NAME("_trades")), order_id, nb::none());
+        if (truthy(trade)) {
+          nb::setattr(trade.attr("order"), "ordno", get(order, QV_NAME("ordno"), nb::str("")));
+        }
+      },
+      nb::arg("msg"));
+}
+
+}  // namespace quorvex::api
