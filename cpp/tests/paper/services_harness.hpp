@@ -1,18 +1,24 @@
-// A paper broker with clients for the service tests: each client is a bus session with its
-// token, sending requests and collecting the reports pushed to it.
+// A paper broker on its own in-process bus, with clients for the service tests: each client
+// is a bus session with its token, making blocking requests and collecting the reports the
+// broker pushes to it.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "quorvex/bus/session.hpp"
 #include "quorvex/core/codec.hpp"
 #include "quorvex/core/value.hpp"
 #include "quorvex/paper/broker_config.hpp"
-#include "quorvex/paper/broker_core.hpp"
+#include "quorvex/paper/paper_broker.hpp"
 
 namespace quorvex::paper::testing {
 
@@ -33,38 +39,80 @@ struct Pushed {
   Value message;
 };
 
+// Collects what the bus pushes to one session.
+class Inbox final : public bus::SessionListener {
+ public:
+  void deliver(std::vector<bus::Delivery>& batch, const std::atomic<bool>&) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const bus::Delivery& d : batch) {
+      if (d.kind == bus::DeliveryKind::Direct) pushed_.push_back({d.message->topic, core::decode(d.message->payload)});
+    }
+    arrived_.notify_all();
+  }
+  // Waits until `count` messages have arrived (or a second passed); returns them all.
+  std::vector<Pushed> wait_for(std::size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    arrived_.wait_for(lock, std::chrono::seconds(1), [&] { return pushed_.size() >= count; });
+    return pushed_;
+  }
+  std::vector<Pushed> take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(pushed_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<Pushed> pushed_;
+};
+
 class BrokerHarness {
  public:
   struct Client {
-    std::string session_id;
+    std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
+    std::unique_ptr<bus::Session> session = std::make_unique<bus::Session>(inbox);
     std::string token;
-    std::vector<Pushed> inbox;
+    std::string session_id() const { return session->session_id(); }
   };
 
-  explicit BrokerHarness(PaperBrokerConfig config = test_config()) : core_(std::move(config)) {}
+  explicit BrokerHarness(PaperBrokerConfig config = test_config()) : broker_(std::move(config)) {
+    static std::atomic<int> next{0};
+    bus_ = "services-test-" + std::to_string(++next);
+    broker_.attach(bus_);
+  }
+  ~BrokerHarness() {
+    clients_.clear();
+    broker_.close();
+  }
 
-  BrokerCore& core() { return core_; }
+  BrokerCore& core() { return broker_.core(); }
+  PaperBroker& broker() { return broker_; }
+  const std::string& bus_name() const { return bus_; }
 
-  Client& client(const std::string& session_id) {
-    Client& c = clients_[session_id];
-    c.session_id = session_id;
-    return c;
+  Client& client(const std::string& name) {
+    auto& slot = clients_[name];
+    if (!slot) {
+      slot = std::make_unique<Client>();
+      bus::ConnectOptions options;
+      options.host = "inproc://" + bus_;
+      options.client_name = "test/" + name;
+      slot->session->connect(options);
+    }
+    return *slot;
   }
 
   Value request(Client& client, const std::string& topic, const Value& payload) {
-    auto slot = std::make_shared<Slot>();
-    core_.handle(Caller{client.session_id, "test/" + client.session_id, client.token}, topic, core::encode(payload),
-                 slot, outbox_);
-    Sender sender{*this};
-    outbox_.drain(sender);
-    EXPECT_FALSE(slot->payload.empty()) << "no reply on " << topic;
-    return slot->payload.empty() ? Value() : core::decode(slot->payload);
+    client.session->set_token(client.token);
+    const bus::MessagePtr reply =
+        client.session->request(topic, core::encode(payload), std::chrono::milliseconds(2000));
+    EXPECT_TRUE(reply) << "no reply on " << topic;
+    return reply ? core::decode(reply->payload) : Value();
   }
 
   // Password login of a demo person; installs the token on the client.
-  Client& login(const std::string& session_id, std::string_view person_id, std::string_view password,
+  Client& login(const std::string& name, std::string_view person_id, std::string_view password,
                 bool simulation = false) {
-    Client& c = client(session_id);
+    Client& c = client(name);
     const Value reply = request(c, "api/v1/auth/login",
                                 Value::map({{"person_id", person_id},
                                             {"password", password},
@@ -77,24 +125,9 @@ class BrokerHarness {
   }
 
  private:
-  struct Slot final : ReplyTarget {
-    mutable std::string payload;
-    void reply(std::string p) const override { payload = std::move(p); }
-  };
-  struct Sender final : DirectSender {
-    BrokerHarness& harness;
-    explicit Sender(BrokerHarness& h) : harness(h) {}
-    std::size_t send_to_session(const std::string& session_id, std::string topic, std::string payload) override {
-      const auto it = harness.clients_.find(session_id);
-      if (it == harness.clients_.end()) return 0;
-      it->second.inbox.push_back(Pushed{std::move(topic), core::decode(payload)});
-      return 1;
-    }
-  };
-
-  BrokerCore core_;
-  Outbox outbox_;
-  std::map<std::string, Client> clients_;
+  PaperBroker broker_;
+  std::string bus_;
+  std::map<std::string, std::unique_ptr<Client>> clients_;
 };
 
 inline std::int64_t status_code(const Value& reply) { return reply.get("status").get_int("status_code"); }

@@ -62,7 +62,7 @@ TEST_F(AuthTest, PasswordLoginListsThePersonsAccountsAndIssuesAToken) {
   EXPECT_FALSE(r.get_string("web_token").empty());
   EXPECT_NE(r.get_string("web_token"), r.get_string("token"));
   EXPECT_TRUE(r.get_bool("contract_download"));
-  EXPECT_EQ(r.get_string("client_name"), "PYAPI/A123456789/s1");
+  EXPECT_EQ(r.get_string("client_name"), "PYAPI/A123456789/" + c.session_id());
   EXPECT_EQ(r.get_string("ip_address"), "127.0.0.1");
 }
 
@@ -228,18 +228,11 @@ TEST_F(AuthTest, UnknownTopicsAndUnreadablePayloadsAreRefusedNotDropped) {
   EXPECT_EQ(status_code(unknown), 404);
   EXPECT_NE(detail(unknown).find("api/v1/order/teleport"), std::string::npos);
 
-  struct Capture final : ReplyTarget {
-    mutable std::string payload;
-    void reply(std::string p) const override { payload = std::move(p); }
-  };
-  auto capture = std::make_shared<Capture>();
-  Outbox out;
-  broker.core().handle(Caller{"s1", "x", c.token}, "api/v1/auth/logout", std::string("\xc1", 1), capture, out);
-  struct NoDirect final : DirectSender {
-    std::size_t send_to_session(const std::string&, std::string, std::string) override { return 0; }
-  } none;
-  out.drain(none);
-  const Value reply = core::decode(capture->payload);
+  c.session->set_token(c.token);
+  const bus::MessagePtr raw =
+      c.session->request("api/v1/auth/logout", std::string("\xc1", 1), std::chrono::milliseconds(2000));
+  ASSERT_TRUE(raw);
+  const Value reply = core::decode(raw->payload);
   EXPECT_EQ(status_code(reply), 400);
   EXPECT_NE(detail(reply).find("not one well-formed msgpack message"), std::string::npos);
 }
