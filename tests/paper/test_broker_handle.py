@@ -73,7 +73,10 @@ def _person(**fields):
             _person(api_keys=[PaperApiKey(key="k", public_key="12")]),
             "64 hex digits",
         ),
-        (PaperBrokerConfig(persons=[PaperPerson(person_id="X"), PaperPerson(person_id="X")]), "configured twice"),
+        (
+            PaperBrokerConfig(persons=[PaperPerson(person_id="X"), PaperPerson(person_id="X")]),
+            "configured twice",
+        ),
     ],
     ids=["futures-broker-id", "short-secret", "short-public-key", "duplicate-person"],
 )
