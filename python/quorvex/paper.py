@@ -56,7 +56,9 @@ class PaperAccount(_Config):
     @classmethod
     def _stock_or_futures(cls, value: AccountType) -> AccountType:
         if value not in (AccountType.Stock, AccountType.Future):
-            raise ValueError("account_type must be 'S' (stock) or 'F' (futures), got {!r}".format(value.value))
+            raise ValueError(
+                "account_type must be 'S' (stock) or 'F' (futures), got {!r}".format(value.value)
+            )
         return value
 
 
@@ -110,7 +112,9 @@ class PaperBroker:
 
     def __init__(self, config: Optional[PaperBrokerConfig] = None) -> None:
         if config is not None and not isinstance(config, PaperBrokerConfig):
-            raise TypeError("PaperBroker expects a PaperBrokerConfig or None, got {}".format(type(config).__name__))
+            raise TypeError(
+                "PaperBroker expects a PaperBrokerConfig or None, got {}".format(type(config).__name__)
+            )
         self._broker = _paper.PaperBroker(None if config is None else config.wire())
 
     def attach(self, bus_name: str = DEFAULT_BUS) -> "PaperBroker":

@@ -1,7 +1,6 @@
 """The Python handle of the paper broker: configuration, attachment, demo credentials."""
 import pytest
 from pydantic import ValidationError
-
 from quorvex.paper import (
     DEFAULT_BUS,
     DEMO,
@@ -37,8 +36,8 @@ def test_demo_credentials_match_the_demo_configuration():
 def test_secrets_stay_out_of_reprs():
     shown = repr(DEMO) + repr(PaperBrokerConfig.demo()) + str(PaperBrokerConfig.demo())
     assert "password" not in shown and "simulation_token" not in shown
-    for secret in (DEMO.api_secret, DEMO.simulation_token, DEMO.second.api_secret, DEMO.second.simulation_token):
-        assert secret not in shown
+    secrets = (DEMO.api_secret, DEMO.simulation_token, DEMO.second.api_secret, DEMO.second.simulation_token)
+    assert not [secret for secret in secrets if secret in shown]
 
 
 def test_attach_serves_the_bus_until_closed(small_config):
@@ -55,23 +54,29 @@ def test_attach_serves_the_bus_until_closed(small_config):
     assert repr(broker) == "PaperBroker(not attached)"
 
 
+def _person(**fields):
+    return PaperBrokerConfig(persons=[PaperPerson(person_id="X", **fields)])
+
+
 @pytest.mark.parametrize(
     "config, message",
     [
         (
-            PaperBrokerConfig(persons=[PaperPerson(person_id="X", accounts=[PaperAccount(
-                account_type="F", broker_id="9A95", account_id="1")])]),
+            _person(accounts=[PaperAccount(account_type="F", broker_id="9A95", account_id="1")]),
             "futures broker ids start with 'F'",
         ),
         (
-            PaperBrokerConfig(persons=[PaperPerson(person_id="X", api_keys=[PaperApiKey(key="k", secret="abc")])]),
+            _person(api_keys=[PaperApiKey(key="k", secret="abc")]),
             "expected a 32-byte Ed25519 seed",
         ),
         (
-            PaperBrokerConfig(persons=[PaperPerson(person_id="X", api_keys=[PaperApiKey(key="k", public_key="12")])]),
+            _person(api_keys=[PaperApiKey(key="k", public_key="12")]),
             "64 hex digits",
         ),
-        (PaperBrokerConfig(persons=[PaperPerson(person_id="X"), PaperPerson(person_id="X")]), "configured twice"),
+        (
+            PaperBrokerConfig(persons=[PaperPerson(person_id="X"), PaperPerson(person_id="X")]),
+            "configured twice",
+        ),
     ],
     ids=["futures-broker-id", "short-secret", "short-public-key", "duplicate-person"],
 )
