@@ -312,7 +312,7 @@ void QuoteFeed::wake() {
 }
 
 QuoteFeed::Stats QuoteFeed::stats() const {
-  return {messages_.load(), publish_errors_.load(), stream_count_.load()};
+  return {messages_.load(), publish_errors_.load(), stream_count_.load(), rounds_.load()};
 }
 
 void QuoteFeed::run() {
@@ -333,6 +333,7 @@ void QuoteFeed::run() {
     books.clear();
     stream_count_.store(streams_->size(), std::memory_order_relaxed);
     streams_->publish_due(clock_.now(), messages_, publish_errors_);
+    rounds_.fetch_add(1, std::memory_order_release);
   }
 }
 

@@ -55,6 +55,7 @@ class QuoteFeed {
     std::uint64_t messages = 0;        // handed to the publisher
     std::uint64_t publish_errors = 0;  // the publisher threw
     std::size_t streams = 0;           // being published now
+    std::uint64_t rounds = 0;          // publication rounds completed
   };
 
   // `model`, `clock` and `ledger` must outlive the feed.
@@ -96,6 +97,7 @@ class QuoteFeed {
   std::atomic<std::uint64_t> messages_{0};
   std::atomic<std::uint64_t> publish_errors_{0};
   std::atomic<std::size_t> stream_count_{0};
+  std::atomic<std::uint64_t> rounds_{0};
 };
 
 }  // namespace quorvex::paper
