@@ -260,7 +260,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, Scanners,
 
 class MarketDataReplies : public ::testing::Test {
  protected:
-  MarketDataReplies() : clock_(taipei(kTradingDay, 10, 0)), data_(small_master(), clock_, {}, {}, {kSeed, {}}) {}
+  MarketDataReplies() : clock_(taipei(kTradingDay, 10, 0)), data_(small_master(), clock_, {}, {kSeed, {}}) {}
 
   Value ask(std::string_view service, Value payload, bool paper = true) const {
     return data_.answer(service, payload, paper);

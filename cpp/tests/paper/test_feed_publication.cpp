@@ -16,8 +16,8 @@ class FeedTest : public ::testing::Test {
  protected:
   explicit FeedTest(RestingDepth depth = {})
       : clock_(taipei(kTradingDay, 9, 30)),
-        feed_(model_, clock_, ledger_, published_.publisher(), std::move(depth), {std::chrono::microseconds(500)}) {
-    feed_.start();
+        feed_(model_, clock_, ledger_, std::move(depth), {std::chrono::microseconds(500)}) {
+    feed_.start(published_.publisher());
   }
 
   // Lets `seconds` of market time pass and waits until the feed has published up to there.
@@ -269,15 +269,12 @@ TEST(FeedLifecycle, StopsCleanlyAndCountsPublisherFailures) {
   ManualClock clock(taipei(kTradingDay, 10, 0));
   TradeLedger ledger;
   std::atomic<int> calls{0};
-  auto feed = std::make_unique<QuoteFeed>(
-      model, clock, ledger,
-      [&](const std::string&, std::string) {
-        ++calls;
-        throw std::runtime_error("the bus is closed");
-      },
-      RestingDepth{}, FeedOptions{std::chrono::microseconds(200)});
+  auto feed = std::make_unique<QuoteFeed>(model, clock, ledger, RestingDepth{}, FeedOptions{std::chrono::microseconds(200)});
   feed->on_subscription("TIC/v1/STK/*/TSE/2330", true);
-  feed->start();
+  feed->start([&](const std::string&, std::string) {
+    ++calls;
+    throw std::runtime_error("the bus is closed");
+  });
   ASSERT_TRUE(eventually([&] { return feed->stats().streams == 1; }));
   clock.advance(60 * kNanosPerSecond);
   ASSERT_TRUE(eventually([&] { return feed->stats().publish_errors > 0; }));
@@ -289,10 +286,28 @@ TEST(FeedLifecycle, StopsCleanlyAndCountsPublisherFailures) {
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(calls.load(), after_stop);
   feed->stop();  // idempotent
+
+  // Started again, it has forgotten the old bus's subscriptions until the new one tells it.
+  RecordingPublisher again;
+  const std::uint64_t rounds = feed->stats().rounds;
+  feed->start(again.publisher());
+  clock.advance(60 * kNanosPerSecond);
+  ASSERT_TRUE(eventually([&] {
+    feed->wake();
+    return feed->stats().rounds > rounds + 2;
+  }));
+  EXPECT_EQ(again.size(), 0u);
+  feed->on_subscription("TIC/v1/STK/*/TSE/2330", true);
+  ASSERT_TRUE(eventually([&] { return feed->stats().streams == 1; }));
+  clock.advance(60 * kNanosPerSecond);
+  ASSERT_TRUE(eventually([&] {
+    feed->wake();
+    return again.size() > 0;
+  }));
   feed.reset();
 
   // Never started: destroying it is immediate.
-  QuoteFeed idle(model, clock, ledger, [](const std::string&, std::string) {});
+  QuoteFeed idle(model, clock, ledger);
   idle.on_subscription("TIC/v1/>", true);
 }
 

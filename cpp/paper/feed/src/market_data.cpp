@@ -348,11 +348,11 @@ Value short_sources_reply(const MarketHistory& history, const Value& payload, bo
 
 }  // namespace
 
-PaperMarketData::PaperMarketData(const ContractMaster& contracts, const Clock& clock, QuotePublisher publisher,
-                                 RestingDepth depth, MarketDataOptions options)
+PaperMarketData::PaperMarketData(const ContractMaster& contracts, const Clock& clock, RestingDepth depth,
+                                 MarketDataOptions options)
     : model_(contracts, options.seed),
       history_(model_, clock, ledger_, depth),
-      feed_(model_, clock, ledger_, std::move(publisher), std::move(depth), options.feed) {}
+      feed_(model_, clock, ledger_, std::move(depth), options.feed) {}
 
 PaperMarketData::~PaperMarketData() { feed_.stop(); }
 

@@ -58,8 +58,17 @@ std::vector<std::string_view> levels_of(std::string_view filter) {
 // Everything the feed thread owns: which streams the filters cover, and each stream's day.
 class QuoteFeed::Streams {
  public:
-  Streams(const MarketModel& model, const TradeLedger& ledger, QuotePublisher publisher, RestingDepth depth)
-      : model_(model), ledger_(ledger), publisher_(std::move(publisher)), depth_(std::move(depth)) {}
+  Streams(const MarketModel& model, const TradeLedger& ledger, RestingDepth depth)
+      : model_(model), ledger_(ledger), depth_(std::move(depth)) {}
+
+  // Only while the feed's thread is not running.
+  void reset(QuotePublisher publisher) {
+    publisher_ = std::move(publisher);
+    by_filter_.clear();
+    covered_by_.clear();
+    live_.clear();
+    outbox_.clear();
+  }
 
   void change_filter(const std::string& filter, bool active) {
     if (!active) {
@@ -262,32 +271,45 @@ class QuoteFeed::Streams {
   std::vector<std::pair<const std::string*, std::string>> outbox_;
 };
 
-QuoteFeed::QuoteFeed(const MarketModel& model, const Clock& clock, const TradeLedger& ledger,
-                     QuotePublisher publisher, RestingDepth depth, FeedOptions options)
-    : clock_(clock),
-      options_(options),
-      streams_(std::make_unique<Streams>(model, ledger, std::move(publisher), std::move(depth))) {}
+QuoteFeed::QuoteFeed(const MarketModel& model, const Clock& clock, const TradeLedger& ledger, RestingDepth depth,
+                     FeedOptions options)
+    : clock_(clock), options_(options), streams_(std::make_unique<Streams>(model, ledger, std::move(depth))) {}
 
 QuoteFeed::~QuoteFeed() { stop(); }
 
-void QuoteFeed::start() {
-  std::lock_guard lock(mutex_);
-  if (thread_.joinable() || stopping_) return;
+void QuoteFeed::start(QuotePublisher publisher) {
+  std::lock_guard lifecycle(lifecycle_);
+  if (thread_.joinable()) return;
+  streams_->reset(std::move(publisher));
+  stream_count_.store(0);
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = false;
+  }
   thread_ = std::thread([this] { run(); });
 }
 
 void QuoteFeed::stop() {
+  if (thread_.joinable() && thread_.get_id() == std::this_thread::get_id()) {
+    std::lock_guard lock(mutex_);  // from the publisher itself: the thread ends after this round
+    stopping_ = true;
+    return;
+  }
+  std::lock_guard lifecycle(lifecycle_);
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
   }
   wakeup_.notify_all();
-  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+  if (thread_.joinable()) thread_.join();
+  stream_count_.store(0);
 }
 
 void QuoteFeed::on_subscription(const std::string& filter, bool active) {
   {
     std::lock_guard lock(mutex_);
+    // Changes that reach a stopped feed are kept for its next start, whose bus replays its
+    // active filters anyway; a removal is then harmless.
     filter_changes_.emplace_back(filter, active);
     woken_ = true;
   }

@@ -7,6 +7,7 @@
 
 #include "quorvex/bus/inproc.hpp"
 #include "quorvex/bus/responder.hpp"
+#include "quorvex/paper/feed/market_data_link.hpp"
 
 namespace quorvex::paper {
 
@@ -57,7 +58,8 @@ struct PaperBroker::Link {
   std::unique_ptr<ResponderSender> sender;
 };
 
-PaperBroker::PaperBroker(PaperBrokerConfig config) : core_(std::make_unique<BrokerCore>(std::move(config))) {}
+PaperBroker::PaperBroker(PaperBrokerConfig config)
+    : core_(std::make_unique<BrokerCore>(std::move(config))), market_data_(std::make_unique<MarketDataLink>(*core_)) {}
 
 PaperBroker::~PaperBroker() { close(); }
 
@@ -66,11 +68,13 @@ void PaperBroker::attach(const std::string& bus_name) {
     throw std::logic_error("the paper broker is already attached to bus '" + bus_name_ + "'; close() it first");
   }
   link_ = std::make_unique<Link>(*core_, bus_name);
+  market_data_->attach(*link_->responder);
   bus_name_ = bus_name;
 }
 
 void PaperBroker::close() {
   if (!link_) return;
+  market_data_->detach();
   link_->responder->close();
   link_.reset();
   bus_name_.clear();

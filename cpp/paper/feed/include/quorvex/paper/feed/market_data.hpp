@@ -2,7 +2,7 @@
 // trades, the live quote feed and the history services, wired to one clock. The broker's
 // services hand it their subscription changes, their matching engine's events and the
 // requests on the market-data topics (api/v1/data/...); it hands back replies and publishes
-// quotes through the publisher it was given.
+// quotes through the publisher it is started with.
 //
 // Threading: every method may be called from any thread. answer() runs on the caller's thread
 // and never waits for the feed; on_order_event() and on_subscription() return at once.
@@ -29,13 +29,14 @@ inline constexpr std::string_view kMarketDataServices[] = {
 class PaperMarketData {
  public:
   // `contracts` and `clock` must outlive the market data.
-  PaperMarketData(const ContractMaster& contracts, const Clock& clock, QuotePublisher publisher,
-                  RestingDepth depth = {}, MarketDataOptions options = {});
+  PaperMarketData(const ContractMaster& contracts, const Clock& clock, RestingDepth depth = {},
+                  MarketDataOptions options = {});
   ~PaperMarketData();
   PaperMarketData(const PaperMarketData&) = delete;
   PaperMarketData& operator=(const PaperMarketData&) = delete;
 
-  void start() { feed_.start(); }
+  // Publishes quotes through `publisher` until stop(); the books and history stay across stops.
+  void start(QuotePublisher publisher) { feed_.start(std::move(publisher)); }
   // Stops publishing; returns once the feed's thread has ended.
   void stop() { feed_.stop(); }
 

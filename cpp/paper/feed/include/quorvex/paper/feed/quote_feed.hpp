@@ -10,7 +10,8 @@
 // Threading:
 //   - Publishing runs on the feed's own thread, started by start() and ended by stop() (or
 //     the destructor). The publisher and the resting-depth source are called only there, with
-//     no lock of the feed held.
+//     no lock of the feed held. A stopped feed forgets its subscriptions (they belong to the
+//     bus it published on) and may be started again.
 //   - on_subscription(), book_changed() and wake() may be called from any thread; they queue
 //     the change and return at once, never waiting for publication.
 //   - stop() returns once the thread has ended; the publisher is not called after that.
@@ -59,13 +60,14 @@ class QuoteFeed {
   };
 
   // `model`, `clock` and `ledger` must outlive the feed.
-  QuoteFeed(const MarketModel& model, const Clock& clock, const TradeLedger& ledger, QuotePublisher publisher,
-            RestingDepth depth = {}, FeedOptions options = {});
+  QuoteFeed(const MarketModel& model, const Clock& clock, const TradeLedger& ledger, RestingDepth depth = {},
+            FeedOptions options = {});
   ~QuoteFeed();
   QuoteFeed(const QuoteFeed&) = delete;
   QuoteFeed& operator=(const QuoteFeed&) = delete;
 
-  void start();
+  // Starts publishing through `publisher`; does nothing while already running.
+  void start(QuotePublisher publisher);
   void stop();
 
   // A subscription filter gained its first subscriber (true) or lost its last (false).
@@ -86,6 +88,7 @@ class QuoteFeed {
   FeedOptions options_;
   std::unique_ptr<Streams> streams_;  // owned by the feed thread once started
 
+  std::mutex lifecycle_;  // start() and stop() one at a time
   mutable std::mutex mutex_;
   std::condition_variable wakeup_;
   std::vector<std::pair<std::string, bool>> filter_changes_;
