@@ -55,9 +55,7 @@ TEST_P(TapeOfEveryKind, WalksTheLadderInsideTheLimitsAndClosesAtTheDaysClose) {
     if (t.bid.is_positive() && t.ask.is_positive()) {
       EXPECT_LT(t.bid, t.ask);
     }
-    if (t.side == TickSide::Buy) EXPECT_EQ(t.price, t.ask);
-    if (t.side == TickSide::Sell) EXPECT_EQ(t.price, t.bid);
-    if (t.side == TickSide::None) EXPECT_EQ(t.price, t.bid);
+    EXPECT_EQ(t.price, t.side == TickSide::Buy ? t.ask : t.bid);
     EXPECT_GT(t.volume, 0);
   }
 }

@@ -5,6 +5,7 @@
 
 #include "broker_state.hpp"
 #include "quorvex/core/codec.hpp"
+#include "quorvex/paper/feed/market_clock.hpp"
 
 namespace quorvex::paper {
 
@@ -64,7 +65,7 @@ std::shared_ptr<const Clock> clock_of(const PaperBrokerConfig& config) {
   return config.clock ? config.clock : std::make_shared<const SystemClock>();
 }
 
-// The reference data's day: the broker clock's Taipei date, or the last business day before it.
+// The reference data's day: the market clock's Taipei date, or the last business day before it.
 ContractMasterConfig master_config(const PaperBrokerConfig& config, const Clock& clock) {
   ContractMasterConfig master = config.contracts;
   if (!config.use_config_trading_day) {
@@ -86,10 +87,11 @@ double checked_speed(double speed) {
 
 BrokerCore::State::State(PaperBrokerConfig config)
     : clock(clock_of(config)),
-      market_clock(clock, checked_speed(config.clock_speed)),
+      market_clock(config.market_start != 0 ? std::make_shared<const ReplayClock>(clock, config.market_start) : clock,
+                   checked_speed(config.clock_speed)),
       max_receive_window_ms(config.max_receive_window_ms),
       ip_address(config.ip_address),
-      master(master_config(config, *clock)),
+      master(master_config(config, market_clock)),
       directory(config) {
   if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
   for (const PersonConfig& person : config.persons) {

@@ -58,8 +58,10 @@ struct PaperBroker::Link {
   std::unique_ptr<ResponderSender> sender;
 };
 
+// The seed is a plain number, still readable once the core has taken the configuration.
 PaperBroker::PaperBroker(PaperBrokerConfig config)
-    : core_(std::make_unique<BrokerCore>(std::move(config))), market_data_(std::make_unique<MarketDataLink>(*core_)) {}
+    : core_(std::make_unique<BrokerCore>(std::move(config))),
+      market_data_(std::make_unique<MarketDataLink>(*core_, MarketDataOptions{config.seed, {}})) {}
 
 PaperBroker::~PaperBroker() { close(); }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -27,6 +28,20 @@ class AcceleratedClock final : public Clock {
   Timestamp start_;
   double speed_;
   std::chrono::steady_clock::time_point origin_;
+};
+
+// A base clock read as if it had shown `start` when this clock was made: a trading day replayed
+// at the base clock's pace (wrap it in a faster clock to speed it up).
+class ReplayClock final : public Clock {
+ public:
+  // `base` must not be null.
+  ReplayClock(std::shared_ptr<const Clock> base, Timestamp start)
+      : base_(std::move(base)), offset_(start - base_->now()) {}
+  Timestamp now() const override { return base_->now() + offset_; }
+
+ private:
+  std::shared_ptr<const Clock> base_;
+  Timestamp offset_;
 };
 
 // The instant of a Taipei wall-clock text "YYYY-MM-DD", "YYYY-MM-DDTHH:MM" or
