@@ -1,6 +1,10 @@
 #include "quorvex/paper/feed/market_data_link.hpp"
 
+#include <cstdlib>
 #include <string>
+
+#include "quorvex/bus/message.hpp"
+#include "quorvex/paper/feed/market_clock.hpp"
 
 namespace quorvex::paper {
 
@@ -39,6 +43,35 @@ void MarketDataLink::detach() {
   }
   responder_ = nullptr;
   data_.stop();
+}
+
+void apply_market_options(PaperBrokerConfig& config, std::string_view options, const std::string& host) {
+  auto refuse = [&host](const std::string& what) {
+    throw bus::BusError("cannot start the paper broker of '" + host + "': " + what +
+                        "; expected clock_speed=<above 0, at most 1e6> and market_start=<YYYY-MM-DDTHH:MM[:SS], "
+                        "Taipei time> joined by '&'");
+  };
+  while (!options.empty()) {
+    const std::size_t amp = options.find('&');
+    const std::string_view pair = options.substr(0, amp);
+    options = amp == std::string_view::npos ? std::string_view() : options.substr(amp + 1);
+    if (pair.empty()) continue;
+    const std::size_t eq = pair.find('=');
+    const std::string key(pair.substr(0, eq));
+    const std::string value(eq == std::string_view::npos ? std::string_view() : pair.substr(eq + 1));
+    if (key == "clock_speed") {
+      char* end = nullptr;
+      const double speed = std::strtod(value.c_str(), &end);
+      if (value.empty() || *end != '\0' || !(speed > 0.0) || speed > 1e6) refuse("clock_speed '" + value + "' is not usable");
+      config.clock_speed = speed;
+    } else if (key == "market_start") {
+      const std::optional<Timestamp> start = parse_taipei_instant(value);
+      if (!start) refuse("market_start '" + value + "' is not a Taipei date and time");
+      config.market_start = *start;
+    } else {
+      refuse("unknown option '" + key + "'");
+    }
+  }
 }
 
 }  // namespace quorvex::paper

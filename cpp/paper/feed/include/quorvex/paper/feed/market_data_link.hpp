@@ -10,6 +10,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <string_view>
 
 #include "quorvex/bus/responder.hpp"
 #include "quorvex/paper/broker_core.hpp"
@@ -36,5 +38,10 @@ class MarketDataLink {
   PaperMarketData data_;
   bus::Responder* responder_ = nullptr;
 };
+
+// Applies the market options of a paper:// address ("clock_speed=60&market_start=2026-01-05T09:00",
+// the text after "?") to a broker's configuration, so a demo or test runs a chosen trading moment
+// faster than real time. bus::BusError naming `host` for an unknown option or an unusable value.
+void apply_market_options(PaperBrokerConfig& config, std::string_view options, const std::string& host);
 
 }  // namespace quorvex::paper
