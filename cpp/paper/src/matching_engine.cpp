@@ -35,7 +35,7 @@ struct MatchingEngine::BookState {
   std::vector<OrderId> synthetic[2];  // by Side
 };
 
-MatchingEngine::MatchingEngine(const ContractMaster& contracts, const Clock& clock, EngineConfig config,
+MatchingEngine::MatchingEngine(const ContractMaster& contracts, const core::Clock& clock, EngineConfig config,
                                OrderEventHandler handler)
     : contracts_(contracts), clock_(clock), config_(std::move(config)) {
   records_.reserve(std::min<std::size_t>(config_.finished_order_retention, 1 << 16));
@@ -75,7 +75,7 @@ void MatchingEngine::replenish(BookState& state) {
   const BookRules& rules = book.rules();
   const Price anchor = book.last_price().value_or(rules.reference);
   const bool odd = rules.board == Board::Odd || rules.board == Board::IntradayOdd;
-  const Timestamp now = clock_.now();
+  const Timestamp now = clock_now();
   for (Side side : {Side::Buy, Side::Sell}) {
     auto& mine = state.synthetic[static_cast<int>(side)];
     const std::optional<Price> opposite = side == Side::Buy ? book.best_ask() : book.best_bid();
@@ -196,7 +196,7 @@ OrderId MatchingEngine::issue_order_id() {
 }
 
 Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optional<OrderId> issued) {
-  const Timestamp now = clock_.now();
+  const Timestamp now = clock_now();
   std::unique_lock lock(mutex_);
   if (issued && issued_.erase(*issued) == 0) {
     return refuse(RefusalCode::DuplicateOrder, "order id " + std::to_string(*issued) +
@@ -256,7 +256,7 @@ Outcome MatchingEngine::refuse_finished(OrderId id, OrderOperation op, const Ord
   e.board = r.ticket.board;
   e.side = r.ticket.side;
   e.price = r.modified_price.is_zero() ? r.ticket.price : r.modified_price;
-  e.ts = clock_.now();
+  e.ts = clock_now();
   e.reason = refusal.code;
   e.text = refusal.text;
   return refusal;
@@ -284,7 +284,7 @@ Result<OrderReceipt> MatchingEngine::modify(OrderId id, OrderOperation op, Price
   if (book == nullptr) {
     refused = refuse_finished(id, op, record->second.record);
   } else {
-    const Timestamp now = clock_.now();
+    const Timestamp now = clock_now();
     switch (op) {
       case OrderOperation::Cancel: refused = book->book.cancel(id, now, queue_); break;
       case OrderOperation::ChangePrice: refused = book->book.change_price(id, price, now, queue_); break;
