@@ -183,6 +183,17 @@ void MatchingEngine::prune_finished() {
   }
 }
 
+// Brings everything up to date, lets go of the lock and delivers what the operation caused.
+Result<OrderReceipt> MatchingEngine::conclude(std::unique_lock<std::mutex>& lock, BookState* book, OrderId id,
+                                              Outcome refused) {
+  settle_events(book);
+  Result<OrderReceipt> result = refused ? Result<OrderReceipt>(*std::move(refused)) : Result<OrderReceipt>(receipt(id));
+  prune_finished();
+  lock.unlock();
+  deliver();
+  return result;
+}
+
 OrderReceipt MatchingEngine::receipt(OrderId id) const {
   const OrderRecord& r = records_.at(id).record;
   return OrderReceipt{r.id, r.status, r.deal_quantity, r.cancel_quantity, r.remaining(), r.order_ts};
@@ -215,51 +226,24 @@ Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optio
   BookState* book = nullptr;
   Result<BookState*> opened = open_book(ticket.code, ticket.board);
   if (!opened) {
-    refused = opened.refusal();
-    OrderEvent& e = queue_.add();
-    e.kind = OrderEventKind::Refused;
-    e.operation = OrderOperation::Place;
-    e.order_id = id;
-    e.account = ticket.account;
-    e.code = ticket.code;
-    e.board = ticket.board;
-    e.side = ticket.side;
-    e.price = ticket.price;
-    e.quantity = ticket.quantity;
-    e.ts = now;
-    e.reason = refused->code;
-    e.text = refused->text;
+    refused = queue_.add_refusal(OrderOperation::Place, id, ticket, opened.refusal(), now);
   } else {
     book = opened.value();
     record.ticket.code = book->book.rules().code;
     entry.book = book;
     refused = book->book.submit(id, record.ticket, now, queue_);
   }
-  settle_events(book);
-  Result<OrderReceipt> result = refused ? Result<OrderReceipt>(*refused) : Result<OrderReceipt>(receipt(id));
-  prune_finished();
-  lock.unlock();
-  deliver();
-  return result;
+  return conclude(lock, book, id, std::move(refused));
 }
 
 Outcome MatchingEngine::refuse_finished(OrderId id, OrderOperation op, const OrderRecord& r) {
-  Refusal refusal = refuse(RefusalCode::NothingToCancel, "order " + r.ordno + " is already " +
+  Refusal refusal = refuse(RefusalCode::NothingToCancel, "order " + order_ordno(id) + " is already " +
                                                              std::string(to_text(r.status)) + "; nothing left to " +
                                                              (op == OrderOperation::Cancel ? "cancel" : "change"));
-  OrderEvent& e = queue_.add();
-  e.kind = OrderEventKind::Refused;
-  e.operation = op;
-  e.order_id = id;
-  e.account = r.ticket.account;
-  e.code = r.ticket.code;
-  e.board = r.ticket.board;
-  e.side = r.ticket.side;
-  e.price = r.modified_price.is_zero() ? r.ticket.price : r.modified_price;
-  e.ts = clock_now();
-  e.reason = refusal.code;
-  e.text = refusal.text;
-  return refusal;
+  OrderTicket t = r.ticket;
+  t.price = r.modified_price.is_zero() ? r.ticket.price : r.modified_price;
+  t.quantity = 0;
+  return queue_.add_refusal(op, id, t, std::move(refusal), clock_now());
 }
 
 Result<OrderReceipt> MatchingEngine::cancel(OrderId id) { return modify(id, OrderOperation::Cancel, Price(), 0); }
@@ -292,12 +276,7 @@ Result<OrderReceipt> MatchingEngine::modify(OrderId id, OrderOperation op, Price
       case OrderOperation::Place: break;
     }
   }
-  settle_events(book);
-  Result<OrderReceipt> result = refused ? Result<OrderReceipt>(*refused) : Result<OrderReceipt>(receipt(id));
-  prune_finished();
-  lock.unlock();
-  deliver();
-  return result;
+  return conclude(lock, book, id, std::move(refused));
 }
 
 void MatchingEngine::deliver() {

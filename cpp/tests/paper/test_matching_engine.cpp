@@ -73,6 +73,8 @@ TEST_F(EngineTest, CancelAfterFillIsRefusedWithNothingToCancel) {
   ASSERT_FALSE(refused.ok());
   EXPECT_EQ(refused.refusal().code, RefusalCode::NothingToCancel);
   EXPECT_EQ(refused.refusal().sts_code(), 74006);
+  EXPECT_EQ(refused.refusal().text,
+            "order " + engine_->order(sell)->ordno + " is already Filled; nothing left to cancel");
   const auto events = events_of(sell);
   ASSERT_FALSE(events.empty());
   EXPECT_EQ(events.back().kind, OrderEventKind::Refused);
