@@ -47,28 +47,29 @@ std::vector<std::string> Outbox::drain(DirectSender& sender) {
 
 // ---- ScaledClock ----
 
-ScaledClock::ScaledClock(std::shared_ptr<const Clock> base, double speed)
+ScaledClock::ScaledClock(std::shared_ptr<const core::Clock> base, double speed)
     : base_(std::move(base)), speed_(speed), start_(base_->now()) {}
 
-Timestamp ScaledClock::now() const {
-  const Timestamp base_now = base_->now();
+core::Clock::time_point ScaledClock::now() const {
+  const time_point base_now = base_->now();
   if (speed_ == 1.0) return base_now;
-  return start_ + static_cast<Timestamp>(static_cast<double>(base_now - start_) * speed_);
+  const auto elapsed = std::chrono::duration<double>(base_now - start_) * speed_;
+  return start_ + std::chrono::duration_cast<duration>(elapsed);
 }
 
 // ---- State ----
 
 namespace {
 
-std::shared_ptr<const Clock> clock_of(const PaperBrokerConfig& config) {
-  return config.clock ? config.clock : std::make_shared<const SystemClock>();
+std::shared_ptr<const core::Clock> clock_of(const PaperBrokerConfig& config) {
+  return config.clock ? config.clock : core::system_clock();
 }
 
 // The reference data's day: the broker clock's Taipei date, or the last business day before it.
-ContractMasterConfig master_config(const PaperBrokerConfig& config, const Clock& clock) {
+ContractMasterConfig master_config(const PaperBrokerConfig& config, const core::Clock& clock) {
   ContractMasterConfig master = config.contracts;
   if (!config.use_config_trading_day) {
-    Date day = clock.today();
+    Date day = taipei_date(nanos_of(clock.now()));
     while (!day.is_business_day()) day = day.plus_days(-1);
     master.trading_day = day;
   }
@@ -236,6 +237,6 @@ std::vector<std::string> BrokerCore::topics() const {
 }
 
 const ContractMaster& BrokerCore::contracts() const { return state_->master; }
-const Clock& BrokerCore::market_clock() const { return state_->market_clock; }
+const core::Clock& BrokerCore::market_clock() const { return state_->market_clock; }
 
 }  // namespace quorvex::paper

@@ -5,6 +5,7 @@
 // Threading: everything here is guarded by State::mutex; services run with it held.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -25,16 +26,21 @@
 namespace quorvex::paper {
 
 // Market time: the broker clock from a starting instant, sped up by a factor.
-class ScaledClock final : public Clock {
+class ScaledClock final : public core::Clock {
  public:
-  ScaledClock(std::shared_ptr<const Clock> base, double speed);
-  Timestamp now() const override;
+  ScaledClock(std::shared_ptr<const core::Clock> base, double speed);
+  time_point now() const override;
 
  private:
-  std::shared_ptr<const Clock> base_;
+  std::shared_ptr<const core::Clock> base_;
   double speed_;
-  Timestamp start_;
+  time_point start_;
 };
+
+// Nanoseconds since the epoch of a clock reading.
+inline Timestamp nanos_of(core::Clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
+}
 
 // A report for a session, queued after the reply of the request that caused it.
 struct Report {
@@ -96,8 +102,8 @@ struct BrokerCore::State {
   // The account a payload names, which must be one of the session person's accounts.
   const Account& owned_account(const Request& request, const wire::Field& account) const;
   const Contract& known_contract(const wire::Field& contract) const;
-  Timestamp now() const { return clock->now(); }
-  Date today() const { return taipei_date(clock->now()); }
+  Timestamp now() const { return nanos_of(clock->now()); }
+  Date today() const { return taipei_date(now()); }
 
   // ---- service families ----
   void serve_auth();
@@ -116,7 +122,7 @@ struct BrokerCore::State {
 
   // ---- state ----
   std::mutex mutex;
-  std::shared_ptr<const Clock> clock;
+  std::shared_ptr<const core::Clock> clock;
   ScaledClock market_clock;
   std::int64_t max_receive_window_ms;
   std::string ip_address;

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quorvex/paper/clock.hpp"
+#include "quorvex/core/clock.hpp"
 #include "quorvex/paper/contract_master.hpp"
 #include "quorvex/paper/price.hpp"
 
@@ -63,8 +63,8 @@ struct PaperBrokerConfig {
   // Market time runs this many times faster than the broker clock from the moment the broker
   // starts (order time stamps, the quote feed). Logins always judge time by the broker clock.
   double clock_speed = 1.0;
-  // The broker clock; the system clock when null. Must outlive nothing: shared.
-  std::shared_ptr<const Clock> clock;
+  // The broker clock; the system clock when null.
+  std::shared_ptr<const core::Clock> clock;
   // The longest `receive_window` a signed API-key login may ask for.
   std::int64_t max_receive_window_ms = 60'000;
   // The address the login reply reports for in-process sessions.
