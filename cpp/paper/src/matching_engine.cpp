@@ -19,18 +19,6 @@ std::string book_key(std::string_view code, Board board) {
   return key;
 }
 
-std::string seqno_of(OrderId id) {
-  std::string text = std::to_string(id % 1000000);
-  return std::string(6 - text.size(), '0') + text;
-}
-
-std::string ordno_of(OrderId id) {
-  static constexpr char kDigits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
-  std::string text(5, '0');
-  for (int i = 4; i >= 0; --i, id /= 36) text[static_cast<std::size_t>(i)] = kDigits[id % 36];
-  return text;
-}
-
 std::uint64_t text_hash(std::string_view text) {
   std::uint64_t h = 1469598103934665603ULL;  // FNV-1a: stable across runs, unlike std::hash
   for (char c : text) h = (h ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
@@ -50,6 +38,7 @@ struct MatchingEngine::BookState {
 MatchingEngine::MatchingEngine(const ContractMaster& contracts, const Clock& clock, EngineConfig config,
                                OrderEventHandler handler)
     : contracts_(contracts), clock_(clock), config_(std::move(config)) {
+  records_.reserve(std::min<std::size_t>(config_.finished_order_retention, 1 << 16));
   if (handler) handler_ = std::make_shared<const OrderEventHandler>(std::move(handler));
 }
 
@@ -107,8 +96,8 @@ void MatchingEngine::replenish(BookState& state) {
       ticket.board = rules.board;
       ticket.side = side;
       ticket.price = price;
-      ticket.quantity = odd ? state.rng.between(10, state.unit - 1)
-                            : state.rng.between(profile.min_quantity, profile.max_quantity);
+      ticket.quantity =
+          odd ? state.rng.between(10, state.unit - 1) : state.rng.between(profile.min_quantity, profile.max_quantity);
       const OrderId id = kSyntheticIdBase + ++last_synthetic_id_;
       if (!book.submit(id, ticket, now, queue_, true)) mine.push_back(id);
     }
@@ -119,7 +108,7 @@ void MatchingEngine::apply(const OrderEvent& e) {
   if (e.synthetic) return;
   const auto it = records_.find(e.order_id);
   if (it == records_.end()) return;
-  OrderRecord& r = it->second;
+  OrderRecord& r = it->second.record;
   bool finished = false;
   switch (e.kind) {
     case OrderEventKind::Accepted: break;
@@ -153,7 +142,7 @@ void MatchingEngine::apply(const OrderEvent& e) {
       break;
   }
   if (finished) {
-    live_.erase(e.order_id);
+    it->second.book = nullptr;
     finished_.push_back(e.order_id);
   }
 }
@@ -195,18 +184,29 @@ void MatchingEngine::prune_finished() {
 }
 
 OrderReceipt MatchingEngine::receipt(OrderId id) const {
-  const OrderRecord& r = records_.at(id);
+  const OrderRecord& r = records_.at(id).record;
   return OrderReceipt{r.id, r.status, r.deal_quantity, r.cancel_quantity, r.remaining(), r.order_ts};
 }
 
-Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket) {
+OrderId MatchingEngine::issue_order_id() {
+  std::lock_guard lock(mutex_);
+  const OrderId id = ++last_order_id_;
+  issued_.insert(id);
+  return id;
+}
+
+Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optional<OrderId> issued) {
   const Timestamp now = clock_.now();
   std::unique_lock lock(mutex_);
-  const OrderId id = ++last_order_id_;
-  OrderRecord& record = records_[id];
+  if (issued && issued_.erase(*issued) == 0) {
+    return refuse(RefusalCode::DuplicateOrder, "order id " + std::to_string(*issued) +
+                                                   " was not issued or has been placed already; expected an id "
+                                                   "from issue_order_id, used once");
+  }
+  const OrderId id = issued ? *issued : ++last_order_id_;
+  Entry& entry = records_[id];
+  OrderRecord& record = entry.record;
   record.id = id;
-  record.seqno = seqno_of(id);
-  record.ordno = ordno_of(id);
   record.ticket = ticket;
   record.order_ts = now;
   by_account_[ticket.account].push_back(id);
@@ -232,7 +232,7 @@ Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket) {
   } else {
     book = opened.value();
     record.ticket.code = book->book.rules().code;
-    live_.emplace(id, book);
+    entry.book = book;
     refused = book->book.submit(id, record.ticket, now, queue_);
   }
   settle_events(book);
@@ -244,9 +244,9 @@ Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket) {
 }
 
 Outcome MatchingEngine::refuse_finished(OrderId id, OrderOperation op, const OrderRecord& r) {
-  Refusal refusal = refuse(RefusalCode::NothingToCancel,
-                           "order " + r.ordno + " is already " + std::string(to_text(r.status)) + "; nothing left to " +
-                               (op == OrderOperation::Cancel ? "cancel" : "change"));
+  Refusal refusal = refuse(RefusalCode::NothingToCancel, "order " + r.ordno + " is already " +
+                                                             std::string(to_text(r.status)) + "; nothing left to " +
+                                                             (op == OrderOperation::Cancel ? "cancel" : "change"));
   OrderEvent& e = queue_.add();
   e.kind = OrderEventKind::Refused;
   e.operation = op;
@@ -280,12 +280,10 @@ Result<OrderReceipt> MatchingEngine::modify(OrderId id, OrderOperation op, Price
                   "order id " + std::to_string(id) + " is not known to the broker; expected the id of a placed order");
   }
   Outcome refused;
-  BookState* book = nullptr;
-  const auto live = live_.find(id);
-  if (live == live_.end()) {
-    refused = refuse_finished(id, op, record->second);
+  BookState* book = record->second.book;
+  if (book == nullptr) {
+    refused = refuse_finished(id, op, record->second.record);
   } else {
-    book = live->second;
     const Timestamp now = clock_.now();
     switch (op) {
       case OrderOperation::Cancel: refused = book->book.cancel(id, now, queue_); break;
@@ -307,7 +305,7 @@ void MatchingEngine::deliver() {
   if (delivering_) return;  // the thread already delivering takes our events too, in order
   delivering_ = true;
   std::exception_ptr first_error;
-  std::vector<OrderEvent> batch;
+  std::vector<OrderEvent> batch = std::move(spare_);
   while (!outbox_.empty()) {
     batch.swap(outbox_);
     const std::shared_ptr<const OrderEventHandler> handler = handler_;
@@ -323,6 +321,7 @@ void MatchingEngine::deliver() {
     batch.clear();
     lock.lock();
   }
+  spare_ = std::move(batch);
   delivering_ = false;
   lock.unlock();
   if (first_error) std::rethrow_exception(first_error);
@@ -332,7 +331,14 @@ std::optional<OrderRecord> MatchingEngine::order(OrderId id) const {
   std::lock_guard lock(mutex_);
   const auto it = records_.find(id);
   if (it == records_.end()) return std::nullopt;
-  return it->second;
+  return handed_out(it->second.record);
+}
+
+OrderRecord MatchingEngine::handed_out(const OrderRecord& record) {
+  OrderRecord copy = record;
+  copy.seqno = order_seqno(record.id);
+  copy.ordno = order_ordno(record.id);
+  return copy;
 }
 
 std::vector<OrderRecord> MatchingEngine::orders_of(std::string_view account) const {
@@ -341,7 +347,7 @@ std::vector<OrderRecord> MatchingEngine::orders_of(std::string_view account) con
   const auto ids = by_account_.find(std::string(account));
   if (ids == by_account_.end()) return out;
   for (OrderId id : ids->second) {
-    if (const auto it = records_.find(id); it != records_.end()) out.push_back(it->second);
+    if (const auto it = records_.find(id); it != records_.end()) out.push_back(handed_out(it->second.record));
   }
   return out;
 }

@@ -27,15 +27,13 @@ constexpr std::array<std::pair<PriceType, std::string_view>, 3> kPriceTypes{
     {{PriceType::Limit, "LMT"}, {PriceType::Market, "MKT"}, {PriceType::MarketRange, "MKP"}}};
 constexpr std::array<std::pair<OrderType, std::string_view>, 3> kOrderTypes{
     {{OrderType::ROD, "ROD"}, {OrderType::IOC, "IOC"}, {OrderType::FOK, "FOK"}}};
-constexpr std::array<std::pair<Board, std::string_view>, 4> kBoards{{{Board::Common, "Common"},
-                                                                    {Board::Odd, "Odd"},
-                                                                    {Board::IntradayOdd, "IntradayOdd"},
-                                                                    {Board::Fixing, "Fixing"}}};
+constexpr std::array<std::pair<Board, std::string_view>, 4> kBoards{
+    {{Board::Common, "Common"}, {Board::Odd, "Odd"}, {Board::IntradayOdd, "IntradayOdd"}, {Board::Fixing, "Fixing"}}};
 constexpr std::array<std::pair<Status, std::string_view>, 5> kStatuses{{{Status::Submitted, "Submitted"},
-                                                                       {Status::PartFilled, "PartFilled"},
-                                                                       {Status::Filled, "Filled"},
-                                                                       {Status::Cancelled, "Cancelled"},
-                                                                       {Status::Failed, "Failed"}}};
+                                                                        {Status::PartFilled, "PartFilled"},
+                                                                        {Status::Filled, "Filled"},
+                                                                        {Status::Cancelled, "Cancelled"},
+                                                                        {Status::Failed, "Failed"}}};
 constexpr std::array<std::pair<OrderOperation, std::string_view>, 4> kOperations{
     {{OrderOperation::Place, "New"},
      {OrderOperation::Cancel, "Cancel"},
@@ -50,6 +48,18 @@ constexpr std::array<std::pair<OrderEventKind, std::string_view>, 6> kEventKinds
      {OrderEventKind::QuantityReduced, "QuantityReduced"}}};
 
 }  // namespace
+
+std::string order_seqno(OrderId id) {
+  std::string text = std::to_string(id % 1000000);
+  return std::string(6 - text.size(), '0') + text;
+}
+
+std::string order_ordno(OrderId id) {
+  static constexpr char kDigits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  std::string text(5, '0');
+  for (int i = 4; i >= 0; --i, id /= 36) text[static_cast<std::size_t>(i)] = kDigits[id % 36];
+  return text;
+}
 
 std::string_view to_text(Side side) { return name_of(kSides, side); }
 std::string_view to_text(PriceType type) { return name_of(kPriceTypes, type); }

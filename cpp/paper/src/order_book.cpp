@@ -23,8 +23,8 @@ Result<BookRules> book_rules(const Contract& contract, Board board) {
   rules.reference = contract.reference;
   if (contract.is_derivative()) {
     if (board != Board::Common) {
-      return refuse(RefusalCode::OrderTypeNotAllowed, "futures and options trade on the Common board only; got " +
-                                                          std::string(to_text(board)));
+      return refuse(RefusalCode::OrderTypeNotAllowed,
+                    "futures and options trade on the Common board only; got " + std::string(to_text(board)));
     }
     rules.quantity_unit = "contracts";
     rules.max_quantity = 100;
@@ -71,8 +71,8 @@ Outcome OrderBook::check_price(Price price) const {
     const Price tick = tick_size(rules_.ladder, price);
     return refuse(RefusalCode::PriceOffLadder,
                   "price " + price.to_string() + " is not on the tick ladder; expected a multiple of " +
-                      tick.to_string() + " such as " + round_down_to_ladder(rules_.ladder, price).to_string() +
-                      " or " + round_up_to_ladder(rules_.ladder, price).to_string());
+                      tick.to_string() + " such as " + round_down_to_ladder(rules_.ladder, price).to_string() + " or " +
+                      round_up_to_ladder(rules_.ladder, price).to_string());
   }
   if (!rules_.limits.contains(price)) {
     return refuse(RefusalCode::PriceOutsideLimits,
@@ -156,13 +156,15 @@ Outcome OrderBook::refuse_live(OrderOperation op, std::uint32_t slot, Refusal re
 
 Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, EventQueue& queue, bool synthetic) {
   if (Outcome refused = validate(t)) return refuse_with_event(OrderOperation::Place, id, t, *refused, now, queue);
-  if (index_.count(id) != 0) {
+  const auto [entry, added] = index_.try_emplace(id, kNil);
+  if (!added) {
     return refuse_with_event(OrderOperation::Place, id, t,
                              refuse(RefusalCode::DuplicateOrder,
                                     "order id " + std::to_string(id) + " is already in the book; expected a new id"),
                              now, queue);
   }
   const std::uint32_t slot = allocate();
+  entry->second = slot;
   Slot& s = slots_[slot];
   s.id = id;
   s.account = t.account;
@@ -171,7 +173,6 @@ Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, Event
   s.quantity = s.remaining = t.quantity;
   s.ts = now;
   s.synthetic = synthetic;
-  index_.emplace(id, slot);
   OrderEvent& accepted = event_for(OrderEventKind::Accepted, OrderOperation::Place, s, now, queue);
   accepted.quantity = t.quantity;
 
@@ -214,11 +215,11 @@ Outcome OrderBook::cancel(OrderId id, Timestamp now, EventQueue& queue) {
   const auto it = index_.find(id);
   if (it == index_.end()) {
     OrderTicket t;
-    return refuse_with_event(OrderOperation::Cancel, id, t,
-                             refuse(RefusalCode::UnknownOrder,
-                                    "order " + std::to_string(id) + " is not resting in the " + rules_.code +
-                                        " book; expected a working order"),
-                             now, queue);
+    return refuse_with_event(
+        OrderOperation::Cancel, id, t,
+        refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " + rules_.code +
+                                              " book; expected a working order"),
+        now, queue);
   }
   const std::uint32_t slot = it->second;
   OrderEvent& e = event_for(OrderEventKind::Cancelled, OrderOperation::Cancel, slots_[slot], now, queue);
@@ -236,11 +237,11 @@ Outcome OrderBook::change_price(OrderId id, Price price, Timestamp now, EventQue
   if (it == index_.end()) {
     OrderTicket t;
     t.price = price;
-    return refuse_with_event(OrderOperation::ChangePrice, id, t,
-                             refuse(RefusalCode::UnknownOrder,
-                                    "order " + std::to_string(id) + " is not resting in the " + rules_.code +
-                                        " book; expected a working order"),
-                             now, queue);
+    return refuse_with_event(
+        OrderOperation::ChangePrice, id, t,
+        refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " + rules_.code +
+                                              " book; expected a working order"),
+        now, queue);
   }
   const std::uint32_t slot = it->second;
   if (Outcome refused = check_price(price)) return refuse_live(OrderOperation::ChangePrice, slot, *refused, now, queue);
@@ -269,11 +270,11 @@ Outcome OrderBook::reduce_quantity(OrderId id, Quantity by, Timestamp now, Event
   if (it == index_.end()) {
     OrderTicket t;
     t.quantity = by;
-    return refuse_with_event(OrderOperation::ReduceQuantity, id, t,
-                             refuse(RefusalCode::UnknownOrder,
-                                    "order " + std::to_string(id) + " is not resting in the " + rules_.code +
-                                        " book; expected a working order"),
-                             now, queue);
+    return refuse_with_event(
+        OrderOperation::ReduceQuantity, id, t,
+        refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " + rules_.code +
+                                              " book; expected a working order"),
+        now, queue);
   }
   const std::uint32_t slot = it->second;
   Slot& s = slots_[slot];
@@ -312,7 +313,8 @@ Price OrderBook::marketable_price(Side side, PriceType type) const {
   // A range market order reaches a fixed number of ticks past the best opposite price.
   const std::optional<Price> opposite = side == Side::Buy ? best_ask() : best_bid();
   const Price base = opposite ? *opposite : last_price_.value_or(rules_.reference);
-  if (side == Side::Buy) return std::min(step_up(rules_.ladder, base, rules_.market_range_ticks), rules_.limits.limit_up);
+  if (side == Side::Buy)
+    return std::min(step_up(rules_.ladder, base, rules_.market_range_ticks), rules_.limits.limit_up);
   return std::max(step_down(rules_.ladder, base, rules_.market_range_ticks), rules_.limits.limit_down);
 }
 
@@ -351,7 +353,8 @@ void OrderBook::match(std::uint32_t incoming, Price limit, Timestamp now, OrderO
     volume_ += q;
     last_price_ = level_price;
     for (const auto& [slot, aggressor] : {std::pair{incoming, true}, std::pair{maker, false}}) {
-      OrderEvent& e = event_for(OrderEventKind::Filled, aggressor ? op : OrderOperation::Place, slots_[slot], now, queue);
+      OrderEvent& e =
+          event_for(OrderEventKind::Filled, aggressor ? op : OrderOperation::Place, slots_[slot], now, queue);
       e.quantity = q;
       e.deal_price = level_price;
       e.deal_id = deal;

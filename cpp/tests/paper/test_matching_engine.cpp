@@ -16,7 +16,8 @@ namespace {
 Price P(const char* text) { return *Price::parse(text); }
 
 OrderTicket ticket(const std::string& account, const std::string& code, Side side, const char* price, Quantity qty,
-                   Board board = Board::Common, OrderType type = OrderType::ROD, PriceType price_type = PriceType::Limit) {
+                   Board board = Board::Common, OrderType type = OrderType::ROD,
+                   PriceType price_type = PriceType::Limit) {
   OrderTicket t;
   t.account = account;
   t.code = code;
@@ -148,8 +149,8 @@ TEST_F(EngineTest, OddLotsTradeOnTheirOwnBook) {
 
 TEST_F(EngineTest, RangeMarketOrderRestsAtItsProtectionPrice) {
   place_ok(ticket("A", "TXFA6", Side::Sell, "23000", 1));
-  const OrderId buy = place_ok(ticket("B", "TXFA6", Side::Buy, "0", 3, Board::Common, OrderType::ROD,
-                                      PriceType::MarketRange));
+  const OrderId buy =
+      place_ok(ticket("B", "TXFA6", Side::Buy, "0", 3, Board::Common, OrderType::ROD, PriceType::MarketRange));
   const OrderRecord r = *engine_->order(buy);
   EXPECT_EQ(r.deal_quantity, 1);
   EXPECT_EQ(r.status, Status::PartFilled);
@@ -259,7 +260,8 @@ class LiquidEngineTest : public EngineTest {
 TEST_F(LiquidEngineTest, SyntheticLiquidityFillsAndIsReplenished) {
   const auto before = engine_->book("2330");
   EXPECT_TRUE(before->bids.empty());  // books open with their first order
-  const OrderId buy = place_ok(ticket("A", "2330", Side::Buy, "0", 1, Board::Common, OrderType::IOC, PriceType::Market));
+  const OrderId buy =
+      place_ok(ticket("A", "2330", Side::Buy, "0", 1, Board::Common, OrderType::IOC, PriceType::Market));
   const OrderRecord r = *engine_->order(buy);
   EXPECT_EQ(r.status, Status::Filled);
   EXPECT_EQ(r.deals[0].price, P("1005"));  // one tick above the reference

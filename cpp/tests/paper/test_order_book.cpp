@@ -62,7 +62,8 @@ TEST_F(OrderBookTest, BetterPriceFirstThenEarlierOrder) {
   take();
   ASSERT_FALSE(place(4, Side::Buy, "1000", 2));
   // The buyer takes 995 first, then the earlier of the two orders at 1000, at the makers' prices.
-  EXPECT_EQ(fills(take()), (std::vector<Fill>{{4, 1, P("995")}, {3, 1, P("995")}, {4, 1, P("1000")}, {1, 1, P("1000")}}));
+  EXPECT_EQ(fills(take()),
+            (std::vector<Fill>{{4, 1, P("995")}, {3, 1, P("995")}, {4, 1, P("1000")}, {1, 1, P("1000")}}));
   EXPECT_EQ(book_.best_ask(), P("1000"));
   EXPECT_EQ(book_.resting(2)->remaining, 1);
   EXPECT_EQ(book_.last_price(), P("1000"));
@@ -175,27 +176,26 @@ TEST_P(TicketRefusals, SayWhatWasWrongAndWhatWasExpected) {
 
 INSTANTIATE_TEST_SUITE_P(
     Orders, TicketRefusals,
-    ::testing::Values(
-        RefusalCase{"OffLadder", Board::Common, PriceType::Limit, OrderType::ROD, "1002", 1, RefusalCode::PriceOffLadder,
-                    "expected a multiple of 5 such as 1000 or 1005"},
-        RefusalCase{"AboveLimitUp", Board::Common, PriceType::Limit, OrderType::ROD, "1105", 1,
-                    RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
-        RefusalCase{"BelowLimitDown", Board::Common, PriceType::Limit, OrderType::ROD, "899", 1,
-                    RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
-        RefusalCase{"ZeroQuantity", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 0,
-                    RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
-        RefusalCase{"TooManyLots", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 500,
-                    RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
-        RefusalCase{"OddLotOfAThousandShares", Board::IntradayOdd, PriceType::Limit, OrderType::ROD, "1000", 1000,
-                    RefusalCode::InvalidQuantity, "expected 1 to 999 shares"},
-        RefusalCase{"MarketOrderMustNotRest", Board::Common, PriceType::Market, OrderType::ROD, "0", 1,
-                    RefusalCode::OrderTypeNotAllowed, "must be IOC or FOK"},
-        RefusalCase{"NoMarketOrdersForOddLots", Board::IntradayOdd, PriceType::Market, OrderType::IOC, "0", 10,
-                    RefusalCode::OrderTypeNotAllowed, "limit orders only"},
-        RefusalCase{"RangeMarketIsForDerivatives", Board::Common, PriceType::MarketRange, OrderType::IOC, "0", 1,
-                    RefusalCode::OrderTypeNotAllowed, "futures and options only"},
-        RefusalCase{"AfterHoursOddLotsAreRod", Board::Odd, PriceType::Limit, OrderType::IOC, "1000", 10,
-                    RefusalCode::OrderTypeNotAllowed, "ROD orders only"}),
+    ::testing::Values(RefusalCase{"OffLadder", Board::Common, PriceType::Limit, OrderType::ROD, "1002", 1,
+                                  RefusalCode::PriceOffLadder, "expected a multiple of 5 such as 1000 or 1005"},
+                      RefusalCase{"AboveLimitUp", Board::Common, PriceType::Limit, OrderType::ROD, "1105", 1,
+                                  RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
+                      RefusalCase{"BelowLimitDown", Board::Common, PriceType::Limit, OrderType::ROD, "899", 1,
+                                  RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
+                      RefusalCase{"ZeroQuantity", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 0,
+                                  RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
+                      RefusalCase{"TooManyLots", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 500,
+                                  RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
+                      RefusalCase{"OddLotOfAThousandShares", Board::IntradayOdd, PriceType::Limit, OrderType::ROD,
+                                  "1000", 1000, RefusalCode::InvalidQuantity, "expected 1 to 999 shares"},
+                      RefusalCase{"MarketOrderMustNotRest", Board::Common, PriceType::Market, OrderType::ROD, "0", 1,
+                                  RefusalCode::OrderTypeNotAllowed, "must be IOC or FOK"},
+                      RefusalCase{"NoMarketOrdersForOddLots", Board::IntradayOdd, PriceType::Market, OrderType::IOC,
+                                  "0", 10, RefusalCode::OrderTypeNotAllowed, "limit orders only"},
+                      RefusalCase{"RangeMarketIsForDerivatives", Board::Common, PriceType::MarketRange, OrderType::IOC,
+                                  "0", 1, RefusalCode::OrderTypeNotAllowed, "futures and options only"},
+                      RefusalCase{"AfterHoursOddLotsAreRod", Board::Odd, PriceType::Limit, OrderType::IOC, "1000", 10,
+                                  RefusalCode::OrderTypeNotAllowed, "ROD orders only"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(BookRules, BoardsAndContractsThatDoNotTrade) {

@@ -20,6 +20,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "quorvex/paper/clock.hpp"
@@ -34,7 +35,7 @@ namespace quorvex::paper {
 struct LiquidityProfile {
   bool enabled = true;
   int levels_per_side = 5;
-  Quantity min_quantity = 1;   // board lots or contracts; odd-lot boards scale to shares
+  Quantity min_quantity = 1;  // board lots or contracts; odd-lot boards scale to shares
   Quantity max_quantity = 20;
   std::uint64_t seed = 1;
 };
@@ -69,8 +70,11 @@ class MatchingEngine {
   // Replaces the handler; batches already being delivered finish with the old one.
   void set_event_handler(OrderEventHandler handler);
 
+  // An id for a coming placement, so that funds or holdings can be held under it first.
+  OrderId issue_order_id();
+  // Places under a new id, or under `id` from issue_order_id (each issued id places once).
   // A refused placement is still recorded (status Failed) and reported as a Refused event.
-  Result<OrderReceipt> place(const OrderTicket& ticket);
+  Result<OrderReceipt> place(const OrderTicket& ticket, std::optional<OrderId> id = std::nullopt);
   // A finished order answers NothingToCancel (sts_code 74006); an unknown id UnknownOrder.
   Result<OrderReceipt> cancel(OrderId id);
   Result<OrderReceipt> change_price(OrderId id, Price price);
@@ -85,11 +89,15 @@ class MatchingEngine {
 
  private:
   struct BookState;
-  struct Delivery;
+  struct Entry {
+    OrderRecord record;  // seqno and ordno are filled in the copies handed out
+    BookState* book = nullptr;  // while the order works
+  };
 
   Result<BookState*> open_book(const std::string& code, Board board);
   Result<OrderReceipt> modify(OrderId id, OrderOperation op, Price price, Quantity by);
   Outcome refuse_finished(OrderId id, OrderOperation op, const OrderRecord& record);
+  static OrderRecord handed_out(const OrderRecord& record);
   void settle_events(BookState* book);
   void replenish(BookState& book);
   void apply(const OrderEvent& event);
@@ -104,8 +112,8 @@ class MatchingEngine {
   mutable std::mutex mutex_;
   std::shared_ptr<const OrderEventHandler> handler_;
   std::unordered_map<std::string, std::unique_ptr<BookState>> books_;
-  std::unordered_map<OrderId, OrderRecord> records_;
-  std::unordered_map<OrderId, BookState*> live_;
+  std::unordered_map<OrderId, Entry> records_;
+  std::unordered_set<OrderId> issued_;
   std::unordered_map<std::string, std::vector<OrderId>> by_account_;
   std::vector<OrderId> finished_;  // retirement order
   std::size_t finished_head_ = 0;
@@ -113,6 +121,7 @@ class MatchingEngine {
   OrderId last_synthetic_id_ = 0;
   EventQueue queue_;
   std::vector<OrderEvent> outbox_;
+  std::vector<OrderEvent> spare_;  // the delivered batch, kept for its capacity
   bool delivering_ = false;
 };
 

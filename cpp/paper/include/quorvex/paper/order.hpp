@@ -16,9 +16,9 @@ namespace quorvex::paper {
 using OrderId = std::uint64_t;
 using DealId = std::uint64_t;
 
-enum class Side : std::uint8_t { Buy, Sell };                         // "Buy", "Sell"
-enum class PriceType : std::uint8_t { Limit, Market, MarketRange };   // "LMT", "MKT", "MKP"
-enum class OrderType : std::uint8_t { ROD, IOC, FOK };                // "ROD", "IOC", "FOK"
+enum class Side : std::uint8_t { Buy, Sell };                        // "Buy", "Sell"
+enum class PriceType : std::uint8_t { Limit, Market, MarketRange };  // "LMT", "MKT", "MKP"
+enum class OrderType : std::uint8_t { ROD, IOC, FOK };               // "ROD", "IOC", "FOK"
 // Stock boards; futures and options trade on the Common board only.
 enum class Board : std::uint8_t { Common, Odd, IntradayOdd, Fixing };  // "Common", "Odd", ...
 enum class Status : std::uint8_t { Submitted, PartFilled, Filled, Cancelled, Failed };
@@ -36,6 +36,10 @@ std::optional<Side> side_from_text(std::string_view text);
 std::optional<PriceType> price_type_from_text(std::string_view text);
 std::optional<OrderType> order_type_from_text(std::string_view text);
 std::optional<Board> board_from_text(std::string_view text);
+
+// The six-digit sequence number and the five-character exchange order number of an order.
+std::string order_seqno(OrderId id);
+std::string order_ordno(OrderId id);
 
 inline Side opposite(Side side) { return side == Side::Buy ? Side::Sell : Side::Buy; }
 

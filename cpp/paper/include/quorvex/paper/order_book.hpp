@@ -38,11 +38,11 @@ struct BookRules {
   PriceLimits limits;
   Price reference;
   std::string quantity_unit = "board lots";  // how refusals name the board's units
-  Quantity max_quantity = 499;        // per order, in the board's units
+  Quantity max_quantity = 499;               // per order, in the board's units
   Quantity max_market_quantity = 499;
-  bool market_orders = true;          // MKT (and MKP where allowed)
-  bool range_market_orders = false;   // MKP: derivatives only
-  bool rod_only = false;              // boards that take nothing but ROD
+  bool market_orders = true;             // MKT (and MKP where allowed)
+  bool range_market_orders = false;      // MKP: derivatives only
+  bool rod_only = false;                 // boards that take nothing but ROD
   std::int64_t market_range_ticks = 20;  // how far an MKP order may reach past the best price
 };
 
@@ -60,9 +60,9 @@ struct RestingOrder {
   std::string account;
   Side side = Side::Buy;
   Price price;
-  Quantity quantity = 0;   // as ordered
+  Quantity quantity = 0;  // as ordered
   Quantity remaining = 0;
-  Timestamp ts = 0;        // time priority
+  Timestamp ts = 0;  // time priority
   bool synthetic = false;
 };
 
