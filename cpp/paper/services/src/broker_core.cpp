@@ -76,6 +76,13 @@ ContractMasterConfig master_config(const PaperBrokerConfig& config, const core::
   return master;
 }
 
+EngineConfig engine_config(const PaperBrokerConfig& config) {
+  EngineConfig engine;
+  engine.liquidity.enabled = config.synthetic_liquidity;
+  engine.liquidity.seed = config.seed;
+  return engine;
+}
+
 double checked_speed(double speed) {
   if (!(speed > 0.0) || speed > 1e6) {
     throw std::invalid_argument("clock_speed " + std::to_string(speed) + " is not usable; expected above 0, at most 1e6");
@@ -91,7 +98,14 @@ BrokerCore::State::State(PaperBrokerConfig config)
       max_receive_window_ms(config.max_receive_window_ms),
       ip_address(config.ip_address),
       master(master_config(config, *clock)),
-      directory(config) {
+      directory(config),
+      engine_clock(market_clock),
+      engine(master, engine_clock, engine_config(config),
+             [this](const OrderEvent& event) {
+               std::lock_guard<std::mutex> lock(events_mutex);
+               pending_events.push_back(event);
+             }),
+      reservations(master) {
   if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
   for (const PersonConfig& person : config.persons) {
     for (const std::string& token : person.simulation_tokens) {
@@ -100,6 +114,11 @@ BrokerCore::State::State(PaperBrokerConfig config)
   }
   serve_auth();
   serve_contracts();
+  serve_orders();
+}
+
+BrokerCore::State::Service BrokerCore::State::bound(core::Value (State::*method)(Request&)) {
+  return [this, method](Request& request) { return (this->*method)(request); };
 }
 
 void BrokerCore::State::serve(const std::string& topic, Access access, Service service) {
@@ -146,13 +165,12 @@ std::string BrokerCore::State::decide(Request& request) {
     if (!request.encoded_reply.empty()) return std::move(request.encoded_reply);
     reply = wire::ok_reply(std::move(response));
   } catch (const ServiceRefused& refusal) {
-    request.reports.clear();
+    // Reports stay: they tell of what did happen before the refusal (a placement the engine
+    // recorded and refused, for one).
     reply = wire::refused_reply(refusal);
   } catch (const core::ValueError& e) {
-    request.reports.clear();
     reply = wire::refused_reply(ServiceRefused(wire::kBadRequest, std::string("malformed payload: ") + e.what()));
   } catch (const std::exception& e) {
-    request.reports.clear();
     reply = wire::refused_reply(ServiceRefused(500, std::string("the paper broker failed: ") + e.what()));
   }
   return core::encode(reply);
