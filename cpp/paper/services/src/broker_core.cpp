@@ -115,6 +115,8 @@ BrokerCore::State::State(PaperBrokerConfig config)
   serve_auth();
   serve_contracts();
   serve_orders();
+  serve_accounts();
+  serve_reservations();
 }
 
 BrokerCore::State::Service BrokerCore::State::bound(core::Value (State::*method)(Request&)) {

@@ -222,6 +222,28 @@ struct BrokerCore::State {
   std::optional<Price> mark_price(std::string_view code) const;
   MarkPrice marks() const;
 
+  core::Value account_balance(Request& request);
+  core::Value margin(Request& request);
+  core::Value settlements(Request& request);
+  core::Value settlement(Request& request);
+  core::Value positions(Request& request);
+  core::Value position_detail(Request& request);
+  core::Value profit_loss(Request& request);
+  core::Value profit_loss_detail(Request& request);
+  core::Value profit_loss_summary(Request& request);
+  // The payload's account, of the required kind when one is given.
+  const Account& account_for(const Request& request, std::optional<AccountKind> kind) const;
+  // {"account": the account dict, key: value}, the shape of every account reply.
+  core::Value with_account(const Account& account, const char* key, core::Value value) const;
+
+  core::Value reserve_stock(Request& request);
+  core::Value reserve_earmarking(Request& request);
+  core::Value stock_reserve_summary(Request& request);
+  core::Value stock_reserve_detail(Request& request);
+  core::Value earmarking_detail(Request& request);
+  void check_request_signature(const Account& account, const wire::Field& ca, const Contract& contract,
+                               Quantity shares) const;
+
   StockAccountBook& stock_book(const Account& account);
   FuturesAccountBook& futures_book(const Account& account);
 
