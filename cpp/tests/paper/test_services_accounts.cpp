@@ -35,8 +35,8 @@ class AccountServices : public ::testing::Test {
   Value query(const char* topic, Value payload) {
     const Value reply = broker.request(b, topic, payload);
     EXPECT_EQ(status_code(reply), 200) << topic << " " << reply;
-    EXPECT_EQ(reply.get("response").get("account").get_string("account_id"),
-              payload.get("account").get_string("account_id"));
+    const Value& account = payload.contains("account") ? payload.get("account") : payload;
+    EXPECT_EQ(reply.get("response").get("account").get_string("account_id"), account.get_string("account_id"));
     return reply.get("response");
   }
 };
@@ -62,14 +62,14 @@ TEST_F(AccountServices, StockPositionsSettlementsAndProfitAgreeWithTheFills) {
   EXPECT_EQ(detail_reply.get("position_detail").at(0).get_string("date"), "2026-01-05");
 
   // Bought today, paid on T+2; the settled balance is untouched until then.
-  const Value balance = query("api/v1/portfolio/account_balance", Value::map({{"account", kStockB}}));
+  const Value balance = query("api/v1/portfolio/account_balance", kStockB);
   EXPECT_EQ(balance.get_double("acc_balance"), 5'000'000.0);
   EXPECT_EQ(balance.get_string("errmsg"), "");
-  const Value days = query("api/v1/portfolio/settlements", Value::map({{"account", kStockB}}));
+  const Value days = query("api/v1/portfolio/settlements", kStockB);
   ASSERT_EQ(days.get_array("settlements").size(), 3u);
   EXPECT_EQ(days.get("settlements").at(2).get_int("T"), 2);
   EXPECT_LT(days.get("settlements").at(2).get_double("amount"), -paid * 2000);  // value plus fee
-  const Value tts = query("api/v1/portfolio/settlement", Value::map({{"account", kStockB}}));
+  const Value tts = query("api/v1/portfolio/settlement", kStockB);
   EXPECT_EQ(tts.get("settlements").get_double("t2_money"), days.get("settlements").at(2).get_double("amount"));
   EXPECT_EQ(tts.get("settlements").get_string("t_day"), "2026-01-05");
   EXPECT_EQ(tts.get("settlements").get_string("t2_day"), "2026-01-07");
@@ -101,12 +101,12 @@ TEST_F(AccountServices, StockPositionsSettlementsAndProfitAgreeWithTheFills) {
 
 TEST_F(AccountServices, FuturesMarginPositionsAndProfitFollowTheFills) {
   const std::string txf = broker.core().contracts().front_month("TXF")->code;
-  const Value before = query("api/v1/portfolio/margin", Value::map({{"account", kFuturesB}}));
+  const Value before = query("api/v1/portfolio/margin", kFuturesB);
   EXPECT_EQ(before.get("margins").size(), 25u);
   EXPECT_EQ(before.get("margins").get_double("initial_margin"), 0.0);
 
   trade(kFuturesB, txf, "Buy", 0, 1, "MKT");
-  const Value open = query("api/v1/portfolio/margin", Value::map({{"account", kFuturesB}}));
+  const Value open = query("api/v1/portfolio/margin", kFuturesB);
   EXPECT_GT(open.get("margins").get_double("initial_margin"), 0.0);
   EXPECT_LT(open.get("margins").get_double("available_margin"), before.get("margins").get_double("available_margin"));
   const Value held = query("api/v1/portfolio/position_unit", Value::map({{"account", kFuturesB}, {"unit", "Common"}}));
@@ -147,10 +147,10 @@ TEST_P(AccountRefusals, AreAnsweredWithStatusAndDetail) {
 INSTANTIATE_TEST_SUITE_P(
     Accounts, AccountRefusals,
     ::testing::Values(
-        AccountRefusal{"margin_of_a_stock_account", "api/v1/portfolio/margin", Value::map({{"account", kStockB}}), 400},
+        AccountRefusal{"margin_of_a_stock_account", "api/v1/portfolio/margin", kStockB, 400},
         AccountRefusal{"balance_of_a_futures_account", "api/v1/portfolio/account_balance",
-                       Value::map({{"account", kFuturesB}}), 400},
-        AccountRefusal{"another_persons_balance", "api/v1/portfolio/account_balance", Value::map({{"account", kStockA}}),
+                       kFuturesB, 400},
+        AccountRefusal{"another_persons_balance", "api/v1/portfolio/account_balance", kStockA,
                        403},
         AccountRefusal{"no_account", "api/v1/portfolio/settlements", Value::map({}), 400},
         AccountRefusal{"backward_range", "api/v1/portfolio/profit_loss",
@@ -172,8 +172,8 @@ TEST_F(AccountServices, SimulationSessionsSeePaperPositionsButNotTheLiveOnlyServ
   EXPECT_EQ(status_code(broker.request(sim, "api/v1/paper/position_unit",
                                        Value::map({{"account", kStockB}, {"unit", "Common"}}))),
             200);
-  EXPECT_EQ(status_code(broker.request(sim, "api/v1/portfolio/settlement", Value::map({{"account", kStockB}}))), 200);
-  const Value refused = broker.request(sim, "api/v1/portfolio/account_balance", Value::map({{"account", kStockB}}));
+  EXPECT_EQ(status_code(broker.request(sim, "api/v1/portfolio/settlement", kStockB)), 200);
+  const Value refused = broker.request(sim, "api/v1/portfolio/account_balance", kStockB);
   EXPECT_EQ(status_code(refused), 403);
   EXPECT_NE(detail(refused).find("not offered to simulation sessions"), std::string::npos);
 }

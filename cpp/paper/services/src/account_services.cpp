@@ -196,8 +196,12 @@ Unit unit_of(const Field& f) {
 
 }  // namespace
 
+// Balance, margin and settlements send the account dict itself; the other services send it
+// under "account".
 const Account& BrokerCore::State::account_for(const Request& request, std::optional<AccountKind> kind) const {
-  const Account& account = owned_account(request, field(request.payload, "account"));
+  const bool whole = !request.payload.contains("account") && request.payload.contains("broker_id");
+  const Account& account =
+      owned_account(request, whole ? Field(request.payload, "account") : field(request.payload, "account"));
   if (kind && account.config.kind != *kind) {
     wire::refuse(wire::kBadRequest, request.topic + " serves " +
                                         (*kind == AccountKind::Stock ? "stock" : "futures") + " accounts; " +
