@@ -13,7 +13,7 @@ constexpr std::int64_t kNanosPerMilli = 1'000'000;
 
 class AuthTest : public ::testing::Test {
  protected:
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(taipei_instant(Date{2026, 1, 5}, 36000));
+  std::shared_ptr<core::ManualClock> clock = std::make_shared<core::ManualClock>(taipei_time(Date{2026, 1, 5}, 36000));
   BrokerHarness broker{test_config(clock)};
 
   // The signed API-key login request: the msgpack document, its Ed25519 signature, Base58.
@@ -35,7 +35,7 @@ class AuthTest : public ::testing::Test {
                        {"sign", core::base58_encode(signature, sizeof signature)}});
   }
 
-  double clock_seconds() const { return static_cast<double>(clock->now()) / 1e9; }
+  double clock_seconds() const { return std::chrono::duration<double>(clock->now().time_since_epoch()).count(); }
 };
 
 TEST_F(AuthTest, PasswordLoginListsThePersonsAccountsAndIssuesAToken) {

@@ -87,7 +87,7 @@ TEST_F(ContractPages, RefusesBadPagesTypesAndSizes) {
 
 // The trading day of the reference data follows the broker clock, skipping weekends back.
 TEST(ContractMasterDay, FollowsTheBrokerClockToTheLastBusinessDay) {
-  auto saturday = std::make_shared<ManualClock>(taipei_instant(Date{2026, 1, 10}, 9 * 3600));
+  auto saturday = std::make_shared<core::ManualClock>(taipei_time(Date{2026, 1, 10}, 9 * 3600));
   BrokerHarness broker(test_config(saturday));
   EXPECT_EQ(broker.core().contracts().trading_day(), (Date{2026, 1, 9}));
 }

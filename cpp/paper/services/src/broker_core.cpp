@@ -48,32 +48,40 @@ std::vector<std::string> Outbox::drain(DirectSender& sender) {
 
 // ---- ScaledClock ----
 
-ScaledClock::ScaledClock(std::shared_ptr<const Clock> base, double speed)
+ScaledClock::ScaledClock(std::shared_ptr<const core::Clock> base, double speed)
     : base_(std::move(base)), speed_(speed), start_(base_->now()) {}
 
-Timestamp ScaledClock::now() const {
-  const Timestamp base_now = base_->now();
+core::Clock::time_point ScaledClock::now() const {
+  const time_point base_now = base_->now();
   if (speed_ == 1.0) return base_now;
-  return start_ + static_cast<Timestamp>(static_cast<double>(base_now - start_) * speed_);
+  const auto elapsed = std::chrono::duration<double>(base_now - start_) * speed_;
+  return start_ + std::chrono::duration_cast<duration>(elapsed);
 }
 
 // ---- State ----
 
 namespace {
 
-std::shared_ptr<const Clock> clock_of(const PaperBrokerConfig& config) {
-  return config.clock ? config.clock : std::make_shared<const SystemClock>();
+std::shared_ptr<const core::Clock> clock_of(const PaperBrokerConfig& config) {
+  return config.clock ? config.clock : core::system_clock();
 }
 
 // The reference data's day: the market clock's Taipei date, or the last business day before it.
-ContractMasterConfig master_config(const PaperBrokerConfig& config, const Clock& clock) {
+ContractMasterConfig master_config(const PaperBrokerConfig& config, const core::Clock& clock) {
   ContractMasterConfig master = config.contracts;
   if (!config.use_config_trading_day) {
-    Date day = clock.today();
+    Date day = taipei_date(nanos_of(clock.now()));
     while (!day.is_business_day()) day = day.plus_days(-1);
     master.trading_day = day;
   }
   return master;
+}
+
+EngineConfig engine_config(const PaperBrokerConfig& config) {
+  EngineConfig engine;
+  engine.liquidity.enabled = config.synthetic_liquidity;
+  engine.liquidity.seed = config.seed;
+  return engine;
 }
 
 double checked_speed(double speed) {
@@ -92,7 +100,13 @@ BrokerCore::State::State(PaperBrokerConfig config)
       max_receive_window_ms(config.max_receive_window_ms),
       ip_address(config.ip_address),
       master(master_config(config, market_clock)),
-      directory(config) {
+      directory(config),
+      engine(master, market_clock, engine_config(config),
+             [this](const OrderEvent& event) {
+               std::lock_guard<std::mutex> lock(events_mutex);
+               pending_events.push_back(event);
+             }),
+      reservations(master) {
   if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
   for (const PersonConfig& person : config.persons) {
     for (const std::string& token : person.simulation_tokens) {
@@ -101,6 +115,13 @@ BrokerCore::State::State(PaperBrokerConfig config)
   }
   serve_auth();
   serve_contracts();
+  serve_orders();
+  serve_accounts();
+  serve_reservations();
+}
+
+BrokerCore::State::Service BrokerCore::State::bound(core::Value (State::*method)(Request&)) {
+  return [this, method](Request& request) { return (this->*method)(request); };
 }
 
 void BrokerCore::State::serve(const std::string& topic, Access access, Service service) {
@@ -147,13 +168,12 @@ std::string BrokerCore::State::decide(Request& request) {
     if (!request.encoded_reply.empty()) return std::move(request.encoded_reply);
     reply = wire::ok_reply(std::move(response));
   } catch (const ServiceRefused& refusal) {
-    request.reports.clear();
+    // Reports stay: they tell of what did happen before the refusal (a placement the engine
+    // recorded and refused, for one).
     reply = wire::refused_reply(refusal);
   } catch (const core::ValueError& e) {
-    request.reports.clear();
     reply = wire::refused_reply(ServiceRefused(wire::kBadRequest, std::string("malformed payload: ") + e.what()));
   } catch (const std::exception& e) {
-    request.reports.clear();
     reply = wire::refused_reply(ServiceRefused(500, std::string("the paper broker failed: ") + e.what()));
   }
   return core::encode(reply);
@@ -238,6 +258,6 @@ std::vector<std::string> BrokerCore::topics() const {
 }
 
 const ContractMaster& BrokerCore::contracts() const { return state_->master; }
-const Clock& BrokerCore::market_clock() const { return state_->market_clock; }
+const core::Clock& BrokerCore::market_clock() const { return state_->market_clock; }
 
 }  // namespace quorvex::paper

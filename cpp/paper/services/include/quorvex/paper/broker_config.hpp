@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quorvex/paper/clock.hpp"
+#include "quorvex/core/clock.hpp"
 #include "quorvex/paper/contract_master.hpp"
 #include "quorvex/paper/price.hpp"
 
@@ -66,8 +66,8 @@ struct PaperBrokerConfig {
   // The instant market time starts from, so a demo or test opens on a chosen trading moment
   // (the reference data's trading day follows it); 0 starts it at the broker clock's now.
   Timestamp market_start = 0;
-  // The broker clock; the system clock when null. Must outlive nothing: shared.
-  std::shared_ptr<const Clock> clock;
+  // The broker clock; the system clock when null.
+  std::shared_ptr<const core::Clock> clock;
   // The longest `receive_window` a signed API-key login may ask for.
   std::int64_t max_receive_window_ms = 60'000;
   // The address the login reply reports for in-process sessions.

@@ -20,7 +20,7 @@
 
 #include "quorvex/core/value.hpp"
 #include "quorvex/paper/broker_config.hpp"
-#include "quorvex/paper/clock.hpp"
+#include "quorvex/core/clock.hpp"
 #include "quorvex/paper/contract_master.hpp"
 
 namespace quorvex::paper {
@@ -118,7 +118,7 @@ class BrokerCore {
 
   const ContractMaster& contracts() const;
   // Market time: the broker clock sped up by the configured clock speed.
-  const Clock& market_clock() const;
+  const core::Clock& market_clock() const;
 
   struct State;
 
