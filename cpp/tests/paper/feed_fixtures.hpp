@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -23,6 +24,19 @@ inline constexpr std::uint64_t kSeed = 42;
 inline Timestamp taipei(const Date& day, int hour, int minute, int second = 0) {
   return taipei_instant(day, hour * 3600 + minute * 60 + second);
 }
+
+// A market clock that moves only when told to, read and moved in nanosecond time stamps.
+class TestClock final : public core::Clock {
+ public:
+  explicit TestClock(Timestamp start) : ts_(start) {}
+  time_point now() const override { return to_time_point(ts_.load()); }
+  Timestamp ts() const { return ts_.load(); }
+  void set(Timestamp ts) { ts_.store(ts); }
+  void advance(Timestamp by) { ts_.fetch_add(by); }
+
+ private:
+  std::atomic<Timestamp> ts_;
+};
 
 inline const ContractMaster& small_master() {
   static const ContractMaster master({7, 400, kTradingDay});

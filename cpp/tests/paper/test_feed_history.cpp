@@ -48,7 +48,7 @@ class HistoryTest : public ::testing::Test {
   std::vector<TickRow> all_day(const Contract& c, const Date& day) const { return history_.ticks(c, day, {}); }
 
   MarketModel model_{small_master(), kSeed};
-  ManualClock clock_;
+  TestClock clock_;
   TradeLedger ledger_;
   MarketHistory history_;
 };
@@ -56,7 +56,7 @@ class HistoryTest : public ::testing::Test {
 TEST_F(HistoryTest, TicksStopAtTheMarketClock) {
   const auto today = all_day(contract("2330"), kTradingDay);
   ASSERT_FALSE(today.empty());
-  EXPECT_LE(today.back().ts, clock_.now());
+  EXPECT_LE(today.back().ts, clock_.ts());
   EXPECT_EQ(today.front().ts, taipei(kTradingDay, 9, 0));
   EXPECT_TRUE(all_day(contract("2330"), kTradingDay.plus_days(1)).empty());  // tomorrow has not happened
   const auto yesterday = all_day(contract("2330"), kTradingDay.plus_business_days(-1));
@@ -149,7 +149,7 @@ TEST_F(HistoryTest, KbarsAggregateTheDaysTicksAndDailyQuotesTheDay) {
 }
 
 TEST_F(HistoryTest, HistoryIsTheSameWhoeverAsks) {
-  ManualClock later(taipei(kTradingDay, 12, 0));
+  TestClock later(taipei(kTradingDay, 12, 0));
   TradeLedger other_ledger;
   const MarketHistory other(model_, later, other_ledger);
   const Date day = kTradingDay.plus_business_days(-3);
@@ -190,7 +190,7 @@ TEST_F(HistoryTest, TheBrokersTradesJoinTheTicksAndTheTotals) {
   OwnTrade trade;
   trade.code = c.code;
   trade.deal = 1;
-  trade.ts = clock_.now() - kNanosPerSecond;
+  trade.ts = clock_.ts() - kNanosPerSecond;
   trade.price = before.state.close;
   trade.quantity = 77;
   trade.aggressor = Side::Sell;
@@ -272,7 +272,7 @@ class MarketDataReplies : public ::testing::Test {
                        {"target_code", ""}});
   }
 
-  ManualClock clock_;
+  TestClock clock_;
   PaperMarketData data_;
 };
 

@@ -54,7 +54,7 @@ class FeedTest : public ::testing::Test {
   }
 
   MarketModel model_{small_master(), kSeed};
-  ManualClock clock_;
+  TestClock clock_;
   TradeLedger ledger_;
   RecordingPublisher published_;
   QuoteFeed feed_;
@@ -79,7 +79,7 @@ class FeedFamilies : public FeedTest, public ::testing::WithParamInterface<Famil
 TEST_P(FeedFamilies, PublishTheDocumentedLayoutOnTheSubscribedTopicOnly) {
   const FamilyCase& p = GetParam();
   subscribe(p.filter());
-  const Timestamp subscribed_at = clock_.now();
+  const Timestamp subscribed_at = clock_.ts();
   run_market(300);
   const auto messages = decoded();
   ASSERT_FALSE(messages.empty());
@@ -98,7 +98,7 @@ TEST_P(FeedFamilies, PublishTheDocumentedLayoutOnTheSubscribedTopicOnly) {
     ASSERT_EQ(content.size(), p.elements);
     const Timestamp ts = content.at(1).as_int() * 1000;
     EXPECT_GT(ts, subscribed_at);
-    EXPECT_LE(ts, clock_.now());
+    EXPECT_LE(ts, clock_.ts());
     EXPECT_TRUE(content.at(0).is_string());
   }
 }
@@ -127,12 +127,12 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(FeedTest, TicksAgreeWithHistoryAndBidAsksWithTheirTrades) {
   subscribe("TIC/v1/STK/*/TSE/2317");
   subscribe("QUO/v1/STK/*/TSE/2317");
-  const Timestamp from = clock_.now();
+  const Timestamp from = clock_.ts();
   run_market(600);
   const MarketHistory history(model_, clock_, ledger_);
   std::vector<TickRow> expected;
   for (const TickRow& r : history.ticks(contract("2317"), kTradingDay, {})) {
-    if (r.ts > from && r.ts <= clock_.now()) expected.push_back(r);
+    if (r.ts > from && r.ts <= clock_.ts()) expected.push_back(r);
   }
   std::vector<Value> ticks, bidasks;
   for (const auto& [topic, message] : decoded()) {
@@ -205,7 +205,7 @@ TEST_F(FeedTest, TheBrokersTradeAppearsAsATick) {
   OwnTrade trade;
   trade.code = c.code;
   trade.deal = 7;
-  trade.ts = clock_.now();
+  trade.ts = clock_.ts();
   trade.price = c.reference;
   trade.quantity = 321;
   trade.aggressor = Side::Buy;
@@ -266,7 +266,7 @@ TEST_F(FeedWithRestingOrders, ShowInTheBidAsksWhereTheyDoNotCrossTheMarket) {
 
 TEST(FeedLifecycle, StopsCleanlyAndCountsPublisherFailures) {
   const MarketModel model(small_master(), kSeed);
-  ManualClock clock(taipei(kTradingDay, 10, 0));
+  TestClock clock(taipei(kTradingDay, 10, 0));
   TradeLedger ledger;
   std::atomic<int> calls{0};
   auto feed = std::make_unique<QuoteFeed>(model, clock, ledger, RestingDepth{}, FeedOptions{std::chrono::microseconds(200)});

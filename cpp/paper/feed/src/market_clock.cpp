@@ -13,9 +13,9 @@ AcceleratedClock::AcceleratedClock(Timestamp start, double speed)
   }
 }
 
-Timestamp AcceleratedClock::now() const {
+AcceleratedClock::time_point AcceleratedClock::now() const {
   const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - origin_);
-  return start_ + static_cast<Timestamp>(static_cast<double>(elapsed.count()) * speed_);
+  return to_time_point(start_ + static_cast<Timestamp>(static_cast<double>(elapsed.count()) * speed_));
 }
 
 std::optional<Timestamp> parse_taipei_instant(std::string_view text) {

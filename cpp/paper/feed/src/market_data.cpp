@@ -348,7 +348,7 @@ Value short_sources_reply(const MarketHistory& history, const Value& payload, bo
 
 }  // namespace
 
-PaperMarketData::PaperMarketData(const ContractMaster& contracts, const Clock& clock, RestingDepth depth,
+PaperMarketData::PaperMarketData(const ContractMaster& contracts, const core::Clock& clock, RestingDepth depth,
                                  MarketDataOptions options)
     : model_(contracts, options.seed),
       history_(model_, clock, ledger_, depth),

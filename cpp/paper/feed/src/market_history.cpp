@@ -56,13 +56,13 @@ std::vector<MinuteBar> minute_bars(const std::vector<TickRow>& ticks) {
   return bars;
 }
 
-MarketHistory::MarketHistory(const MarketModel& model, const Clock& clock, const TradeLedger& ledger,
+MarketHistory::MarketHistory(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger,
                              RestingDepth depth)
     : model_(model), clock_(clock), ledger_(ledger), depth_(std::move(depth)) {}
 
 std::vector<TickRow> MarketHistory::ticks(const Contract& contract, const Date& day,
                                           const TickSelection& selection) const {
-  const Timestamp now = clock_.now();
+  const Timestamp now = this->now();
   ContractDay replay(model_, contract, board_market(contract), day);
   replay.sync(ledger_);
   std::vector<TickRow> rows;
@@ -92,7 +92,7 @@ std::vector<TickRow> MarketHistory::ticks(const Contract& contract, const Date& 
 
 std::vector<MinuteBar> MarketHistory::kbars(const Contract& contract, const Date& start, const Date& end) const {
   std::vector<MinuteBar> bars;
-  const Timestamp now = clock_.now();
+  const Timestamp now = this->now();
   const Market market = board_market(contract);
   for (Date day = start; day <= end; day = day.plus_days(1)) {
     if (!day.is_business_day() || day_open(market, day) > now) continue;
@@ -137,7 +137,7 @@ void MarketHistory::add_resting(ContractSnapshot& snapshot, Board board) const {
 }
 
 ContractSnapshot MarketHistory::snapshot(const Contract& contract) const {
-  const Timestamp now = clock_.now();
+  const Timestamp now = this->now();
   const Market market = board_market(contract);
   ContractSnapshot snap;
   {
@@ -150,7 +150,7 @@ ContractSnapshot MarketHistory::snapshot(const Contract& contract) const {
 
 std::vector<DailyQuote> MarketHistory::daily_quotes(const Date& day, bool exclude_funds) const {
   std::vector<DailyQuote> out;
-  const Timestamp now = clock_.now();
+  const Timestamp now = this->now();
   if (!day.is_business_day() || day_open(Market::Stock, day) > now) return out;
   std::lock_guard lock(mutex_);
   for (const Contract& c : model_.contracts().contracts(SecurityType::Stock)) {
@@ -165,7 +165,7 @@ std::vector<DailyQuote> MarketHistory::daily_quotes(const Date& day, bool exclud
 std::vector<ScannerRow> MarketHistory::scan(ScannerKind kind, bool ascending, const Date& day,
                                             std::size_t count) const {
   std::vector<ScannerRow> rows;
-  const Timestamp now = clock_.now();
+  const Timestamp now = this->now();
   if (!day.is_business_day() || day_open(Market::Stock, day) > now) return rows;
   {
     std::lock_guard lock(mutex_);

@@ -271,7 +271,7 @@ class QuoteFeed::Streams {
   std::vector<std::pair<const std::string*, std::string>> outbox_;
 };
 
-QuoteFeed::QuoteFeed(const MarketModel& model, const Clock& clock, const TradeLedger& ledger, RestingDepth depth,
+QuoteFeed::QuoteFeed(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger, RestingDepth depth,
                      FeedOptions options)
     : clock_(clock), options_(options), streams_(std::make_unique<Streams>(model, ledger, std::move(depth))) {}
 
@@ -354,7 +354,7 @@ void QuoteFeed::run() {
     filters.clear();
     books.clear();
     stream_count_.store(streams_->size(), std::memory_order_relaxed);
-    streams_->publish_due(clock_.now(), messages_, publish_errors_);
+    streams_->publish_due(to_timestamp(clock_.now()), messages_, publish_errors_);
     rounds_.fetch_add(1, std::memory_order_release);
   }
 }

@@ -10,17 +10,18 @@
 #include <optional>
 #include <string_view>
 
-#include "quorvex/paper/clock.hpp"
+#include "quorvex/core/clock.hpp"
+#include "quorvex/paper/calendar.hpp"
 
 namespace quorvex::paper {
 
-class AcceleratedClock final : public Clock {
+class AcceleratedClock final : public core::Clock {
  public:
   // `speed` simulated seconds pass per real second; 1 is real time. std::invalid_argument
   // when speed is not a finite number above zero.
   AcceleratedClock(Timestamp start, double speed);
 
-  Timestamp now() const override;
+  time_point now() const override;
   Timestamp start() const { return start_; }
   double speed() const { return speed_; }
 
@@ -32,16 +33,16 @@ class AcceleratedClock final : public Clock {
 
 // A base clock read as if it had shown `start` when this clock was made: a trading day replayed
 // at the base clock's pace (wrap it in a faster clock to speed it up).
-class ReplayClock final : public Clock {
+class ReplayClock final : public core::Clock {
  public:
   // `base` must not be null.
-  ReplayClock(std::shared_ptr<const Clock> base, Timestamp start)
-      : base_(std::move(base)), offset_(start - base_->now()) {}
-  Timestamp now() const override { return base_->now() + offset_; }
+  ReplayClock(std::shared_ptr<const core::Clock> base, Timestamp start)
+      : base_(std::move(base)), offset_(to_time_point(start) - base_->now()) {}
+  time_point now() const override { return base_->now() + offset_; }
 
  private:
-  std::shared_ptr<const Clock> base_;
-  Timestamp offset_;
+  std::shared_ptr<const core::Clock> base_;
+  duration offset_;
 };
 
 // The instant of a Taipei wall-clock text "YYYY-MM-DD", "YYYY-MM-DDTHH:MM" or

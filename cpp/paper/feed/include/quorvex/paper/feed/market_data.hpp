@@ -29,7 +29,7 @@ inline constexpr std::string_view kMarketDataServices[] = {
 class PaperMarketData {
  public:
   // `contracts` and `clock` must outlive the market data.
-  PaperMarketData(const ContractMaster& contracts, const Clock& clock, RestingDepth depth = {},
+  PaperMarketData(const ContractMaster& contracts, const core::Clock& clock, RestingDepth depth = {},
                   MarketDataOptions options = {});
   ~PaperMarketData();
   PaperMarketData(const PaperMarketData&) = delete;

@@ -14,7 +14,7 @@
 #include <tuple>
 #include <vector>
 
-#include "quorvex/paper/clock.hpp"
+#include "quorvex/core/clock.hpp"
 #include "quorvex/paper/feed/quote_feed.hpp"
 
 namespace quorvex::paper {
@@ -78,10 +78,10 @@ struct ScannerRow {
 class MarketHistory {
  public:
   // `model`, `clock` and `ledger` must outlive the history.
-  MarketHistory(const MarketModel& model, const Clock& clock, const TradeLedger& ledger, RestingDepth depth = {});
+  MarketHistory(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger, RestingDepth depth = {});
 
   const MarketModel& model() const { return model_; }
-  Timestamp now() const { return clock_.now(); }
+  Timestamp now() const { return to_timestamp(clock_.now()); }
 
   // Board-lot (or futures and options) trades of a contract on a trading day, up to now.
   std::vector<TickRow> ticks(const Contract& contract, const Date& day, const TickSelection& selection) const;
@@ -107,7 +107,7 @@ class MarketHistory {
   void add_resting(ContractSnapshot& snapshot, Board board) const;
 
   const MarketModel& model_;
-  const Clock& clock_;
+  const core::Clock& clock_;
   const TradeLedger& ledger_;
   RestingDepth depth_;
   mutable std::mutex mutex_;

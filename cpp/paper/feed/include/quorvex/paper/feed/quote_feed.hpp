@@ -31,7 +31,7 @@
 #include <utility>
 #include <vector>
 
-#include "quorvex/paper/clock.hpp"
+#include "quorvex/core/clock.hpp"
 #include "quorvex/paper/feed/quote_content.hpp"
 #include "quorvex/paper/matching_engine.hpp"
 
@@ -60,7 +60,7 @@ class QuoteFeed {
   };
 
   // `model`, `clock` and `ledger` must outlive the feed.
-  QuoteFeed(const MarketModel& model, const Clock& clock, const TradeLedger& ledger, RestingDepth depth = {},
+  QuoteFeed(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger, RestingDepth depth = {},
             FeedOptions options = {});
   ~QuoteFeed();
   QuoteFeed(const QuoteFeed&) = delete;
@@ -84,7 +84,7 @@ class QuoteFeed {
 
   void run();
 
-  const Clock& clock_;
+  const core::Clock& clock_;
   FeedOptions options_;
   std::unique_ptr<Streams> streams_;  // owned by the feed thread once started
 
