@@ -1,4 +1,6 @@
 """A logged-in SolaceAPI on an embedded paper broker whose market opens on a chosen moment."""
+from __future__ import annotations
+
 
 import threading
 import time
