@@ -1,7 +1,4 @@
 """A logged-in SolaceAPI on an embedded paper broker whose market opens on a chosen moment."""
-from __future__ import annotations
-
-
 import threading
 import time
 import uuid
