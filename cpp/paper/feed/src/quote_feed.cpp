@@ -214,15 +214,22 @@ class QuoteFeed::Streams {
     frame.contract = s.contract;
     frame.state = &s.day->state();
     frame.ts = ts;
-    frame.book = book_of(s);
-    frame.previous_book = s.published_book;
+    // Shaping the book costs more than a tick: only for streams that publish it.
+    constexpr TopicMask kBookTopics = bit(QuoteTopic::BidAskV1, false) | bit(QuoteTopic::BidAskV1, true) |
+                                      bit(QuoteTopic::QuoteV2, false) | bit(QuoteTopic::QuoteV2, true) |
+                                      bit(QuoteTopic::BidAskV0, false) | bit(QuoteTopic::BidAskV0, true);
+    const bool with_book = (s.mask & kBookTopics) != 0;
+    if (with_book) {
+      frame.book = book_of(s);
+      frame.previous_book = s.published_book;
+    }
     if (s.underlying) frame.underlying = s.underlying->price_until(ts);
     for (QuoteTopic topic : kQuoteTopics) {
       if ((s.mask & bit(topic, night)) == 0 || (is_tick(topic) && !with_tick)) continue;
       outbox_.emplace_back(&s.topics[static_cast<std::size_t>(topic) * 2 + (night ? 1 : 0)],
                            encode_quote(topic, s.market, frame));
     }
-    s.published_book = frame.book;
+    if (with_book) s.published_book = frame.book;
   }
 
   void produce(Stream& s, Timestamp now, bool new_trades) {
