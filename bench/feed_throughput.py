@@ -22,6 +22,7 @@ unsubscribed and the queue drained, then:
 - baseline, measured in this run: building the same number of TickSTKv1 records from the same
   contents in a tight loop (no feed, bus or routing); the ratio is the delivered rate over it.
 """
+
 import argparse
 import datetime
 import statistics
@@ -80,19 +81,19 @@ def run(name, codes, trades, rate, seconds, one_filter):
     keep, clock = received.append, time.time_ns
     api.set_on_tick_stk_v1_callback(lambda exchange, tick: keep((clock(), tick)))
     contracts = [Stock(code=code, exchange="TSE") for code in codes]
-    if one_filter:
-        api.session.subscribe(ALL_STOCKS)
-    else:
+
+    def subscription(action):
+        if one_filter:
+            getattr(api.session, action)(ALL_STOCKS)
+            return
         for contract in contracts:
-            api.subscribe(contract, QuoteType.Tick, False, QuoteVersion.v1)
+            getattr(api, action)(contract, QuoteType.Tick, False, QuoteVersion.v1)
+
+    subscription("subscribe")
     window_start = time.time_ns()
     time.sleep(seconds)
     window_end = time.time_ns()
-    if one_filter:
-        api.session.unsubscribe(ALL_STOCKS)
-    else:
-        for contract in contracts:
-            api.unsubscribe(contract, QuoteType.Tick, False, QuoteVersion.v1)
+    subscription("unsubscribe")
     unsubscribed = time.time_ns()
     while True:  # what was published before the unsubscriptions is still on its way
         before = len(received)
@@ -108,14 +109,21 @@ def run(name, codes, trades, rate, seconds, one_filter):
     missing = 0
     for code, got in by_code.items():
         first, last = min(got), max(got)
-        history = api.ticks(Stock(code=code, exchange="TSE"), DAY, TicksQueryType.RangeTime,
-                            time_of_day(first), time_of_day(last + 10**9))
+        history = api.ticks(
+            Stock(code=code, exchange="TSE"),
+            DAY,
+            TicksQueryType.RangeTime,
+            time_of_day(first),
+            time_of_day(last + 10**9),
+        )
         missing += sum(1 for ts in history.ts if first <= ts <= last) - len(got)
     api.logout()
 
     in_window = sum(1 for recv, _ in received if window_start <= recv <= window_end)
     delivered_rate = in_window / ((window_end - window_start) / 1e9)
-    latencies = sorted(recv - (started_ns + (wall_ns(tick) - OPENING_WALL_NS) / speed) for recv, tick in received)
+    latencies = sorted(
+        recv - (started_ns + (wall_ns(tick) - OPENING_WALL_NS) / speed) for recv, tick in received
+    )
     return {
         "name": name,
         "stocks": len(codes),
@@ -140,7 +148,9 @@ def main():
     ranked = trades_of_previous_day()
     busiest = ranked[: args.contracts]
     runs = [
-        run("one by one", [c for _, c in busiest], sum(t for t, _ in busiest), args.rate, args.seconds, False),
+        run(
+            "one by one", [c for _, c in busiest], sum(t for t, _ in busiest), args.rate, args.seconds, False
+        ),
         run("one filter", [c for _, c in ranked], sum(t for t, _ in ranked), args.rate, args.seconds, True),
     ]
 
@@ -152,13 +162,19 @@ def main():
         build(*content)
     baseline = len(contents) / (time.perf_counter() - start)
 
-    print(f"target {args.rate:,.0f} ticks/s; baseline (TickSTKv1.from_content alone) {baseline:,.0f} records/s")
-    print("| Run | Stocks | Market speed | Delivered ticks/s | Delivered / baseline | Lost | "
-          "Latency median ms | p99 ms | Drained after s |")
+    print(
+        f"target {args.rate:,.0f} ticks/s; baseline (TickSTKv1.from_content alone) {baseline:,.0f} records/s"
+    )
+    print(
+        "| Run | Stocks | Market speed | Delivered ticks/s | Delivered / baseline | Lost | "
+        "Latency median ms | p99 ms | Drained after s |"
+    )
     print("|---|---|---|---|---|---|---|---|---|")
     for r in runs:
-        print(f"| {r['name']} | {r['stocks']:,} | {r['speed']:,.0f}x | {r['rate']:,.0f} | {r['rate'] / baseline:.3f} | "
-              f"{r['missing']} | {r['median_ms']:.1f} | {r['p99_ms']:.1f} | {r['drained_s']:.2f} |")
+        print(
+            f"| {r['name']} | {r['stocks']:,} | {r['speed']:,.0f}x | {r['rate']:,.0f} | {r['rate'] / baseline:.3f} | "
+            f"{r['missing']} | {r['median_ms']:.1f} | {r['p99_ms']:.1f} | {r['drained_s']:.2f} |"
+        )
 
 
 if __name__ == "__main__":

@@ -258,28 +258,27 @@ void tick_v0(Writer& w, Market market, const QuoteFrame& f) {
   w.integer(0);
 }
 
+// One side of an untyped book: "<Side>Price", "<Side>Volume" and, for board lots, "Diff<Side>Vol".
+void side_v0(Writer& w, const std::string& side_name, const std::array<BookLevel, kBookDepth>& side,
+             const std::array<BookLevel, kBookDepth>* before) {
+  w.text(side_name + "Price");
+  prices(w, side);
+  w.text(side_name + "Volume");
+  volumes(w, side);
+  if (before != nullptr) {
+    w.text("Diff" + side_name + "Vol");
+    diffs(w, side, *before);
+  }
+}
+
 void bidask_v0(Writer& w, Market market, const QuoteFrame& f) {
   const bool odd = market == Market::IntradayOdd;
   w.map(odd ? 8 : 10);
   w.text("Code");
   w.text(f.contract->code);
   date_and_time(w, f.ts);
-  w.text("BidPrice");
-  prices(w, f.book.bids);
-  w.text("BidVolume");
-  volumes(w, f.book.bids);
-  if (!odd) {
-    w.text("DiffBidVol");
-    diffs(w, f.book.bids, f.previous_book.bids);
-  }
-  w.text("AskPrice");
-  prices(w, f.book.asks);
-  w.text("AskVolume");
-  volumes(w, f.book.asks);
-  if (!odd) {
-    w.text("DiffAskVol");
-    diffs(w, f.book.asks, f.previous_book.asks);
-  }
+  side_v0(w, "Bid", f.book.bids, odd ? nullptr : &f.previous_book.bids);
+  side_v0(w, "Ask", f.book.asks, odd ? nullptr : &f.previous_book.asks);
   w.text("Simtrade");
   w.integer(0);
 }
