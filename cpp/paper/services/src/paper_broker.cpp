@@ -39,7 +39,9 @@ struct PaperBroker::Link {
   Link(BrokerCore& core, const std::string& bus_name) : core(core) {
     bus::ResponderOptions options;
     options.client_name = "paper-broker";
-    options.dispatch = bus::Dispatch::Inline;
+    // On the responder's own thread, not the requester's: a client that files its placeholder
+    // just after sending a non-blocking request must get that moment before the reply lands.
+    options.dispatch = bus::Dispatch::Worker;
     responder = std::make_unique<bus::Responder>("inproc://" + bus_name, std::move(options));
     sender = std::make_unique<ResponderSender>(*responder);
     responder->serve("api/v1/>", [this](const bus::ServiceRequest& request) { serve(request); });

@@ -8,9 +8,9 @@
 //   session.connect({.host = "paper://trading"});  // starts the broker of bus "trading"
 //
 // Threading: attach() and close() may be called from any thread but not concurrently with each
-// other. Requests are decided on the requesting session's own thread (the responder dispatches
-// inline), serialised by the core; replies and reports leave in the order they were decided,
-// after the core's lock is released. close() waits for requests being decided.
+// other. Requests are decided one at a time on the broker's own responder thread, never on a
+// requester's; replies and reports leave in the order they were decided, after the core's lock
+// is released. close() waits for the request being decided.
 #pragma once
 
 #include <memory>
