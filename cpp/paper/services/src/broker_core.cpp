@@ -229,7 +229,7 @@ void BrokerCore::handle(const Caller& caller, const std::string& topic, std::str
   // Under the lock, so that messages leave in the order their requests were decided.
   if (reply_to) out.push(Outgoing{std::move(reply_to), {}, topic, std::move(reply)});
   for (Report& report : request.reports) {
-    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), core::encode(report.message)});
+    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
   }
 }
 

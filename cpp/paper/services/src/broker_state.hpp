@@ -117,7 +117,7 @@ struct ComboOrder {
 struct Report {
   std::string session_id;
   std::string topic;
-  core::Value message;
+  std::string payload;  // msgpack
 };
 
 // One request as the services see it.
@@ -208,14 +208,18 @@ struct BrokerCore::State {
   // Orders: the checks every order operation shares, and what their replies and reports say.
   OrderInfo& owned_order(const Request& request, OrderId id);
   void check_order_signature(const Request& request, const Account& account, const wire::Field& order) const;
-  core::Value order_reply(OrderId id);
-  core::Value order_block(OrderId id, const OrderInfo& info) const;
-  core::Value status_block(OrderId id, const OrderInfo& info) const;
+  // Answers the request with {"order": ..., "status": ...}; the response is left empty.
+  core::Value order_reply(Request& request, OrderId id);
+  void write_order(wire::Writer& w, OrderId id, const OrderInfo& info);
+  void write_status(wire::Writer& w, OrderId id, const OrderInfo& info) const;
+  // Encoded once: the contract dict and the account dict are in every order block and report.
+  const std::string& contract_bytes(const Contract& contract);
+  const std::string& account_bytes(const Account& account);
   // Books fills and queues reports for the engine's events so far.
   void settle_events(Request& request);
   void settle_event(Request& request, const OrderEvent& event);
   void report(Request& request, const Account& account, const std::string& placing_session, bool futures,
-              bool deal, core::Value message);
+              bool deal, std::string payload);
   void work_combos(Request& request, const Account* only_account);
   void report_combo(Request& request, const ComboOrder& combo, const char* operation);
   core::Value combo_entry(const ComboOrder& combo) const;
@@ -273,6 +277,8 @@ struct BrokerCore::State {
   std::map<OrderId, ComboOrder> combos;
   std::unordered_map<const Account*, StockAccountBook> stock_books;
   std::unordered_map<const Account*, FuturesAccountBook> futures_books;
+  std::unordered_map<const Contract*, std::string> contract_encodings;
+  std::unordered_map<const Account*, std::string> account_encodings;
   ReservationDesk reservations;
 };
 
