@@ -256,6 +256,25 @@ std::vector<std::string> BrokerCore::topics() const {
   return topics;
 }
 
+void BrokerCore::settle(Outbox& out) {
+  static const std::string kNoTopic;
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  const Caller nobody;
+  const core::Value nothing;
+  Request request(nobody, kNoTopic, nothing);
+  state_->settle_events(request);
+  for (Report& report : request.reports) {
+    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
+  }
+}
+
+void BrokerCore::add_deal_listener(DealListener listener) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->deal_listeners.push_back(std::move(listener));
+}
+
+MatchingEngine& BrokerCore::engine() { return state_->engine; }
+
 const ContractMaster& BrokerCore::contracts() const { return state_->master; }
 const core::Clock& BrokerCore::market_clock() const { return state_->market_clock; }
 

@@ -280,6 +280,7 @@ struct BrokerCore::State {
   std::unordered_map<const Contract*, std::string> contract_encodings;
   std::unordered_map<const Account*, std::string> account_encodings;
   ReservationDesk reservations;
+  std::vector<DealListener> deal_listeners;
 };
 
 }  // namespace quorvex::paper

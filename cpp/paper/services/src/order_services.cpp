@@ -311,6 +311,8 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
       }
       // A fill the books cannot take would be the broker's own fault; the order says so.
       if (!refused.empty()) info.msg = "the books refused a fill: " + refused;
+      const MarketDeal deal{&contract, info.ticket.side, e.deal_price, e.quantity, info.ticket.board, e.ts};
+      for (const DealListener& listener : deal_listeners) listener(deal);
       if (e.remaining == 0) release();
       break;
     }

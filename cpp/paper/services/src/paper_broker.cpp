@@ -82,6 +82,12 @@ bool PaperBroker::attached() const { return static_cast<bool>(link_); }
 const std::string& PaperBroker::bus_name() const { return bus_name_; }
 BrokerCore& PaperBroker::core() { return *core_; }
 
+void PaperBroker::settle() {
+  if (!link_) return;
+  core_->settle(link_->outbox);
+  for (const std::string& gone : link_->outbox.drain(*link_->sender)) core_->session_closed(gone);
+}
+
 // ---- the paper:// scheme ----
 
 namespace {

@@ -22,6 +22,7 @@
 #include "quorvex/paper/broker_config.hpp"
 #include "quorvex/core/clock.hpp"
 #include "quorvex/paper/contract_master.hpp"
+#include "quorvex/paper/matching_engine.hpp"
 
 namespace quorvex::paper {
 
@@ -82,6 +83,17 @@ struct ServiceCall {
 // Extension services answer with the reply's `response` block, or throw ServiceRefused.
 using ServiceHandler = std::function<core::Value(const ServiceCall&)>;
 
+// A fill of a client's order, as the market saw it (a quote feed shows it as a trade).
+struct MarketDeal {
+  const Contract* contract = nullptr;
+  Side side = Side::Buy;  // the client's side
+  Price price;
+  Quantity quantity = 0;  // board lots (stocks), shares (odd-lot boards), contracts
+  Board board = Board::Common;
+  Timestamp ts = 0;
+};
+using DealListener = std::function<void(const MarketDeal&)>;
+
 // A refusal an extension service raises: the status code and the detail text of the reply.
 class ServiceRefused : public std::runtime_error {
  public:
@@ -116,7 +128,17 @@ class BrokerCore {
   // Every topic with a service, for carriers that serve exact topics.
   std::vector<std::string> topics() const;
 
+  // Books the engine's events that came from outside a request (another thread trading on
+  // the engine) and queues their reports in `out`.
+  void settle(Outbox& out);
+  // Hears every fill of a client order once it is booked, in order, under the core's lock:
+  // the listener must be quick and must not call back into the core.
+  void add_deal_listener(DealListener listener);
+
   const ContractMaster& contracts() const;
+  // The paper market itself: books, depth and last prices for quotes; operations on it from
+  // outside a request are booked at the next request or settle().
+  MatchingEngine& engine();
   // Market time: the broker clock sped up by the configured clock speed.
   const core::Clock& market_clock() const;
 

@@ -42,6 +42,9 @@ class PaperBroker {
   const std::string& bus_name() const;
 
   BrokerCore& core();
+  // Books what happened on the engine outside requests and sends its reports (see
+  // BrokerCore::settle); for whoever trades on the engine from its own thread.
+  void settle();
 
  private:
   struct Link;
