@@ -5,10 +5,10 @@
 //
 // Run: scripts/dev build && build/dev/cpp/paper/paper_engine_bench [operations]
 #include <algorithm>
-#include <ctime>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <vector>
 
 #include "quorvex/paper/matching_engine.hpp"
@@ -32,7 +32,7 @@ class Flow {
       ticket_.side = draw() % 2 ? qp::Side::Buy : qp::Side::Sell;
       const std::uint64_t type = draw() % 100;
       ticket_.price_type = type < 5 ? qp::PriceType::Market : qp::PriceType::Limit;
-      ticket_.order_type = type < 5 ? qp::OrderType::IOC
+      ticket_.order_type = type < 5    ? qp::OrderType::IOC
                            : type < 85 ? qp::OrderType::ROD
                            : type < 95 ? qp::OrderType::IOC
                                        : qp::OrderType::FOK;
@@ -137,7 +137,7 @@ int main(int argc, char** argv) {
     best_baseline = std::min(best_baseline, seconds_for(contracts, operations, baseline));
     checksum += baseline.checksum;
 
-    const qp::ManualClock clock(qp::taipei_instant({2026, 1, 5}, 9 * 3600));
+    const quorvex::core::ManualClock clock(qp::to_time_point(qp::taipei_instant({2026, 1, 5}, 9 * 3600)));
     qp::EngineConfig config;
     config.liquidity.enabled = false;
     config.finished_order_retention = 100000;

@@ -1,20 +1,9 @@
+"""Fixtures of the bus tests: a bus per test, connected clients, a responder, captured logs."""
 import re
-import threading
-import time
 
 import pymqlink
 import pytest
 from loguru import logger
-
-
-def wait_until(predicate, timeout=2.0):
-    """Polls `predicate` until it holds; returns its last value."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = predicate()
-        if value or time.monotonic() > deadline:
-            return value
-        time.sleep(0.005)
 
 
 @pytest.fixture
@@ -52,27 +41,6 @@ def connect(host):
 @pytest.fixture
 def client(connect):
     return connect()
-
-
-class Recorder:
-    """A callback that records its calls and the thread they ran on."""
-
-    def __init__(self, effect=None):
-        self.calls = []
-        self.threads = set()
-        self.effect = effect
-        self._lock = threading.Lock()
-
-    def __call__(self, *args):
-        with self._lock:
-            self.calls.append(args)
-            self.threads.add(threading.get_ident())
-        if self.effect is not None:
-            return self.effect(*args)
-        return None
-
-    def wait(self, n=1, timeout=2.0):
-        return wait_until(lambda: len(self.calls) >= n, timeout)
 
 
 @pytest.fixture

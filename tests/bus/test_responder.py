@@ -4,8 +4,9 @@ import time
 
 import pymqlink
 import pytest
-from conftest import Recorder, wait_until
 from pymqlink import BusError
+
+from .helpers import Recorder, wait_until
 
 
 def test_reply_later_from_another_thread(client, responder):

@@ -7,8 +7,9 @@ import weakref
 
 import pymqlink
 import pytest
-from conftest import Recorder, wait_until
 from pymqlink import BusError, SolClient, _core
+
+from .helpers import Recorder, wait_until
 
 
 @pytest.fixture

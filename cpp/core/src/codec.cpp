@@ -76,15 +76,15 @@ class TreeBuilder {
   Value take_root() { return std::move(root_); }
   const std::string& error() const { return error_; }
 
-  bool visit_nil() { return place(Value()); }
-  bool visit_boolean(bool v) { return place(Value(v)); }
-  bool visit_positive_integer(std::uint64_t v) { return place(Value(v)); }
-  bool visit_negative_integer(std::int64_t v) { return place(Value(v)); }
-  bool visit_float32(float v) { return place(Value(v)); }
-  bool visit_float64(double v) { return place(Value(v)); }
+  bool visit_nil() { return place(nullptr); }
+  bool visit_boolean(bool v) { return place(v); }
+  bool visit_positive_integer(std::uint64_t v) { return place(v); }
+  bool visit_negative_integer(std::int64_t v) { return place(v); }
+  bool visit_float32(float v) { return place(v); }
+  bool visit_float64(double v) { return place(v); }
   bool visit_str(const char* data, std::uint32_t size) {
     if (in_key()) return take_key(data, size);
-    return place(Value(std::string(data, size)));
+    return place(std::string(data, size));
   }
   bool visit_bin(const char* data, std::uint32_t size) { return place(Value::binary(std::string_view(data, size))); }
   bool visit_ext(const char* data, std::uint32_t size) {
@@ -152,27 +152,30 @@ class TreeBuilder {
     return true;
   }
 
-  // Places a finished value into the innermost open container (or as the root); returns its address.
-  Value* put(Value v) {
+  // Places a finished value, built in place from `arg`, into the innermost open container (or as
+  // the root); returns its address.
+  template <class T>
+  Value* put(T&& arg) {
     if (frames_.empty()) {
-      root_ = std::move(v);
+      root_ = Value(std::forward<T>(arg));
       return &root_;
     }
     guard_.spend();
     Frame& frame = frames_.back();
     if (frame.is_map) {
       if (frame.key_position) {
-        fail(DecodeGuard::non_string_key(v.kind_name()));
+        fail(DecodeGuard::non_string_key(Value(std::forward<T>(arg)).kind_name()));
         return nullptr;
       }
-      return &frame.container->as_map().append_new(std::move(frame.key), std::move(v));
+      return &frame.container->as_map().append_new(std::move(frame.key), Value(std::forward<T>(arg)));
     }
-    Array& items = frame.container->as_array();
-    items.push_back(std::move(v));
-    return &items.back();
+    return &frame.container->as_array().emplace_back(std::forward<T>(arg));
   }
 
-  bool place(Value v) { return put(std::move(v)) != nullptr; }
+  template <class T>
+  bool place(T&& arg) {
+    return put(std::forward<T>(arg)) != nullptr;
+  }
 
   bool open(Value container, std::uint32_t n, bool is_map) {
     Value* placed = put(std::move(container));

@@ -3,15 +3,16 @@
 #include <algorithm>
 #include <array>
 
+#include "enum_text.hpp"
 #include "lots.hpp"
 
 namespace quorvex::paper {
 namespace {
 
-constexpr std::array<std::pair<FuturesOCType, std::string_view>, 4> kOCTypes{{{FuturesOCType::Auto, "Auto"},
-                                                                              {FuturesOCType::New, "New"},
-                                                                              {FuturesOCType::Cover, "Cover"},
-                                                                              {FuturesOCType::DayTrade, "DayTrade"}}};
+constexpr EnumNames<FuturesOCType, 4> kOCTypes{{{FuturesOCType::Auto, "Auto"},
+                                                {FuturesOCType::New, "New"},
+                                                {FuturesOCType::Cover, "Cover"},
+                                                {FuturesOCType::DayTrade, "DayTrade"}}};
 
 constexpr double kNothingOpenRiskIndicator = 999.0;
 
@@ -25,19 +26,9 @@ bool is_option(const Contract& c) { return c.security_type == SecurityType::Opti
 
 }  // namespace
 
-std::string_view to_text(FuturesOCType type) {
-  for (const auto& [t, name] : kOCTypes) {
-    if (t == type) return name;
-  }
-  return "";
-}
+std::string_view to_text(FuturesOCType type) { return name_of(kOCTypes, type); }
 
-std::optional<FuturesOCType> futures_octype_from_text(std::string_view text) {
-  for (const auto& [t, name] : kOCTypes) {
-    if (name == text) return t;
-  }
-  return std::nullopt;
-}
+std::optional<FuturesOCType> futures_octype_from_text(std::string_view text) { return from_text(kOCTypes, text); }
 
 FuturesAccountBook::Lot FuturesAccountBook::Lot::take(Quantity part) {
   Lot out = *this;
@@ -112,9 +103,7 @@ Outcome FuturesAccountBook::reserve_for_order(OrderId order, const Contract& con
   if (hold.funds > 0) {
     const Money available = margin(mark, today).available_margin;
     if (hold.funds > available) {
-      return refuse(RefusalCode::InsufficientFunds, "the order needs a margin of " + money_text(hold.funds) +
-                                                        " TWD and " + money_text(available) +
-                                                        " TWD is available; expected a smaller order");
+      return insufficient_funds("the order\'s margin", hold.funds, available);
     }
   }
   holds_[order] = std::move(hold);
@@ -334,25 +323,15 @@ Result<std::vector<FuturePositionDetail>> FuturesAccountBook::position_detail(st
     }
     return out;
   }
-  return refuse(RefusalCode::UnknownPosition, "position " + std::to_string(position_id) + " is not open in account " +
-                                                  account_ + "; expected the id of a listed position");
+  return unknown_position(position_id, account_);
 }
 
 std::vector<FutureProfitLoss> FuturesAccountBook::profit_loss(Date begin, Date end) const {
-  std::vector<FutureProfitLoss> out;
-  for (const Realised& r : realised_) {
-    if (begin <= r.row.date && r.row.date <= end) out.push_back(r.row);
-  }
-  return out;
+  return rows_between(realised_, begin, end);
 }
 
 Result<std::vector<FutureProfitDetail>> FuturesAccountBook::profit_loss_detail(std::uint64_t profit_loss_id) const {
-  if (profit_loss_id == 0 || profit_loss_id > realised_.size()) {
-    return refuse(RefusalCode::UnknownPosition, "profit and loss " + std::to_string(profit_loss_id) +
-                                                    " is not known in account " + account_ +
-                                                    "; expected the id of a listed item");
-  }
-  return realised_[profit_loss_id - 1].details;
+  return details_of(realised_, profit_loss_id, account_);
 }
 
 FutureProfitLossSummaryTotal FuturesAccountBook::profit_loss_summary(Date begin, Date end) const {

@@ -35,7 +35,7 @@ struct MatchingEngine::BookState {
   std::vector<OrderId> synthetic[2];  // by Side
 };
 
-MatchingEngine::MatchingEngine(const ContractMaster& contracts, const Clock& clock, EngineConfig config,
+MatchingEngine::MatchingEngine(const ContractMaster& contracts, const core::Clock& clock, EngineConfig config,
                                OrderEventHandler handler)
     : contracts_(contracts), clock_(clock), config_(std::move(config)) {
   records_.reserve(std::min<std::size_t>(config_.finished_order_retention, 1 << 16));
@@ -75,7 +75,7 @@ void MatchingEngine::replenish(BookState& state) {
   const BookRules& rules = book.rules();
   const Price anchor = book.last_price().value_or(rules.reference);
   const bool odd = rules.board == Board::Odd || rules.board == Board::IntradayOdd;
-  const Timestamp now = clock_.now();
+  const Timestamp now = clock_now();
   for (Side side : {Side::Buy, Side::Sell}) {
     auto& mine = state.synthetic[static_cast<int>(side)];
     const std::optional<Price> opposite = side == Side::Buy ? book.best_ask() : book.best_bid();
@@ -183,6 +183,17 @@ void MatchingEngine::prune_finished() {
   }
 }
 
+// Brings everything up to date, lets go of the lock and delivers what the operation caused.
+Result<OrderReceipt> MatchingEngine::conclude(std::unique_lock<std::mutex>& lock, BookState* book, OrderId id,
+                                              Outcome refused) {
+  settle_events(book);
+  Result<OrderReceipt> result = refused ? Result<OrderReceipt>(*std::move(refused)) : Result<OrderReceipt>(receipt(id));
+  prune_finished();
+  lock.unlock();
+  deliver();
+  return result;
+}
+
 OrderReceipt MatchingEngine::receipt(OrderId id) const {
   const OrderRecord& r = records_.at(id).record;
   return OrderReceipt{r.id, r.status, r.deal_quantity, r.cancel_quantity, r.remaining(), r.order_ts};
@@ -196,7 +207,7 @@ OrderId MatchingEngine::issue_order_id() {
 }
 
 Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optional<OrderId> issued) {
-  const Timestamp now = clock_.now();
+  const Timestamp now = clock_now();
   std::unique_lock lock(mutex_);
   if (issued && issued_.erase(*issued) == 0) {
     return refuse(RefusalCode::DuplicateOrder, "order id " + std::to_string(*issued) +
@@ -215,51 +226,24 @@ Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optio
   BookState* book = nullptr;
   Result<BookState*> opened = open_book(ticket.code, ticket.board);
   if (!opened) {
-    refused = opened.refusal();
-    OrderEvent& e = queue_.add();
-    e.kind = OrderEventKind::Refused;
-    e.operation = OrderOperation::Place;
-    e.order_id = id;
-    e.account = ticket.account;
-    e.code = ticket.code;
-    e.board = ticket.board;
-    e.side = ticket.side;
-    e.price = ticket.price;
-    e.quantity = ticket.quantity;
-    e.ts = now;
-    e.reason = refused->code;
-    e.text = refused->text;
+    refused = queue_.add_refusal(OrderOperation::Place, id, ticket, opened.refusal(), now);
   } else {
     book = opened.value();
     record.ticket.code = book->book.rules().code;
     entry.book = book;
     refused = book->book.submit(id, record.ticket, now, queue_);
   }
-  settle_events(book);
-  Result<OrderReceipt> result = refused ? Result<OrderReceipt>(*refused) : Result<OrderReceipt>(receipt(id));
-  prune_finished();
-  lock.unlock();
-  deliver();
-  return result;
+  return conclude(lock, book, id, std::move(refused));
 }
 
 Outcome MatchingEngine::refuse_finished(OrderId id, OrderOperation op, const OrderRecord& r) {
-  Refusal refusal = refuse(RefusalCode::NothingToCancel, "order " + r.ordno + " is already " +
+  Refusal refusal = refuse(RefusalCode::NothingToCancel, "order " + order_ordno(id) + " is already " +
                                                              std::string(to_text(r.status)) + "; nothing left to " +
                                                              (op == OrderOperation::Cancel ? "cancel" : "change"));
-  OrderEvent& e = queue_.add();
-  e.kind = OrderEventKind::Refused;
-  e.operation = op;
-  e.order_id = id;
-  e.account = r.ticket.account;
-  e.code = r.ticket.code;
-  e.board = r.ticket.board;
-  e.side = r.ticket.side;
-  e.price = r.modified_price.is_zero() ? r.ticket.price : r.modified_price;
-  e.ts = clock_.now();
-  e.reason = refusal.code;
-  e.text = refusal.text;
-  return refusal;
+  OrderTicket t = r.ticket;
+  t.price = r.modified_price.is_zero() ? r.ticket.price : r.modified_price;
+  t.quantity = 0;
+  return queue_.add_refusal(op, id, t, std::move(refusal), clock_now());
 }
 
 Result<OrderReceipt> MatchingEngine::cancel(OrderId id) { return modify(id, OrderOperation::Cancel, Price(), 0); }
@@ -284,7 +268,7 @@ Result<OrderReceipt> MatchingEngine::modify(OrderId id, OrderOperation op, Price
   if (book == nullptr) {
     refused = refuse_finished(id, op, record->second.record);
   } else {
-    const Timestamp now = clock_.now();
+    const Timestamp now = clock_now();
     switch (op) {
       case OrderOperation::Cancel: refused = book->book.cancel(id, now, queue_); break;
       case OrderOperation::ChangePrice: refused = book->book.change_price(id, price, now, queue_); break;
@@ -292,12 +276,7 @@ Result<OrderReceipt> MatchingEngine::modify(OrderId id, OrderOperation op, Price
       case OrderOperation::Place: break;
     }
   }
-  settle_events(book);
-  Result<OrderReceipt> result = refused ? Result<OrderReceipt>(*refused) : Result<OrderReceipt>(receipt(id));
-  prune_finished();
-  lock.unlock();
-  deliver();
-  return result;
+  return conclude(lock, book, id, std::move(refused));
 }
 
 void MatchingEngine::deliver() {

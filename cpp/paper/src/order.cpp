@@ -1,51 +1,32 @@
 #include "quorvex/paper/order.hpp"
 
-#include <array>
-#include <utility>
+#include "enum_text.hpp"
 
 namespace quorvex::paper {
 namespace {
 
-template <typename Enum, std::size_t N>
-std::optional<Enum> from_text(const std::array<std::pair<Enum, std::string_view>, N>& names, std::string_view text) {
-  for (const auto& [value, name] : names) {
-    if (name == text) return value;
-  }
-  return std::nullopt;
-}
-
-template <typename Enum, std::size_t N>
-std::string_view name_of(const std::array<std::pair<Enum, std::string_view>, N>& names, Enum value) {
-  for (const auto& [v, name] : names) {
-    if (v == value) return name;
-  }
-  return "";
-}
-
-constexpr std::array<std::pair<Side, std::string_view>, 2> kSides{{{Side::Buy, "Buy"}, {Side::Sell, "Sell"}}};
-constexpr std::array<std::pair<PriceType, std::string_view>, 3> kPriceTypes{
+constexpr EnumNames<Side, 2> kSides{{{Side::Buy, "Buy"}, {Side::Sell, "Sell"}}};
+constexpr EnumNames<PriceType, 3> kPriceTypes{
     {{PriceType::Limit, "LMT"}, {PriceType::Market, "MKT"}, {PriceType::MarketRange, "MKP"}}};
-constexpr std::array<std::pair<OrderType, std::string_view>, 3> kOrderTypes{
+constexpr EnumNames<OrderType, 3> kOrderTypes{
     {{OrderType::ROD, "ROD"}, {OrderType::IOC, "IOC"}, {OrderType::FOK, "FOK"}}};
-constexpr std::array<std::pair<Board, std::string_view>, 4> kBoards{
+constexpr EnumNames<Board, 4> kBoards{
     {{Board::Common, "Common"}, {Board::Odd, "Odd"}, {Board::IntradayOdd, "IntradayOdd"}, {Board::Fixing, "Fixing"}}};
-constexpr std::array<std::pair<Status, std::string_view>, 5> kStatuses{{{Status::Submitted, "Submitted"},
-                                                                        {Status::PartFilled, "PartFilled"},
-                                                                        {Status::Filled, "Filled"},
-                                                                        {Status::Cancelled, "Cancelled"},
-                                                                        {Status::Failed, "Failed"}}};
-constexpr std::array<std::pair<OrderOperation, std::string_view>, 4> kOperations{
-    {{OrderOperation::Place, "New"},
-     {OrderOperation::Cancel, "Cancel"},
-     {OrderOperation::ChangePrice, "UpdatePrice"},
-     {OrderOperation::ReduceQuantity, "UpdateQty"}}};
-constexpr std::array<std::pair<OrderEventKind, std::string_view>, 6> kEventKinds{
-    {{OrderEventKind::Accepted, "Accepted"},
-     {OrderEventKind::Filled, "Filled"},
-     {OrderEventKind::Cancelled, "Cancelled"},
-     {OrderEventKind::Refused, "Refused"},
-     {OrderEventKind::PriceChanged, "PriceChanged"},
-     {OrderEventKind::QuantityReduced, "QuantityReduced"}}};
+constexpr EnumNames<Status, 5> kStatuses{{{Status::Submitted, "Submitted"},
+                                          {Status::PartFilled, "PartFilled"},
+                                          {Status::Filled, "Filled"},
+                                          {Status::Cancelled, "Cancelled"},
+                                          {Status::Failed, "Failed"}}};
+constexpr EnumNames<OrderOperation, 4> kOperations{{{OrderOperation::Place, "New"},
+                                                    {OrderOperation::Cancel, "Cancel"},
+                                                    {OrderOperation::ChangePrice, "UpdatePrice"},
+                                                    {OrderOperation::ReduceQuantity, "UpdateQty"}}};
+constexpr EnumNames<OrderEventKind, 6> kEventKinds{{{OrderEventKind::Accepted, "Accepted"},
+                                                    {OrderEventKind::Filled, "Filled"},
+                                                    {OrderEventKind::Cancelled, "Cancelled"},
+                                                    {OrderEventKind::Refused, "Refused"},
+                                                    {OrderEventKind::PriceChanged, "PriceChanged"},
+                                                    {OrderEventKind::QuantityReduced, "QuantityReduced"}}};
 
 }  // namespace
 

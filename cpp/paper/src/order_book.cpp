@@ -10,6 +10,23 @@ std::string quantity_text(Quantity q, const std::string& unit) { return std::to_
 
 }  // namespace
 
+Refusal EventQueue::add_refusal(OrderOperation op, OrderId id, const OrderTicket& t, Refusal refusal, Timestamp now) {
+  OrderEvent& e = add();
+  e.kind = OrderEventKind::Refused;
+  e.operation = op;
+  e.order_id = id;
+  e.account = t.account;
+  e.code = t.code;
+  e.board = t.board;
+  e.side = t.side;
+  e.price = t.price;
+  e.quantity = t.quantity;
+  e.ts = now;
+  e.reason = refusal.code;
+  e.text = refusal.text;
+  return refusal;
+}
+
 Result<BookRules> book_rules(const Contract& contract, Board board) {
   if (!contract.tradable()) {
     return refuse(RefusalCode::UnknownContract,
@@ -111,22 +128,17 @@ Outcome OrderBook::validate(const OrderTicket& t) const {
   return std::nullopt;
 }
 
-Outcome OrderBook::refuse_with_event(OrderOperation op, OrderId id, const OrderTicket& t, Refusal refusal,
-                                     Timestamp now, EventQueue& queue) const {
-  OrderEvent& e = queue.add();
-  e.kind = OrderEventKind::Refused;
-  e.operation = op;
-  e.order_id = id;
-  e.account = t.account;
-  e.code = rules_.code;
-  e.board = rules_.board;
-  e.side = t.side;
-  e.price = t.price;
-  e.quantity = t.quantity;
-  e.ts = now;
-  e.reason = refusal.code;
-  e.text = refusal.text;
-  return refusal;
+Outcome OrderBook::refuse_not_resting(OrderOperation op, OrderId id, Price price, Quantity quantity, Timestamp now,
+                                      EventQueue& queue) const {
+  OrderTicket t;
+  t.code = rules_.code;
+  t.board = rules_.board;
+  t.price = price;
+  t.quantity = quantity;
+  return queue.add_refusal(op, id, t,
+                           refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " +
+                                                                 rules_.code + " book; expected a working order"),
+                           now);
 }
 
 OrderEvent& OrderBook::event_for(OrderEventKind kind, OrderOperation op, const Slot& s, Timestamp now,
@@ -155,13 +167,13 @@ Outcome OrderBook::refuse_live(OrderOperation op, std::uint32_t slot, Refusal re
 }
 
 Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, EventQueue& queue, bool synthetic) {
-  if (Outcome refused = validate(t)) return refuse_with_event(OrderOperation::Place, id, t, *refused, now, queue);
+  if (Outcome refused = validate(t)) return queue.add_refusal(OrderOperation::Place, id, t, *refused, now);
   const auto [entry, added] = index_.try_emplace(id, kNil);
   if (!added) {
-    return refuse_with_event(OrderOperation::Place, id, t,
+    return queue.add_refusal(OrderOperation::Place, id, t,
                              refuse(RefusalCode::DuplicateOrder,
                                     "order id " + std::to_string(id) + " is already in the book; expected a new id"),
-                             now, queue);
+                             now);
   }
   const std::uint32_t slot = allocate();
   entry->second = slot;
@@ -213,14 +225,7 @@ Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, Event
 
 Outcome OrderBook::cancel(OrderId id, Timestamp now, EventQueue& queue) {
   const auto it = index_.find(id);
-  if (it == index_.end()) {
-    OrderTicket t;
-    return refuse_with_event(
-        OrderOperation::Cancel, id, t,
-        refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " + rules_.code +
-                                              " book; expected a working order"),
-        now, queue);
-  }
+  if (it == index_.end()) return refuse_not_resting(OrderOperation::Cancel, id, Price(), 0, now, queue);
   const std::uint32_t slot = it->second;
   OrderEvent& e = event_for(OrderEventKind::Cancelled, OrderOperation::Cancel, slots_[slot], now, queue);
   e.quantity = slots_[slot].remaining;
@@ -234,15 +239,7 @@ Outcome OrderBook::cancel(OrderId id, Timestamp now, EventQueue& queue) {
 
 Outcome OrderBook::change_price(OrderId id, Price price, Timestamp now, EventQueue& queue) {
   const auto it = index_.find(id);
-  if (it == index_.end()) {
-    OrderTicket t;
-    t.price = price;
-    return refuse_with_event(
-        OrderOperation::ChangePrice, id, t,
-        refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " + rules_.code +
-                                              " book; expected a working order"),
-        now, queue);
-  }
+  if (it == index_.end()) return refuse_not_resting(OrderOperation::ChangePrice, id, price, 0, now, queue);
   const std::uint32_t slot = it->second;
   if (Outcome refused = check_price(price)) return refuse_live(OrderOperation::ChangePrice, slot, *refused, now, queue);
   if (price == slots_[slot].price) {
@@ -267,15 +264,7 @@ Outcome OrderBook::change_price(OrderId id, Price price, Timestamp now, EventQue
 
 Outcome OrderBook::reduce_quantity(OrderId id, Quantity by, Timestamp now, EventQueue& queue) {
   const auto it = index_.find(id);
-  if (it == index_.end()) {
-    OrderTicket t;
-    t.quantity = by;
-    return refuse_with_event(
-        OrderOperation::ReduceQuantity, id, t,
-        refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " + rules_.code +
-                                              " book; expected a working order"),
-        now, queue);
-  }
+  if (it == index_.end()) return refuse_not_resting(OrderOperation::ReduceQuantity, id, Price(), by, now, queue);
   const std::uint32_t slot = it->second;
   Slot& s = slots_[slot];
   if (by <= 0) {

@@ -4,15 +4,15 @@
 #include <array>
 #include <utility>
 
+#include "enum_text.hpp"
 #include "lots.hpp"
 
 namespace quorvex::paper {
 namespace {
 
-constexpr std::array<std::pair<StockOrderCond, std::string_view>, 3> kConds{
-    {{StockOrderCond::Cash, "Cash"},
-     {StockOrderCond::MarginTrading, "MarginTrading"},
-     {StockOrderCond::ShortSelling, "ShortSelling"}}};
+constexpr EnumNames<StockOrderCond, 3> kConds{{{StockOrderCond::Cash, "Cash"},
+                                               {StockOrderCond::MarginTrading, "MarginTrading"},
+                                               {StockOrderCond::ShortSelling, "ShortSelling"}}};
 
 bool closes(StockOrderCond cond, Side side) {
   return cond == StockOrderCond::ShortSelling ? side == Side::Buy : side == Side::Sell;
@@ -22,19 +22,9 @@ bool closes(StockOrderCond cond, Side side) {
 
 std::string_view to_text(Unit unit) { return unit == Unit::Common ? "Common" : "Share"; }
 
-std::string_view to_text(StockOrderCond cond) {
-  for (const auto& [c, name] : kConds) {
-    if (c == cond) return name;
-  }
-  return "";
-}
+std::string_view to_text(StockOrderCond cond) { return name_of(kConds, cond); }
 
-std::optional<StockOrderCond> stock_order_cond_from_text(std::string_view text) {
-  for (const auto& [c, name] : kConds) {
-    if (name == text) return c;
-  }
-  return std::nullopt;
-}
+std::optional<StockOrderCond> stock_order_cond_from_text(std::string_view text) { return from_text(kConds, text); }
 
 StockAccountBook::Lot StockAccountBook::Lot::take(Quantity part) {
   Lot out = *this;
@@ -121,9 +111,7 @@ Outcome StockAccountBook::reserve_for_order(OrderId order, const Contract& contr
     hold.funds = funds_needed(side, cond, value, shares < contract.unit);
     const Money available = available_funds();
     if (hold.funds > available) {
-      return refuse(RefusalCode::InsufficientFunds, "the order needs " + money_text(hold.funds) + " TWD and " +
-                                                        money_text(available) +
-                                                        " TWD is available; expected a smaller order");
+      return insufficient_funds("the order", hold.funds, available);
     }
   }
   holds_[order] = std::move(hold);
@@ -339,25 +327,15 @@ Result<std::vector<StockPositionDetail>> StockAccountBook::position_detail(std::
     }
     return out;
   }
-  return refuse(RefusalCode::UnknownPosition, "position " + std::to_string(position_id) + " is not open in account " +
-                                                  account_ + "; expected the id of a listed position");
+  return unknown_position(position_id, account_);
 }
 
 std::vector<StockProfitLoss> StockAccountBook::profit_loss(Date begin, Date end) const {
-  std::vector<StockProfitLoss> out;
-  for (const Realised& r : realised_) {
-    if (begin <= r.row.date && r.row.date <= end) out.push_back(r.row);
-  }
-  return out;
+  return rows_between(realised_, begin, end);
 }
 
 Result<std::vector<StockProfitDetail>> StockAccountBook::profit_loss_detail(std::uint64_t profit_loss_id) const {
-  if (profit_loss_id == 0 || profit_loss_id > realised_.size()) {
-    return refuse(RefusalCode::UnknownPosition, "profit and loss " + std::to_string(profit_loss_id) +
-                                                    " is not known in account " + account_ +
-                                                    "; expected the id of a listed item");
-  }
-  return realised_[profit_loss_id - 1].details;
+  return details_of(realised_, profit_loss_id, account_);
 }
 
 const StockProfitLoss* StockAccountBook::profit_loss_of_deal(const std::string& dseq) const {
@@ -429,9 +407,7 @@ Result<Earmark> StockAccountBook::earmark(const Contract& contract, Quantity sha
   e.ts = now;
   const Money available = available_funds();
   if (e.amount > available) {
-    return refuse(RefusalCode::InsufficientFunds, "earmarking needs " + money_text(e.amount) + " TWD and " +
-                                                      money_text(available) +
-                                                      " TWD is available; expected a smaller amount");
+    return insufficient_funds("earmarking", e.amount, available);
   }
   e.info = "earmarked";
   earmarks_.push_back(e);

@@ -29,6 +29,7 @@ class ClientCallbacks final : public bus::SessionListener {
   PyRef on_p2p;           // f(topic, state)
   PyRef on_event;         // f(resp_code, event_code, info, event)
   PyRef on_session_down;  // f()
+  PayloadDecoder decoder;  // used with the GIL held
 
   void deliver(std::vector<bus::Delivery>& batch, const std::atomic<bool>& stop) override {
     if (!interpreter_alive()) return;
@@ -62,7 +63,7 @@ class ClientCallbacks final : public bus::SessionListener {
           where = "message callback";
           nb::object cb = on_message.borrow();
           if (!cb.is_valid()) return;
-          nb::object msg = decode_payload(d.message->payload);
+          nb::object msg = decoder.decode(d.message->payload);
           cb(topics.of(d.message->topic), msg);
           break;
         }
@@ -70,7 +71,7 @@ class ClientCallbacks final : public bus::SessionListener {
           where = "point-to-point callback";
           nb::object cb = on_p2p.borrow();
           if (!cb.is_valid()) return;
-          nb::object state = decode_payload(d.message->payload);
+          nb::object state = decoder.decode(d.message->payload);
           cb(topics.of(d.message->topic), state);
           break;
         }
@@ -79,7 +80,7 @@ class ClientCallbacks final : public bus::SessionListener {
           auto target = std::static_pointer_cast<PyRef>(d.request->context);
           if (!target || !*target) return;
           nb::object cb = target->borrow();
-          nb::object reply = decode_payload(d.message->payload);
+          nb::object reply = decoder.decode(d.message->payload);
           cb(topics.of(d.message->topic), d.request->corrid, reply);
           break;
         }

@@ -4,9 +4,11 @@
 #include <datetime.h>
 #include <msgpack.hpp>
 
+#include <array>
 #include <cstdio>
 #include <vector>
 
+#include "interpreter.hpp"
 #include "quorvex/core/codec.hpp"
 
 namespace pymqlink {
@@ -228,11 +230,58 @@ class Encoder {
   std::vector<PathItem> path_;
 };
 
+struct DecodeFrame {
+  PyObject* container;  // borrowed: owned by its parent or the root
+  bool is_map;
+  bool key_position = false;
+  Py_ssize_t index = 0;
+  PyObject* key = nullptr;  // owned until the value arrives
+};
+
+}  // namespace
+
+struct PayloadDecoder::Scratch {
+  struct KeySlot {
+    std::string bytes;
+    PyRef text;
+  };
+  static constexpr std::size_t kMaxCachedKey = 32;
+
+  std::vector<DecodeFrame> frames;
+  std::array<KeySlot, 64> keys;
+
+  // A new reference to the str of a map key, from the cache when the key was seen recently.
+  PyObject* key(const char* data, std::uint32_t size) {
+    if (size > kMaxCachedKey) return PyUnicode_DecodeUTF8(data, size, "strict");
+    std::uint32_t hash = 2166136261u;
+    for (std::uint32_t i = 0; i < size; ++i) hash = (hash ^ static_cast<unsigned char>(data[i])) * 16777619u;
+    KeySlot& slot = keys[hash % keys.size()];
+    if (slot.text && slot.bytes.size() == size && slot.bytes.compare(0, size, data, size) == 0) {
+      return slot.text.borrow().release().ptr();
+    }
+    PyObject* text = PyUnicode_DecodeUTF8(data, size, "strict");
+    if (text) {
+      slot.text.assign(text);
+      slot.bytes.assign(data, size);
+    }
+    return text;
+  }
+};
+
+namespace {
+
 // Builds Python objects from msgpack parse events.
 class ObjectBuilder {
  public:
-  explicit ObjectBuilder(std::size_t input_size) : guard_(input_size, kMaxDepth) {}
-  ~ObjectBuilder() { Py_XDECREF(root_); }
+  ObjectBuilder(std::size_t input_size, PayloadDecoder::Scratch& scratch)
+      : guard_(input_size, kMaxDepth), scratch_(scratch), frames_(scratch.frames) {
+    frames_.clear();
+  }
+  ~ObjectBuilder() {
+    for (auto& frame : frames_) Py_CLEAR(frame.key);
+    frames_.clear();
+    Py_XDECREF(root_);
+  }
 
   PyObject* release_root() { return std::exchange(root_, nullptr); }
   const std::string& error() const { return error_; }
@@ -245,9 +294,8 @@ class ObjectBuilder {
   bool visit_float32(float v) { return place(PyFloat_FromDouble(v)); }
   bool visit_float64(double v) { return place(PyFloat_FromDouble(v)); }
   bool visit_str(const char* data, std::uint32_t size) {
-    PyObject* text = PyUnicode_DecodeUTF8(data, size, "strict");
-    if (in_key()) return take_key(text);
-    return place(text);
+    if (in_key()) return take_key(scratch_.key(data, size));
+    return place(PyUnicode_DecodeUTF8(data, size, "strict"));
   }
   bool visit_bin(const char* data, std::uint32_t size) { return place(PyBytes_FromStringAndSize(data, size)); }
   bool visit_ext(const char* data, std::uint32_t /*size*/) {
@@ -283,13 +331,7 @@ class ObjectBuilder {
   void set_referenced(bool) {}
 
  private:
-  struct Frame {
-    PyObject* container;  // borrowed: owned by its parent or the root
-    bool is_map;
-    bool key_position = false;
-    Py_ssize_t index = 0;
-    PyObject* key = nullptr;  // owned until the value arrives
-  };
+  using Frame = DecodeFrame;
 
   bool in_key() const { return !frames_.empty() && frames_.back().is_map && frames_.back().key_position; }
 
@@ -373,16 +415,11 @@ class ObjectBuilder {
   }
 
   quorvex::core::DecodeGuard guard_;
+  PayloadDecoder::Scratch& scratch_;
+  std::vector<Frame>& frames_;
   PyObject* root_ = nullptr;
-  std::vector<Frame> frames_;
   std::string error_;
   bool python_error_ = false;
-
- public:
-  // Keys taken but never placed (parse stopped between a key and its value).
-  void drop_pending_keys() {
-    for (auto& frame : frames_) Py_CLEAR(frame.key);
-  }
 };
 
 }  // namespace
@@ -405,13 +442,20 @@ std::string encode_payload(nb::handle obj, const char* root) {
   return out;
 }
 
+PayloadDecoder::PayloadDecoder() : scratch_(std::make_unique<Scratch>()) {}
+PayloadDecoder::~PayloadDecoder() = default;
+
 nb::object decode_payload(std::string_view bytes) {
+  PayloadDecoder decoder;
+  return decoder.decode(bytes);
+}
+
+nb::object PayloadDecoder::decode(std::string_view bytes) {
   using quorvex::core::DecodeGuard;
   if (bytes.empty()) raise(PyExc_ValueError, DecodeGuard::empty_input());
-  ObjectBuilder builder(bytes.size());
+  ObjectBuilder builder(bytes.size(), *scratch_);
   std::size_t offset = 0;
   const bool ok = msgpack::parse(bytes.data(), bytes.size(), offset, builder);
-  builder.drop_pending_keys();
   if (!ok) {
     if (builder.python_error()) throw nb::python_error();
     raise(PyExc_ValueError, builder.error().empty() ? "malformed msgpack" : builder.error());

@@ -16,6 +16,7 @@
 
 #include <nanobind/nanobind.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -30,5 +31,22 @@ void init_wire();
 std::string encode_payload(nb::handle obj, const char* root);
 void encode_payload_into(nb::handle obj, const char* root, std::string& out);
 nb::object decode_payload(std::string_view bytes);
+
+// Decodes payloads for one consumer, reusing its scratch space and the str objects of recently
+// seen map keys (the payloads of one stream repeat their keys). Decode with the GIL held; the
+// decoder itself may be destroyed on any thread.
+class PayloadDecoder {
+ public:
+  PayloadDecoder();
+  ~PayloadDecoder();
+  PayloadDecoder(const PayloadDecoder&) = delete;
+  PayloadDecoder& operator=(const PayloadDecoder&) = delete;
+  nb::object decode(std::string_view bytes);
+
+  struct Scratch;
+
+ private:
+  std::unique_ptr<Scratch> scratch_;
+};
 
 }  // namespace pymqlink

@@ -33,7 +33,7 @@ OrderTicket ticket(const std::string& account, const std::string& code, Side sid
 class EngineTest : public ::testing::Test {
  protected:
   explicit EngineTest(bool liquidity = false)
-      : master_({1, 200, {2026, 1, 5}}), clock_(taipei_instant({2026, 1, 5}, 9 * 3600)) {
+      : master_({1, 200, {2026, 1, 5}}), clock_(to_time_point(taipei_instant({2026, 1, 5}, 9 * 3600))) {
     EngineConfig config;
     config.liquidity.enabled = liquidity;
     engine_ = std::make_unique<MatchingEngine>(master_, clock_, config, [this](const OrderEvent& e) {
@@ -58,7 +58,7 @@ class EngineTest : public ::testing::Test {
   }
 
   ContractMaster master_;
-  ManualClock clock_;
+  core::ManualClock clock_;
   std::mutex events_mutex_;
   std::vector<OrderEvent> events_;
   std::unique_ptr<MatchingEngine> engine_;
@@ -73,6 +73,8 @@ TEST_F(EngineTest, CancelAfterFillIsRefusedWithNothingToCancel) {
   ASSERT_FALSE(refused.ok());
   EXPECT_EQ(refused.refusal().code, RefusalCode::NothingToCancel);
   EXPECT_EQ(refused.refusal().sts_code(), 74006);
+  EXPECT_EQ(refused.refusal().text,
+            "order " + engine_->order(sell)->ordno + " is already Filled; nothing left to cancel");
   const auto events = events_of(sell);
   ASSERT_FALSE(events.empty());
   EXPECT_EQ(events.back().kind, OrderEventKind::Refused);

@@ -1,6 +1,7 @@
 // The engine and the books together, wired the way the broker's services wire them.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <random>
 
@@ -15,7 +16,7 @@ const Date kMonday{2026, 1, 5};
 
 TEST(PaperMarket, IssuedIdsPlaceOnce) {
   const ContractMaster master({1, 50, kMonday});
-  ManualClock clock(taipei_instant(kMonday, 9 * 3600));
+  core::ManualClock clock(to_time_point(taipei_instant(kMonday, 9 * 3600)));
   MatchingEngine engine(master, clock);
   OrderTicket t;
   t.account = "A";
@@ -35,7 +36,7 @@ TEST(PaperMarket, IssuedIdsPlaceOnce) {
 TEST(PaperMarket, BooksAgreeWithTheEnginesDeals) {
   const ContractMaster master({1, 50, kMonday});
   for (std::uint32_t seed = 1; seed <= 10; ++seed) {
-    ManualClock clock(taipei_instant(kMonday, 9 * 3600));
+    core::ManualClock clock(to_time_point(taipei_instant(kMonday, 9 * 3600)));
     EngineConfig config;
     config.liquidity.seed = seed;
     MatchingEngine engine(master, clock, config);
@@ -69,7 +70,7 @@ TEST(PaperMarket, BooksAgreeWithTheEnginesDeals) {
     std::mt19937 rng(seed);
     std::vector<OrderId> working;
     for (int i = 0; i < 300; ++i) {
-      clock.advance(kNanosPerSecond);
+      clock.advance(std::chrono::seconds(1));
       const std::string account(1, static_cast<char>('A' + rng() % 3));
       const Contract& c = *master.find(rng() % 2 ? "2330" : "2603");
       OrderTicket t;

@@ -23,7 +23,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "quorvex/paper/clock.hpp"
+#include "quorvex/core/clock.hpp"
 #include "quorvex/paper/contract_master.hpp"
 #include "quorvex/paper/order.hpp"
 #include "quorvex/paper/order_book.hpp"
@@ -61,7 +61,7 @@ struct BookSnapshot {
 class MatchingEngine {
  public:
   // `contracts` and `clock` must outlive the engine.
-  MatchingEngine(const ContractMaster& contracts, const Clock& clock, EngineConfig config = {},
+  MatchingEngine(const ContractMaster& contracts, const core::Clock& clock, EngineConfig config = {},
                  OrderEventHandler handler = {});
   ~MatchingEngine();
   MatchingEngine(const MatchingEngine&) = delete;
@@ -90,7 +90,7 @@ class MatchingEngine {
  private:
   struct BookState;
   struct Entry {
-    OrderRecord record;  // seqno and ordno are filled in the copies handed out
+    OrderRecord record;         // seqno and ordno are filled in the copies handed out
     BookState* book = nullptr;  // while the order works
   };
 
@@ -103,10 +103,13 @@ class MatchingEngine {
   void apply(const OrderEvent& event);
   void prune_finished();
   OrderReceipt receipt(OrderId id) const;
+  Result<OrderReceipt> conclude(std::unique_lock<std::mutex>& lock, BookState* book, OrderId id, Outcome refused);
   void deliver();
 
   const ContractMaster& contracts_;
-  const Clock& clock_;
+  Timestamp clock_now() const { return to_timestamp(clock_.now()); }
+
+  const core::Clock& clock_;
   EngineConfig config_;
 
   mutable std::mutex mutex_;

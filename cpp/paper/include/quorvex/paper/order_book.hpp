@@ -22,6 +22,8 @@ class EventQueue {
   std::vector<OrderEvent>& events() { return events_; }
   const std::vector<OrderEvent>& events() const { return events_; }
   OrderEvent& add() { return events_.emplace_back(); }
+  // Queues the refusal of an operation on the order a ticket describes; returns the refusal.
+  Refusal add_refusal(OrderOperation op, OrderId id, const OrderTicket& ticket, Refusal refusal, Timestamp now);
   void clear() { events_.clear(); }
   DealId next_deal_id() { return ++last_deal_id_; }
 
@@ -118,8 +120,8 @@ class OrderBook {
   std::int32_t level_of(Price price) const;
   Price price_of(std::int32_t level) const;
   Outcome check_price(Price price) const;
-  Outcome refuse_with_event(OrderOperation op, OrderId id, const OrderTicket& ticket, Refusal refusal, Timestamp now,
-                            EventQueue& queue) const;
+  Outcome refuse_not_resting(OrderOperation op, OrderId id, Price price, Quantity quantity, Timestamp now,
+                             EventQueue& queue) const;
   Outcome refuse_live(OrderOperation op, std::uint32_t slot, Refusal refusal, Timestamp now, EventQueue& queue) const;
   OrderEvent& event_for(OrderEventKind kind, OrderOperation op, const Slot& slot, Timestamp now,
                         EventQueue& queue) const;
