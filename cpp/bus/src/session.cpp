@@ -72,9 +72,10 @@ struct Channel {
 
 }  // namespace
 
-class Session::Core : public std::enable_shared_from_this<Session::Core> {
+class Session::Core : public detail::Endpoint, public std::enable_shared_from_this<Session::Core> {
  public:
   explicit Core(std::shared_ptr<SessionListener> listener) : listener_(std::move(listener)) {}
+  void close_endpoint() override { disconnect(); }
 
   void connect(const ConnectOptions& options);
   void disconnect();
@@ -457,7 +458,9 @@ void Session::Core::set_client_name(std::string name) {
 
 // ---- Session ----
 
-Session::Session(std::shared_ptr<SessionListener> listener) : core_(std::make_shared<Core>(std::move(listener))) {}
+Session::Session(std::shared_ptr<SessionListener> listener) : core_(std::make_shared<Core>(std::move(listener))) {
+  detail::track_endpoint(core_);
+}
 
 Session::~Session() { core_->disconnect(); }
 
