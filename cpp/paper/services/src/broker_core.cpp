@@ -69,7 +69,7 @@ std::shared_ptr<const core::Clock> clock_of(const PaperBrokerConfig& config) {
 ContractMasterConfig master_config(const PaperBrokerConfig& config, const core::Clock& clock) {
   ContractMasterConfig master = config.contracts;
   if (!config.use_config_trading_day) {
-    Date day = taipei_date(nanos_of(clock.now()));
+    Date day = taipei_date(to_timestamp(clock.now()));
     while (!day.is_business_day()) day = day.plus_days(-1);
     master.trading_day = day;
   }
@@ -99,8 +99,7 @@ BrokerCore::State::State(PaperBrokerConfig config)
       ip_address(config.ip_address),
       master(master_config(config, *clock)),
       directory(config),
-      engine_clock(market_clock),
-      engine(master, engine_clock, engine_config(config),
+      engine(master, market_clock, engine_config(config),
              [this](const OrderEvent& event) {
                std::lock_guard<std::mutex> lock(events_mutex);
                pending_events.push_back(event);

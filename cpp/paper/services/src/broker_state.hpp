@@ -43,21 +43,6 @@ class ScaledClock final : public core::Clock {
   time_point start_;
 };
 
-// Nanoseconds since the epoch of a clock reading.
-inline Timestamp nanos_of(core::Clock::time_point t) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
-}
-
-// The engine's view of market time.
-class EngineClock final : public Clock {
- public:
-  explicit EngineClock(const core::Clock& market) : market_(market) {}
-  Timestamp now() const override;
-
- private:
-  const core::Clock& market_;
-};
-
 // What the broker knows of an order beyond the engine's record: whose it is, who placed it,
 // the order fields the engine does not keep, and its fills and cancels as reported so far.
 struct OrderInfo {
@@ -175,7 +160,7 @@ struct BrokerCore::State {
   // The account a payload names, which must be one of the session person's accounts.
   const Account& owned_account(const Request& request, const wire::Field& account) const;
   const Contract& known_contract(const wire::Field& contract) const;
-  Timestamp now() const { return nanos_of(clock->now()); }
+  Timestamp now() const { return to_timestamp(clock->now()); }
   Date today() const { return taipei_date(now()); }
 
   // ---- service families ----
@@ -268,7 +253,6 @@ struct BrokerCore::State {
   // Encoded contract pages by security type, page and page size: the master never changes.
   std::unordered_map<std::string, std::string> contract_page_cache;
 
-  EngineClock engine_clock;
   MatchingEngine engine;
   // The engine's events land here (from whichever thread delivers them) until settled.
   std::mutex events_mutex;

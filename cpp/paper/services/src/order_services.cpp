@@ -90,8 +90,6 @@ std::string deal_report(OrderId id, const Account& account, Side side, const Con
 
 }  // namespace
 
-Timestamp EngineClock::now() const { return nanos_of(market_.now()); }
-
 Status OrderInfo::status() const {
   if (failed) return Status::Failed;
   if (remaining() <= 0) return dealt == ticket.quantity ? Status::Filled : Status::Cancelled;
@@ -419,7 +417,7 @@ Value BrokerCore::State::place_order(Request& request) {
                            : futures_book(account).reserve_for_order(id, contract, t.side, info.octype, bound,
                                                                      t.quantity, marks(), today());
   if (held) wire::refuse(*held);
-  info.order_ts = nanos_of(market_clock.now());
+  info.order_ts = to_timestamp(market_clock.now());
   orders.emplace(id, std::move(info));
   const Result<OrderReceipt> placed = engine.place(orders.at(id).ticket, id);
   if (placed) orders.at(id).order_ts = placed->order_ts;
@@ -646,7 +644,7 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
           info.ticket = OrderTicket{combo.account->key, plan[i].contract->code, Board::Common, plan[i].side,
                                     PriceType::Limit, OrderType::IOC, plan[i].worst, wanted};
           info.octype = combo.octype;
-          info.order_ts = nanos_of(market_clock.now());
+          info.order_ts = to_timestamp(market_clock.now());
           info.combo = id;
           orders.emplace(legs[i], std::move(info));
           engine.place(orders.at(legs[i]).ticket, legs[i]);
@@ -712,7 +710,7 @@ Value BrokerCore::State::place_comboorder(Request& request) {
                  static_cast<int>(RefusalCode::InvalidQuantity));
   }
   combo.id = engine.issue_order_id();
-  combo.order_ts = nanos_of(market_clock.now());
+  combo.order_ts = to_timestamp(market_clock.now());
   const OrderId id = combo.id;
   report_combo(request, combos.emplace(id, std::move(combo)).first->second, "New");
   work_combos(request, &account);
