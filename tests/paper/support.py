@@ -41,13 +41,11 @@ class Reports:
 
 def later(api, query, *args, filed=None):
     """Runs ``api.<query>(*args)`` non-blocking; returns (what it returned, what cb received).
-    ``filed(corrid)`` tells when the client has filed what the reply completes (by default
-    its placeholder in ``_reqrep``).
 
-    The client files its placeholder just after sending; an in-process reply can reach the
-    callback thread first when the machine is busy. The reply handler is wrapped to wait for
-    that filing, as a remote broker's latency would, so the test sees the non-blocking path
-    itself rather than that race.
+    A placement files its provisional trade just after sending; an in-process reply can reach
+    the callback thread first when the machine is busy. The reply handler is wrapped to wait
+    until ``filed(corrid)`` holds (by default: the placeholder is in ``_reqrep``), as a remote
+    broker's latency would, so the test sees the non-blocking path rather than that race.
     """
     name = "_{}_cb".format(query)
     handler = getattr(api, name)
