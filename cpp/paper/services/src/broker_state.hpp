@@ -192,6 +192,13 @@ struct BrokerCore::State {
 
   // Orders: the checks every order operation shares, and what their replies and reports say.
   OrderInfo& owned_order(const Request& request, OrderId id);
+  // The order a cancel or change names: the person's own, signed where it must be.
+  OrderId named_order(const Request& request);
+  // The reply to an engine operation on an order, once its events are booked and reported.
+  core::Value conclude(Request& request, OrderId id, const Result<OrderReceipt>& done);
+  // Holds (and releases) the funds, holdings or margin `quantity` of an order needs at `at`.
+  Outcome hold_for(OrderId id, const OrderInfo& info, Price at, Quantity quantity);
+  void release_hold(OrderId id, const OrderInfo& info);
   void check_order_signature(const Request& request, const Account& account, const wire::Field& order) const;
   // Answers the request with {"order": ..., "status": ...}; the response is left empty.
   core::Value order_reply(Request& request, OrderId id);

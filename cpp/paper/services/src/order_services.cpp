@@ -17,8 +17,6 @@ using wire::field;
 
 namespace {
 
-// Order and reservation signatures that are missing or do not verify.
-constexpr int kSignatureRefused = 74090;
 // How far an order stamp's time may lie from the broker clock.
 constexpr std::int64_t kStampToleranceSeconds = 24 * 3600;
 
@@ -137,6 +135,25 @@ MarkPrice BrokerCore::State::marks() const {
   return [this](std::string_view code) { return mark_price(code); };
 }
 
+Outcome BrokerCore::State::hold_for(OrderId id, const OrderInfo& info, Price at, Quantity quantity) {
+  const Account& account = *info.account;
+  const Contract& contract = *info.contract;
+  if (account.is_stock()) {
+    return stock_book(account).reserve_for_order(id, contract, info.ticket.side, info.cond, at,
+                                                 shares_of(info.ticket.board, quantity, contract));
+  }
+  return futures_book(account).reserve_for_order(id, contract, info.ticket.side, info.octype, at, quantity, marks(),
+                                                 today());
+}
+
+void BrokerCore::State::release_hold(OrderId id, const OrderInfo& info) {
+  if (info.account->is_stock()) {
+    stock_book(*info.account).release_order(id);
+  } else {
+    futures_book(*info.account).release_order(id);
+  }
+}
+
 // ---- shared checks ----
 
 OrderInfo& BrokerCore::State::owned_order(const Request& request, OrderId id) {
@@ -160,7 +177,7 @@ void BrokerCore::State::check_order_signature(const Request& request, const Acco
   if (ca.empty()) {
     wire::refuse(wire::kForbidden, where + " needs the holder's certificate signature in order.ca; expected an order "
                                            "signed with an activated certificate",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
   sign::VerifyOptions options;
   options.at = static_cast<std::time_t>(now() / kNanosPerSecond);
@@ -168,13 +185,13 @@ void BrokerCore::State::check_order_signature(const Request& request, const Acco
   if (!v) {
     wire::refuse(wire::kForbidden, "the order signature for " + where + " is not valid: " + v.error +
                                        "; expected a signature by " + account.holder->person_id + "'s certificate",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
   const std::int64_t skew = static_cast<std::int64_t>(v.stamp->signed_at) - static_cast<std::int64_t>(*options.at);
   if (skew > kStampToleranceSeconds || skew < -kStampToleranceSeconds) {
     wire::refuse(wire::kForbidden, "the order signature for " + where +
                                        " was made more than a day from the broker clock; expected a fresh signature",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
 }
 
@@ -278,13 +295,7 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
   const Account& account = *info.account;
   const Contract& contract = *info.contract;
   const bool futures = !account.is_stock();
-  auto release = [&] {
-    if (futures) {
-      futures_book(account).release_order(e.order_id);
-    } else {
-      stock_book(account).release_order(e.order_id);
-    }
-  };
+  auto release = [&] { release_hold(e.order_id, info); };
 
   switch (e.kind) {
     case OrderEventKind::Accepted: break;
@@ -410,13 +421,7 @@ Value BrokerCore::State::place_order(Request& request) {
 
   // Funds or holdings are held under the order's id before it can trade.
   const OrderId id = engine.issue_order_id();
-  const Price bound = bounding_price(t, contract);
-  const Outcome held = account.is_stock()
-                           ? stock_book(account).reserve_for_order(id, contract, t.side, info.cond, bound,
-                                                                   shares_of(t.board, t.quantity, contract))
-                           : futures_book(account).reserve_for_order(id, contract, t.side, info.octype, bound,
-                                                                     t.quantity, marks(), today());
-  if (held) wire::refuse(*held);
+  if (const Outcome held = hold_for(id, info, bounding_price(t, contract), t.quantity)) wire::refuse(*held);
   info.order_ts = to_timestamp(market_clock.now());
   orders.emplace(id, std::move(info));
   const Result<OrderReceipt> placed = engine.place(orders.at(id).ticket, id);
@@ -431,69 +436,53 @@ Value BrokerCore::State::place_order(Request& request) {
   return order_reply(request, id);
 }
 
-Value BrokerCore::State::cancel_order(Request& request) {
+OrderId BrokerCore::State::named_order(const Request& request) {
   const Field order = field(request.payload, "order");
   const OrderId id = order_id_of(order);
-  OrderInfo& info = owned_order(request, id);
-  check_order_signature(request, *info.account, order);
-  const Result<OrderReceipt> done = engine.cancel(id);
+  check_order_signature(request, *owned_order(request, id).account, order);
+  return id;
+}
+
+Value BrokerCore::State::conclude(Request& request, OrderId id, const Result<OrderReceipt>& done) {
   settle_events(request);
   if (!done) wire::refuse(done.refusal());
   return order_reply(request, id);
+}
+
+Value BrokerCore::State::cancel_order(Request& request) {
+  const OrderId id = named_order(request);
+  return conclude(request, id, engine.cancel(id));
 }
 
 Value BrokerCore::State::update_price(Request& request) {
-  const Field order = field(request.payload, "order");
-  const OrderId id = order_id_of(order);
-  OrderInfo& info = owned_order(request, id);
-  check_order_signature(request, *info.account, order);
+  const OrderId id = named_order(request);
+  const OrderInfo& info = orders.at(id);
   const Price price = field(request.payload, "price").price();
-  const Account& account = *info.account;
-  const Contract& contract = *info.contract;
+  if (info.ticket.price_type != PriceType::Limit) return conclude(request, id, engine.change_price(id, price));
   // The hold follows the new price: more funds for a dearer buy, refused when they are not there.
   auto hold_at = [&](Price at) -> Outcome {
-    OrderTicket rest = info.ticket;
-    rest.quantity = info.remaining();
-    if (rest.quantity <= 0) return std::nullopt;
-    if (account.is_stock()) {
-      StockAccountBook& book = stock_book(account);
-      book.release_order(id);
-      return book.reserve_for_order(id, contract, rest.side, info.cond, at,
-                                    shares_of(rest.board, rest.quantity, contract));
-    }
-    FuturesAccountBook& book = futures_book(account);
-    book.release_order(id);
-    return book.reserve_for_order(id, contract, rest.side, info.octype, at, rest.quantity, marks(), today());
+    release_hold(id, info);
+    return info.remaining() > 0 ? hold_for(id, info, at, info.remaining()) : std::nullopt;
   };
   const Price before = info.modified_price.is_zero() ? info.ticket.price : info.modified_price;
-  if (info.ticket.price_type == PriceType::Limit) {
-    if (const Outcome held = hold_at(price)) {
-      hold_at(before);
-      wire::refuse(*held);
-    }
+  if (const Outcome held = hold_at(price)) {
+    hold_at(before);
+    wire::refuse(*held);
   }
   const Result<OrderReceipt> done = engine.change_price(id, price);
-  if (!done && info.ticket.price_type == PriceType::Limit) hold_at(before);
-  settle_events(request);
-  if (!done) wire::refuse(done.refusal());
-  return order_reply(request, id);
+  if (!done) hold_at(before);
+  return conclude(request, id, done);
 }
 
 Value BrokerCore::State::update_qty(Request& request) {
-  const Field order = field(request.payload, "order");
-  const OrderId id = order_id_of(order);
-  OrderInfo& info = owned_order(request, id);
-  check_order_signature(request, *info.account, order);
+  const OrderId id = named_order(request);
   const Quantity by = field(request.payload, "quantity").integer();
   if (by <= 0) {
     wire::refuse(wire::kBadRequest, "field 'quantity' is " + std::to_string(by) +
                                         "; expected how many units to take off the order, at least 1",
                  static_cast<int>(RefusalCode::InvalidQuantity));
   }
-  const Result<OrderReceipt> done = engine.reduce_quantity(id, by);
-  settle_events(request);
-  if (!done) wire::refuse(done.refusal());
-  return order_reply(request, id);
+  return conclude(request, id, engine.reduce_quantity(id, by));
 }
 
 Value BrokerCore::State::update_status(Request& request) {
@@ -620,38 +609,36 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
         continue;
       }
     } else {
-      FuturesAccountBook& book = futures_book(*combo.account);
-      std::vector<OrderId> legs;
+      std::vector<std::pair<OrderId, OrderInfo>> legs;
       std::optional<Refusal> refused;
       for (const Plan& p : plan) {
+        OrderInfo info;
+        info.account = combo.account;
+        info.contract = p.contract;
+        info.placing_session = combo.placing_session;
+        info.ticket = OrderTicket{combo.account->key, p.contract->code, Board::Common, p.side,
+                                  PriceType::Limit, OrderType::IOC, p.worst, wanted};
+        info.octype = combo.octype;
+        info.order_ts = to_timestamp(market_clock.now());
+        info.combo = id;
         const OrderId leg_id = engine.issue_order_id();
-        if (Outcome held = book.reserve_for_order(leg_id, *p.contract, p.side, combo.octype, p.worst, wanted, marks(),
-                                                  today())) {
+        if (Outcome held = hold_for(leg_id, info, p.worst, wanted)) {
           refused = std::move(*held);
           break;
         }
-        legs.push_back(leg_id);
+        legs.emplace_back(leg_id, std::move(info));
       }
       if (refused) {
-        for (OrderId leg_id : legs) book.release_order(leg_id);
+        for (const auto& [leg_id, info] : legs) release_hold(leg_id, info);
         finish(combo.dealt > 0 ? Status::Cancelled : Status::Failed, refused->text);
       } else {
-        for (std::size_t i = 0; i < plan.size(); ++i) {
-          OrderInfo info;
-          info.account = combo.account;
-          info.contract = plan[i].contract;
-          info.placing_session = combo.placing_session;
-          info.ticket = OrderTicket{combo.account->key, plan[i].contract->code, Board::Common, plan[i].side,
-                                    PriceType::Limit, OrderType::IOC, plan[i].worst, wanted};
-          info.octype = combo.octype;
-          info.order_ts = to_timestamp(market_clock.now());
-          info.combo = id;
-          orders.emplace(legs[i], std::move(info));
-          engine.place(orders.at(legs[i]).ticket, legs[i]);
+        for (auto& [leg_id, info] : legs) {
+          const OrderTicket& ticket = orders.emplace(leg_id, std::move(info)).first->second.ticket;
+          engine.place(ticket, leg_id);
         }
         settle_events(request);
         Quantity filled = wanted;
-        for (OrderId leg_id : legs) filled = std::min(filled, orders.at(leg_id).dealt);
+        for (const auto& leg : legs) filled = std::min(filled, orders.at(leg.first).dealt);
         combo.dealt += filled;
         if (combo.dealt == combo.quantity) {
           combo.status = Status::Filled;

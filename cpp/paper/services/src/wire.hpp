@@ -25,6 +25,9 @@ inline constexpr int kUnauthorized = 401;
 inline constexpr int kForbidden = 403;
 inline constexpr int kNotFound = 404;
 
+// The sts_code of order and reservation signatures that are missing, invalid or stale.
+inline constexpr int kSignatureRefused = 74090;
+
 [[noreturn]] void refuse(int status_code, std::string detail, int sts_code = 0);
 // A refusal of the domain core: unknown things are 404, everything else 400, with its sts_code.
 [[noreturn]] void refuse(const Refusal& refusal);
