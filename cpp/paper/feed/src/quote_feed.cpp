@@ -92,7 +92,6 @@ class QuoteFeed::Streams {
   }
 
   void book_changed(const std::string& code, Board board) {
-    engaged_.emplace(code, board);
     const Contract* c = model_.contracts().find(code);
     if (c == nullptr || c->code != code) return;
     const Market market = board == Board::IntradayOdd ? Market::IntradayOdd : board_market(*c);
@@ -204,7 +203,7 @@ class QuoteFeed::Streams {
 
   QuoteBook book_of(const Stream& s) {
     const QuoteBook market_book = s.day->state().book();
-    if (!depth_ || engaged_.count({s.contract->code, board_of(s.market)}) == 0) return market_book;
+    if (!depth_) return market_book;
     const std::optional<BookSnapshot> resting = depth_(s.contract->code, board_of(s.market));
     return resting ? merge_resting(market_book, resting->bids, resting->asks) : market_book;
   }
@@ -277,7 +276,6 @@ class QuoteFeed::Streams {
   std::map<std::string, std::vector<std::pair<StreamKey, TopicMask>>> by_filter_;
   std::unordered_map<StreamKey, std::map<std::string, TopicMask>, StreamKeyHash> covered_by_;
   std::unordered_map<StreamKey, Stream, StreamKeyHash> live_;
-  std::set<std::pair<std::string, Board>> engaged_;  // books the broker has orders in
   std::vector<std::pair<const std::string*, std::string>> outbox_;
 };
 
