@@ -20,10 +20,10 @@ HARBOR = Stock(code="2317", exchange="TSE")
 INDEX_FUTURE = Future(code=FRONT_FUTURE, exchange="TAIFEX")
 
 
-def paper_api(market_start: str, clock_speed: float) -> SolaceAPI:
-    """A simulation session on a broker of its own whose market time starts at `market_start`."""
+def paper_api(market_start: str, clock_speed: float, simulation: bool = True) -> SolaceAPI:
+    """A session on a broker of its own whose market time starts at `market_start`."""
     host = f"paper://feed-{uuid.uuid4().hex[:8]}?clock_speed={clock_speed}&market_start={market_start}"
-    api = SolaceAPI(host, "vpn", "feed-tests", "unused", True)
+    api = SolaceAPI(host, "vpn", "feed-tests", "unused", simulation)
     api.login(DEMO.person_id, DEMO.password)
     return api
 

@@ -85,17 +85,3 @@ def test_unsubscribing_stops_the_records(market):
     settled = len(received)
     time.sleep(1.0)  # a market minute: about thirty trades of this stock
     assert len(received) == settled
-
-
-def test_published_ticks_are_in_the_history(market):
-    received = Received()
-    market.set_on_tick_stk_v1_callback(received)
-    with subscribed(market, TSMC, QuoteType.Tick, False, QuoteVersion.v1):
-        calls = received.wait(5)
-    ticks = market.ticks(TSMC, TRADING_DAY)
-    epoch = datetime.datetime(1970, 1, 1)
-    history = {(ts, close, volume) for ts, close, volume in zip(ticks.ts, ticks.close, ticks.volume)}
-    for _, tick in calls:
-        # History time stamps read as UTC give Taipei wall-clock time, as the record's datetime.
-        ts = (tick.datetime - epoch) // datetime.timedelta(microseconds=1) * 1000
-        assert (ts, tick.close, tick.volume) in history
