@@ -229,7 +229,6 @@ void define_accounts(ApiClass& api) {
     nb::object acc_balance = get(reply.response, QV_NAME("acc_balance"), nb::int_(0));
     nb::object date = get(reply.response, QV_NAME("date"), local_now_text("%Y-%m-%d %H:%M:%S"));
     nb::object errmsg = get(reply.response, QV_NAME("errmsg"), nb::str(""));
-    if (truthy(errmsg)) log_error(errmsg);
     balance.attr("lazy_setter")("acc_balance"_a = acc_balance, "date"_a = date, "errmsg"_a = errmsg);
   });
 
