@@ -183,7 +183,7 @@ nb::object take_callback(nb::handle self, nb::handle corrid) {
 
 nb::object inactive_status(const TradeBook& book) {
   nb::dict fields;
-  fields["status"] = module_attr(QV_NAME("Status")).attr("Inactive");
+  fields["status"] = attr(module_attr(QV_NAME("Status")), "Inactive");
   return build_record(book.status_record, fields);
 }
 
@@ -256,7 +256,7 @@ nb::object place_reply(nb::handle self, const TradeBook& book, nb::handle topic,
     raise_object(module_attr(QV_NAME("TokenError"))(status_code, detail));
   } else {
     nb::dict failed;
-    failed["status"] = module_attr(QV_NAME("Status")).attr("Failed");
+    failed["status"] = attr(module_attr(QV_NAME("Status")), "Failed");
     nb::setattr(item(trades, corrid), "status", build_record(book.status_record, failed));
     log_error(resp);
   }
@@ -281,7 +281,7 @@ nb::object cancel_reply(nb::handle self, const TradeBook& book, nb::handle topic
   nb::setattr(attr(trade, "status"), "msg", detail);
   if (!is_ok(status_code)) {
     if (equals(status_code, kCancelRefusedStatus) && equals(sts_code, kCancelRefusedStsCode)) {
-      nb::setattr(attr(trade, "status"), "status", module_attr(QV_NAME("Status")).attr("Failed"));
+      nb::setattr(attr(trade, "status"), "status", attr(module_attr(QV_NAME("Status")), "Failed"));
     } else {
       log_error(format("StatusCode: {}, Detail: {}", status_code, detail));
       raise_resp_error(self, status_code, resp);
