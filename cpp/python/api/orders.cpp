@@ -82,6 +82,50 @@ nb::object overlay(nb::handle record, nb::handle block) {
   return fields;
 }
 
+// ---- replies as logged ------------------------------------------------------------
+
+// Keys whose values are credentials: an order's signature, a session token, a password.
+constexpr const char* kSecretKeys[] = {"ca", "signature", "token", "password", "secret_key"};
+constexpr const char* kHidden = "<hidden>";
+constexpr int kMaxLoggedDepth = 32;
+
+bool is_secret_key(nb::handle key) {
+  if (!PyUnicode_Check(key.ptr())) return false;
+  for (const char* secret : kSecretKeys) {
+    if (PyUnicode_CompareWithASCIIString(key.ptr(), secret) == 0) return true;
+  }
+  return false;
+}
+
+// `value` with every credential in its dicts and lists replaced by "<hidden>": the object
+// itself when it holds none, else a copy. A refused placement may echo the signed order.
+nb::object without_secrets(nb::handle value, int depth = 0) {
+  const bool is_dict = PyDict_Check(value.ptr());
+  const bool is_list = PyList_Check(value.ptr()) || PyTuple_Check(value.ptr());
+  if (!is_dict && !is_list) return nb::borrow(value);
+  if (depth >= kMaxLoggedDepth) return nb::str("...");
+  bool changed = false;
+  if (is_dict) {
+    nb::dict copy;
+    nb::object items = checked(PyDict_Items(value.ptr()));  // a snapshot: nothing here may resize it
+    for (nb::handle pair : items) {
+      nb::handle key = PyTuple_GET_ITEM(pair.ptr(), 0);
+      nb::handle item = PyTuple_GET_ITEM(pair.ptr(), 1);
+      nb::object shown = is_secret_key(key) && truthy(item) ? nb::str(kHidden) : without_secrets(item, depth + 1);
+      changed = changed || !shown.is(item);
+      copy[key] = shown;
+    }
+    return changed ? nb::object(copy) : nb::borrow(value);
+  }
+  nb::list copy;
+  for (nb::handle item : value) {
+    nb::object shown = without_secrets(item, depth + 1);
+    changed = changed || !shown.is(item);
+    copy.append(shown);
+  }
+  return changed ? nb::object(copy) : nb::borrow(value);
+}
+
 [[noreturn]] void raise_object(nb::handle exc) {
   PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr())), exc.ptr());
   throw nb::python_error();
@@ -251,14 +295,14 @@ nb::object place_reply(nb::handle self, const TradeBook& book, nb::handle topic,
   } else if (!truthy(status_code)) {
     log_error(format(kMissingStatusCode, topic));
   } else if (equals(status_code, 401)) {
-    log_error(resp);
+    log_error(without_secrets(resp));
     nb::object detail = get(get(resp, QV_NAME("response"), empty_dict()), QV_NAME("detail"), nb::str(""));
     raise_object(module_attr(QV_NAME("TokenError"))(status_code, detail));
   } else {
     nb::dict failed;
     failed["status"] = attr(module_attr(QV_NAME("Status")), "Failed");
     nb::setattr(item(trades, corrid), "status", build_record(book.status_record, failed));
-    log_error(resp);
+    log_error(without_secrets(resp));
   }
 
   if (truthy(cb)) cb(item(trades, key));
