@@ -260,7 +260,9 @@ nb::object place(nb::handle self, const TradeBook& book, nb::handle contract, nb
   if (!truthy(timeout)) remember_callback(self, corrid, cb);
   nb::object key = exchange(self, book.place, payload, corrid, timeout,
                             [&] { set_item(attr(self, book.book), corrid, trade); });
-  if (!truthy(timeout)) key = corrid;
+  // Not blocking: the trade just stored, which the reply may already be re-keying on the
+  // messaging thread, so it is not looked up again under the correlation id.
+  if (!truthy(timeout)) return trade;
   return item(attr(self, book.book), key);
 }
 
@@ -347,20 +349,6 @@ nb::object acknowledge_reply(nb::handle self, const TradeBook& book, nb::handle 
   return nb::none();
 }
 
-// One step of a modification. Every step draws its own correlation id and, when not
-// blocking, registers the callback and the trade under it even if nothing is sent.
-void modify_step(nb::handle self, nb::handle trade, nb::handle payload, nb::handle timeout, nb::handle cb,
-                 const char* topic_attr, const char* key, nb::handle value, bool send) {
-  nb::object corrid = new_corrid(self);
-  if (!truthy(timeout)) {
-    remember_callback(self, corrid, cb);
-    set_item(attr(self, kSingle.book), corrid, trade);
-  }
-  if (!send) return;
-  set_item(payload, nb::str(key), value);
-  exchange(self, {topic_attr, "_update_order_cb"}, payload, corrid, timeout);
-}
-
 bool price_changes(nb::handle trade, nb::handle price) {
   if (!truthy(price)) return false;
   nb::object modified_price = attr(attr(trade, "status"), "modified_price");
@@ -379,6 +367,22 @@ bool quantity_reducible(nb::handle trade, nb::handle quantity) {
   const int r = PyObject_RichCompareBool(left.ptr(), zero.ptr(), Py_GE);
   if (r < 0) throw nb::python_error();
   return r == 1;
+}
+
+// One step of a modification. Every step draws its own correlation id and, when not
+// blocking, registers the callback and the trade under it even if nothing is sent; only
+// then does `changes` tell whether there is anything to send.
+void modify_step(nb::handle self, nb::handle trade, nb::handle payload, nb::handle timeout, nb::handle cb,
+                 const char* topic_attr, const char* key, nb::handle value,
+                 bool (*changes)(nb::handle trade, nb::handle value)) {
+  nb::object corrid = new_corrid(self);
+  if (!truthy(timeout)) {
+    remember_callback(self, corrid, cb);
+    set_item(attr(self, kSingle.book), corrid, trade);
+  }
+  if (!changes(trade, value)) return;
+  set_item(payload, nb::str(key), value);
+  exchange(self, {topic_attr, "_update_order_cb"}, payload, corrid, timeout);
 }
 
 // ---- status refresh ----------------------------------------------------------------
@@ -542,10 +546,9 @@ void define_orders(ApiClass& api) {
         check_quantity_reduction(quantity);
         require_callback(cb, "update_order");
         nb::object payload = resigned_trade_payload(self, trade);
-        modify_step(self, trade, payload, timeout, cb, "update_price_topic", "price", price,
-                    price_changes(trade, price));
+        modify_step(self, trade, payload, timeout, cb, "update_price_topic", "price", price, price_changes);
         modify_step(self, trade, payload, timeout, cb, "update_qty_topic", "quantity", quantity,
-                    quantity_reducible(trade, quantity));
+                    quantity_reducible);
         return nb::borrow(trade);
       },
       nb::arg("trade"), nb::arg("price") = nb::none(), nb::arg("quantity") = nb::none(), nb::arg("timeout") = 5000,
