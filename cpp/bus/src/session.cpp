@@ -328,7 +328,8 @@ MessagePtr Session::Core::request(std::string topic, std::string payload, std::c
     pending_[request_id] = Pending{&wait, nullptr};
     from = Requester{session_id_, client_name_, token_};
   }
-  const auto deadline = Clock::now() + timeout;
+  // Capped so that adding it to the clock cannot overflow.
+  const auto deadline = Clock::now() + std::min<std::chrono::milliseconds>(timeout, std::chrono::hours(24 * 365));
   try {
     transport->request(make_message(std::move(topic), std::move(payload)), request_id, from);
   } catch (...) {
