@@ -198,7 +198,8 @@ struct Query {
 // id when non-blocking, store the placeholder made by `make_placeholder` in _reqrep, send
 // with the query's handler, run the handler at once on the returned reply when blocking,
 // and return the placeholder. The placeholder is stored before the send so that a reply
-// handled on the messaging thread before request() returns still finds it.
+// handled on the messaging thread before request() returns still finds it, and taken back
+// out when the send raises, since no reply will come for it.
 nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb::handle payload,
                       nb::handle timeout, nb::handle cb, const std::function<nb::object()>& make_placeholder);
 
