@@ -125,6 +125,9 @@ inline nb::object attr(nb::handle obj, const char* name) { return nb::getattr(ob
 nb::object module_attr(nb::handle name);
 inline nb::object module_attr(const char* name) { return module_attr(nb::handle(nb::str(name))); }
 void set_module(nb::handle module);
+// A builtin (`print`, `sum`) as module code sees it: the api module's attribute of that name
+// when one is set (a test's substitute), else the interpreter's own.
+nb::object builtin(nb::handle name);
 
 // mapping.get(key, default), with a fast path for exact dicts; any other object is asked
 // for its `get` method, so None fails with the interpreter's own AttributeError.

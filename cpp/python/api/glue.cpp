@@ -31,6 +31,14 @@ void set_module(nb::handle module) {
 
 nb::object module_attr(nb::handle name) { return checked(nb::steal(PyObject_GetAttr(g_module, name.ptr()))); }
 
+nb::object builtin(nb::handle name) {
+  PyObject* found = PyObject_GetAttr(g_module, name.ptr());
+  if (found) return nb::steal(found);
+  if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw nb::python_error();
+  PyErr_Clear();
+  return nb::getattr(nb::module_::import_("builtins"), name);
+}
+
 nb::object get(nb::handle mapping, nb::handle key, nb::handle dflt) {
   if (PyDict_CheckExact(mapping.ptr())) {
     PyObject* item = PyDict_GetItemWithError(mapping.ptr(), key.ptr());
