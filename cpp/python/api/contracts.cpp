@@ -26,6 +26,20 @@ nb::object collection_of(nb::handle self, nb::handle security_type) {
   return attr(attr(self, QV_NAME("Contracts")), format("{}s", attr(security_type, QV_NAME("name"))));
 }
 
+// SecurityType(value) for a reply. A refusal often names no type; its own error then
+// says more than the enumeration's, so it is raised instead.
+nb::object reply_security_type(nb::handle self, nb::handle value, nb::handle status_code, nb::handle resp) {
+  try {
+    return module_attr(QV_NAME("SecurityType"))(value);
+  } catch (nb::python_error& e) {
+    if (is_ok(status_code) || !e.matches(PyExc_ValueError)) throw;
+  }
+  raise_resp_error(self, status_code, resp);
+  PyErr_Format(PyExc_ValueError, "contract page refused with status %S for an unknown security type %R",
+               status_code.ptr(), value.ptr());
+  throw nb::python_error();
+}
+
 }  // namespace
 
 void define_contracts(ApiClass& api) {
@@ -103,10 +117,8 @@ void define_contracts(ApiClass& api) {
         nb::object response = get(resp, QV_NAME("response"), empty_dict());
         nb::object raw_contracts = get(response, QV_NAME("contracts"), empty_list());
         nb::object max_page = get(response, QV_NAME("max_page"), nb::int_(0));
-        // The type is the reply's, read before the status: an unknown one (a refusal that
-        // names none included) fails with the enumeration's own error.
-        nb::object security_type =
-            module_attr(QV_NAME("SecurityType"))(get(response, QV_NAME("security_type"), nb::str("")));
+        nb::object security_type = reply_security_type(
+            self, get(response, QV_NAME("security_type"), nb::str("")), status_code, resp);
         nb::object contracts = collection_of(self, security_type);
 
         // Marked before the status is looked at: a refused page counts as arrived.
