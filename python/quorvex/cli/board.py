@@ -8,6 +8,7 @@ import datetime
 import threading
 from typing import Any, Callable, Dict, List, Optional, Sequence
 
+from rich import box
 from rich.table import Table
 from rich.text import Text
 
@@ -157,20 +158,19 @@ class QuoteBoard:
                  r.bid, r.bid_volume, r.ask, r.ask_volume, r.ticks, r.bidasks)
                 for r in self._rows.values()
             ]
-        table = Table(title=title, title_justify="left", expand=False)
-        for header, justify in (("Code", "left"), ("Name", "left"), ("Time", "left"), ("Last", "right"),
-                                ("Chg", "right"), ("%", "right"), ("Vol", "right"), ("Total vol", "right"),
-                                ("Bid", "right"), ("Bid vol", "right"), ("Ask", "right"), ("Ask vol", "right"),
-                                ("Ticks", "right"), ("Bid/asks", "right")):
-            table.add_column(header, justify=justify, no_wrap=True)
-        for (code, name, clock, last, change, pct, volume, total, bid, bid_volume, ask, ask_volume,
+        table = Table(title=title, title_justify="left", box=box.SIMPLE_HEAD, pad_edge=False)
+        table.add_column("Code", no_wrap=True)
+        table.add_column("Name", no_wrap=True, max_width=14, overflow="ellipsis")
+        for header in ("Time", "Last", "Chg", "%", "Volume", "Bid", "Bid vol", "Ask", "Ask vol", "Updates"):
+            table.add_column(header, justify="left" if header == "Time" else "right", no_wrap=True)
+        for (code, name, clock, last, change, pct, _volume, total, bid, bid_volume, ask, ask_volume,
              ticks, bidasks) in rows:
             style = "" if change is None else "green" if change > 0 else "red" if change < 0 else ""
             table.add_row(
                 code, name, clock, Text(price_text(last), style=style), Text(price_text(change), style=style),
                 Text("-" if pct is None else f"{pct:+.2f}", style=style),
-                quantity_text(volume), quantity_text(total), price_text(bid), quantity_text(bid_volume),
-                price_text(ask), quantity_text(ask_volume), str(ticks), str(bidasks),
+                quantity_text(total), price_text(bid), quantity_text(bid_volume),
+                price_text(ask), quantity_text(ask_volume), str(ticks + bidasks),
             )
         return table
 
@@ -237,15 +237,17 @@ class ReportLog:
     def on_order(self, state: Any, message: Any) -> None:
         """The order callback (set_order_callback): never raises into the messaging thread."""
         report = OrderReport(state, message)
-        with self._arrived:
-            self._reports.append(report)
-            self._arrived.notify_all()
+        printed = True
+        # Shown before it is counted, so a waiter woken by it finds it already on screen.
         if self._printer is not None:
             try:
                 self._printer(report)
             except Exception:
-                with self._lock:
-                    self.errors += 1
+                printed = False
+        with self._arrived:
+            self._reports.append(report)
+            self.errors += 0 if printed else 1
+            self._arrived.notify_all()
 
     def reports(self) -> List[OrderReport]:
         with self._lock:

@@ -60,7 +60,8 @@ class Narrator:
 
     def say(self, text: str) -> None:
         """One line under the current step; ``text`` may hold rich markup."""
-        self.console.print("      " + text)
+        # Long lines (paths) are left for the terminal to wrap, whole.
+        self.console.print("      " + text, soft_wrap=True)
 
     def show(self, renderable: object) -> None:
         self.console.print(renderable)

@@ -25,7 +25,7 @@ from quorvex.cli.tables import (
     profit_loss_table,
     trades_table,
 )
-from quorvex.constant import Action, FuturesOCType, OrderType, PriceType, Status, Unit
+from quorvex.constant import Action, FuturesOCType, OrderType, PriceType, SecurityType, Status, Unit
 
 __all__ = ["DEMO_FUTURE", "DEMO_STOCK", "download_with_progress", "run_demo"]
 
@@ -36,6 +36,8 @@ STEPS = 11
 DEAL_WAIT_S = 5.0
 CERTIFICATE_DAYS = 30
 _CONTRACTS_DIR_ENV = "QUORVEX_CONTRACTS_DIR"
+_PLURAL = {SecurityType.Index: "indexes", SecurityType.Stock: "stocks", SecurityType.Future: "futures",
+           SecurityType.Option: "options"}
 
 
 def download_with_progress(session: BrokerSession, narrator: Narrator) -> None:
@@ -55,7 +57,7 @@ def download_with_progress(session: BrokerSession, narrator: Narrator) -> None:
             downloaded = session.download_contracts(update)
     else:
         downloaded = session.download_contracts()
-    counts = ", ".join(f"{len(c):,} {c.name.lower()}" for c in session.contracts)
+    counts = ", ".join(f"{len(c):,} {_PLURAL.get(c.security_type, c.name)}" for c in session.contracts)
     if downloaded:
         _received, announced, held = session.contract_progress()
         narrator.say(f"{held:,} contracts in {announced} pages in {time.monotonic() - started:.2f} s: {counts}")
