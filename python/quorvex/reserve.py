@@ -11,6 +11,7 @@ from pydantic import Field
 from quorvex.account import AnyAccount
 from quorvex.common import BaseModel, PositionalModel
 from quorvex.contracts import AnyContract
+from quorvex.data import CASign
 
 __all__ = [
     "EarmarkStockDetail",
@@ -43,7 +44,8 @@ class ReserveOrder(PositionalModel):
     """A request to reserve ``share`` shares, signed by the account holder."""
 
     share: int = Field(gt=0)
-    ca: str = Field(default="", repr=False)
+    # The signed text travels with its signature, so the service can verify it as is.
+    ca: Optional[CASign] = Field(default=None, repr=False)
 
 
 class EarmarkingOrder(PositionalModel):
@@ -51,7 +53,7 @@ class EarmarkingOrder(PositionalModel):
 
     share: int = Field(gt=0)
     price: float = Field(ge=0)
-    ca: str = Field(default="", repr=False)
+    ca: Optional[CASign] = Field(default=None, repr=False)
 
 
 class ReserveOrderResp(BaseModel):
