@@ -34,7 +34,7 @@ def test_authority_is_the_same_in_every_call():
         (("{dir}/me.pfx", PASSWORD, ""), ValueError, "person_id is empty"),
         (("{dir}/me.pfx", PASSWORD, PERSON, 0), ValueError, "expected a validity of 1 to 3650"),
         (("{dir}/me.pfx", 1234, PERSON), TypeError, "password expects str"),
-        ((42, PASSWORD, PERSON), TypeError, "path expects a path"),
+        ((42, PASSWORD, PERSON), TypeError, "expected str, bytes or os.PathLike"),
     ],
 )
 def test_refusals(tmp_path, args, error, says):

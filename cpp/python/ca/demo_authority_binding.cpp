@@ -27,21 +27,13 @@ std::string text_argument(nb::handle value, const char* what) {
   return std::string(data, static_cast<std::size_t>(size));
 }
 
+// str, bytes or os.PathLike in the file system's encoding; the interpreter's own errors for
+// anything else and for an embedded NUL.
 std::string path_argument(nb::handle value) {
-  nb::object path = nb::steal(PyOS_FSPath(value.ptr()));
-  if (!path.is_valid()) {
-    PyErr_Clear();
-    throw nb::type_error(
-        ("path expects a path (str, bytes or os.PathLike), got " + std::string(nb::type_name(value.type()).c_str()))
-            .c_str());
-  }
-  if (PyUnicode_Check(path.ptr())) {
-    path = nb::steal(PyUnicode_EncodeFSDefault(path.ptr()));
-    if (!path.is_valid()) throw nb::python_error();
-  }
-  std::string bytes(PyBytes_AS_STRING(path.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(path.ptr())));
-  if (bytes.find('\0') != std::string::npos) throw nb::value_error("path must not contain a NUL character");
-  return bytes;
+  PyObject* converted = nullptr;
+  if (!PyUnicode_FSConverter(value.ptr(), &converted)) throw nb::python_error();
+  nb::object bytes = nb::steal(converted);
+  return std::string(PyBytes_AS_STRING(bytes.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr())));
 }
 
 // The caller's password copied for the GIL-free work, wiped on every way out.

@@ -18,6 +18,7 @@ from quorvex.cli.errors import (
     EXIT_BAD_ARGUMENTS,
     EXIT_FAILED,
     EXIT_INTERRUPTED,
+    EXIT_UNREACHABLE,
     CliError,
 )
 
@@ -203,6 +204,10 @@ def main(argv: Optional[List[str]] = None) -> int:
     except KeyboardInterrupt:
         _report(prog, CliError("interrupted", EXIT_INTERRUPTED))
         return EXIT_INTERRUPTED
+    except (ConnectionError, TimeoutError) as error:
+        # The session dropped, or a reply never came: either way the broker is out of reach.
+        _report(prog, CliError(f"lost the broker: {error}", EXIT_UNREACHABLE))
+        return EXIT_UNREACHABLE
     except Exception as error:
         if args.verbose:
             from rich.console import Console

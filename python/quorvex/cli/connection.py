@@ -176,7 +176,7 @@ class BrokerSession:
                 EXIT_LOGIN_REFUSED,
                 hint="expected an API key the broker knows and its matching secret key",
             ) from None
-        except ReplyTimeout as error:
+        except (ReplyTimeout, ConnectionError) as error:
             raise _unreachable(self.host, error) from None
         except (ValueError, TypeError) as error:
             raise CliError(f"cannot log in: {error}", EXIT_BAD_ARGUMENTS) from None
