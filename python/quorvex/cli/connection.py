@@ -2,7 +2,7 @@
 
 ``BrokerSession`` drives ``SolaceAPI`` the way a client library's front object does and turns
 each failure into a ``CliError`` with the matching exit status: a broker that cannot be
-reached (5), a refused login (4), an unknown contract code (3), bad input (2).
+reached (5), a refused login (4), bad input (2).
 """
 import datetime
 import os
@@ -39,6 +39,7 @@ BUS_USER = "quorvex-cli"
 RECEIVE_WINDOW_MS = 30000
 CONNECT_TIMEOUT_MS = 3000
 CONTRACTS_TIMEOUT_S = 60.0
+
 
 class Credentials:
     """An API key and its Base58 secret key; the secret never shows in a repr."""
