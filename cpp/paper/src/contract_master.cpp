@@ -82,7 +82,7 @@ Industry industry_for(int code) {
   }
   if (lead / 10 == 4) return {"22", "Biotech"};
   if (lead / 10 == 9) return {"20", "Industries"};
-  static constexpr Industry kElectronics[] = {{"24", "Semiconductor"}, {"25", "Computer"}, {"26", "Optronics"},
+  static constexpr Industry kElectronics[] = {{"24", "Semiconductor"}, {"25", "Computer"},   {"26", "Optronics"},
                                               {"27", "Telecom"},       {"28", "Components"}, {"31", "Electronics"}};
   return kElectronics[code % 6];
 }
@@ -394,8 +394,7 @@ std::size_t ContractMaster::size() const {
 Result<ContractPage> ContractMaster::page(SecurityType type, int page, int page_size) const {
   if (page_size < 1 || page_size > kMaxPageSize) {
     return refuse(RefusalCode::InvalidPageSize, "page_size " + std::to_string(page_size) +
-                                                    " is out of range; expected 1 to " +
-                                                    std::to_string(kMaxPageSize));
+                                                    " is out of range; expected 1 to " + std::to_string(kMaxPageSize));
   }
   const auto& list = contracts(type);
   const auto size = static_cast<std::size_t>(page_size);
