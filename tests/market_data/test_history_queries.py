@@ -13,50 +13,22 @@ from quorvex.error import ServiceError
 
 TSMC = Stock(exchange="TSE", code="2330")
 TODAY = datetime.date.today()
+BOTH_TIMES = "Please take start time and end time parameter."
 
-TICKS_REPLY = {
-    "ts": [1704157201500000000, 1704157202000000000],
-    "close": [595.0, 596.0],
-    "volume": [3, 1],
-    "bid_price": [594.0, 595.0],
-    "bid_volume": [10, 2],
-    "ask_price": [595.0, 596.0],
-    "ask_volume": [4, 8],
-    "tick_type": [1, 2],
-}
-KBARS_REPLY = {
-    "ts": [1704157260000000000],
-    "Open": [590.0],
-    "High": [596.0],
-    "Low": [589.0],
-    "Close": [595.0],
-    "Volume": [7004],
-    "Amount": [4155000000.0],
-}
-DAILY_REPLY = {
-    "Date": ["2024-01-02"],
-    "Code": ["2330"],
-    "Open": [590.0],
-    "High": [596.0],
-    "Low": [589.0],
-    "Close": [595.0],
-    "Volume": [27000],
-    "Transaction": [31000],
-    "Amount": [1.6e10],
-}
+TICKS_REPLY = {"ts": [1704157201500000000, 1704157202000000000], "close": [595.0, 596.0], "volume": [3, 1],
+               "bid_price": [594.0, 595.0], "bid_volume": [10, 2], "ask_price": [595.0, 596.0],
+               "ask_volume": [4, 8], "tick_type": [1, 2]}
+KBARS_REPLY = {"ts": [1704157260000000000], "Open": [590.0], "High": [596.0], "Low": [589.0],
+               "Close": [595.0], "Volume": [7004], "Amount": [4155000000.0]}
+DAILY_REPLY = {"Date": ["2024-01-02"], "Code": ["2330"], "Open": [590.0], "High": [596.0], "Low": [589.0],
+               "Close": [595.0], "Volume": [27000], "Transaction": [31000], "Amount": [1.6e10]}
 
 # query, positional arguments, topic attribute, record type, a full reply
 QUERIES = [
     pytest.param("ticks", (TSMC,), "ticks_topic", Ticks, TICKS_REPLY, id="ticks"),
     pytest.param("kbars", (TSMC,), "kbars_topic", Kbars, KBARS_REPLY, id="kbars"),
-    pytest.param(
-        "daily_quotes",
-        (datetime.date(2024, 1, 2), True),
-        "daily_quotes_topic",
-        DailyQuotes,
-        DAILY_REPLY,
-        id="daily_quotes",
-    ),
+    pytest.param("daily_quotes", (datetime.date(2024, 1, 2), True), "daily_quotes_topic", DailyQuotes,
+                 DAILY_REPLY, id="daily_quotes"),
 ]
 
 
@@ -65,11 +37,8 @@ QUERIES = [
     [
         ({}, None, 0),
         ({"time_start": "09:00:00", "time_end": "09:30:00"}, {"start": "09:00:00", "end": "09:30:00"}, 0),
-        (
-            {"query_type": TicksQueryType.RangeTime, "time_start": "09:00:00", "time_end": "10:00:00"},
-            {"start": "09:00:00", "end": "10:00:00"},
-            0,
-        ),
+        ({"query_type": TicksQueryType.RangeTime, "time_start": "09:00:00", "time_end": "10:00:00"},
+         {"start": "09:00:00", "end": "10:00:00"}, 0),
         ({"query_type": TicksQueryType.LastCount, "last_cnt": 1}, None, 1),
         ({"time_start": "09:00:00"}, None, 0),
     ],
@@ -87,14 +56,8 @@ def test_ticks_payload(api, kwargs, time_range, last_cnt):
 @pytest.mark.parametrize(
     "kwargs, message",
     [
-        (
-            {"query_type": TicksQueryType.RangeTime, "time_start": "09:00:00"},
-            "Please take start time and end time parameter.",
-        ),
-        (
-            {"query_type": TicksQueryType.RangeTime, "time_end": "09:00:00"},
-            "Please take start time and end time parameter.",
-        ),
+        ({"query_type": TicksQueryType.RangeTime, "time_start": "09:00"}, BOTH_TIMES),
+        ({"query_type": TicksQueryType.RangeTime, "time_end": "09:00"}, BOTH_TIMES),
         ({"query_type": TicksQueryType.LastCount}, "Please take last_cnt parameter."),
         ({"query_type": TicksQueryType.LastCount, "last_cnt": -5}, "Please take last_cnt parameter."),
     ],
@@ -128,11 +91,14 @@ def test_daily_quotes_sends_the_date_in_iso_form_and_needs_a_date(api):
     assert len(api.session.requests) == 1
 
 
+@pytest.mark.parametrize("mode", ["api", "sim_api"])  # none of them is refused in simulation
 @pytest.mark.parametrize("query, args, topic, record, reply", QUERIES)
-def test_blocking_queries_return_the_filled_record(api, query, args, topic, record, reply):
+def test_blocking_queries_return_the_filled_record(request, mode, query, args, topic, record, reply):
+    api = request.getfixturevalue(mode)
     api.session.reply(getattr(api, topic), ok(reply))
     result = getattr(api, query)(*args)
     assert type(result) is record and result.dict() == reply
+    assert api.session.topics() == ["api/v1/data/" + topic[: -len("_topic")]]
     assert api.session.last().timeout == 5000
     assert api._reqrep == {} and api._rep_callback_map == {}
 
@@ -166,10 +132,3 @@ def test_a_reply_without_response_leaves_the_columns_empty(api, query, args, top
     result = getattr(api, query)(*args, timeout=0, cb=delivered.append)
     api.session.deliver()
     assert delivered == [result] and all(value == [] for value in result.dict().values())
-
-
-@pytest.mark.parametrize("query, args, topic, record, reply", QUERIES)
-def test_simulation_sends_history_queries_too(sim_api, query, args, topic, record, reply):
-    sim_api.session.reply(getattr(sim_api, topic), ok(reply))
-    assert getattr(sim_api, query)(*args).dict() == reply
-    assert sim_api.session.topics() == ["api/v1/data/" + topic.replace("_topic", "")]

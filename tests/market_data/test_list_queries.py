@@ -24,40 +24,18 @@ SOURCES = [{"code": "2330", "short_stock_source": 58000}, {"code": "2454", "shor
 
 # query, positional arguments, topic attribute, reply key, items, record type
 QUERIES = [
-    pytest.param(
-        "snapshots", (CONTRACTS,), "snapshots_topic", "snapshot", SNAPSHOTS, Snapshot, id="snapshots"
-    ),
-    pytest.param(
-        "scanners",
-        (ScannerType.ChangePercentRank, False),
-        "scanner_topic",
-        "scanners",
-        RANKS,
-        ChangePercentRank,
-        id="scanners",
-    ),
-    pytest.param(
-        "credit_enquires",
-        ([TSMC],),
-        "credit_enquire_topic",
-        "credit_enquire",
-        CREDIT,
-        CreditEnquire,
-        id="credit_enquires",
-    ),
-    pytest.param(
-        "short_stock_sources",
-        ([TSMC, MEDIATEK],),
-        "short_stock_source_topic",
-        "short_stock_sources",
-        SOURCES,
-        ShortStockSource,
-        id="short_stock_sources",
-    ),
+    ("snapshots", (CONTRACTS,), "snapshots_topic", "snapshot", SNAPSHOTS, Snapshot),
+    ("scanners", (ScannerType.ChangePercentRank, False), "scanner_topic", "scanners", RANKS,
+     ChangePercentRank),
+    ("credit_enquires", ([TSMC],), "credit_enquire_topic", "credit_enquire", CREDIT, CreditEnquire),
+    ("short_stock_sources", ([TSMC, MEDIATEK],), "short_stock_source_topic", "short_stock_sources", SOURCES,
+     ShortStockSource),
 ]
+each_query = pytest.mark.parametrize("query, args, topic, key, items, record", QUERIES,
+                                     ids=[query[0] for query in QUERIES])
 
 
-@pytest.mark.parametrize("query, args, topic, key, items, record", QUERIES)
+@each_query
 def test_blocking_queries_return_one_record_per_item_in_reply_order(
     api, query, args, topic, key, items, record
 ):
@@ -68,7 +46,7 @@ def test_blocking_queries_return_one_record_per_item_in_reply_order(
     assert api._reqrep == {} and api._rep_callback_map == {}
 
 
-@pytest.mark.parametrize("query, args, topic, key, items, record", QUERIES)
+@each_query
 def test_non_blocking_queries_extend_the_returned_list(api, query, args, topic, key, items, record):
     api.session.reply(getattr(api, topic), ok({key: items}))
     delivered = []
@@ -78,7 +56,7 @@ def test_non_blocking_queries_extend_the_returned_list(api, query, args, topic, 
     assert delivered == [result] and delivered[0] is result and len(result) == len(items)
 
 
-@pytest.mark.parametrize("query, args, topic, key, items, record", QUERIES)
+@each_query
 def test_a_refused_query_raises_and_forgets_the_request(api, query, args, topic, key, items, record):
     api.session.reply(getattr(api, topic), refused(503, "closed for the night"))
     with pytest.raises(ServiceError, match="maintenance"):
@@ -86,7 +64,7 @@ def test_a_refused_query_raises_and_forgets_the_request(api, query, args, topic,
     assert api._reqrep == {} and api._rep_callback_map == {}
 
 
-@pytest.mark.parametrize("query, args, topic, key, items, record", QUERIES)
+@each_query
 def test_a_reply_without_its_list_gives_an_empty_list(api, query, args, topic, key, items, record):
     api.session.reply(getattr(api, topic), ok({"other": items}))
     delivered = []
@@ -135,10 +113,8 @@ def test_scanner_counts_out_of_bounds_are_refused_before_sending(api, count):
     "kwargs, message",
     [
         ({"date": 20240102}, "Argument 'date' has incorrect type (expected str, got int)"),
-        (
-            {"date": datetime.date(2024, 1, 2)},
-            "Argument 'date' has incorrect type (expected str, got datetime.date)",
-        ),
+        ({"date": datetime.date(2024, 1, 2)},
+         "Argument 'date' has incorrect type (expected str, got datetime.date)"),
         ({"count": "5"}, "Argument 'count' has incorrect type (expected int, got str)"),
         ({"count": 5.0}, "Argument 'count' has incorrect type (expected int, got float)"),
     ],

@@ -132,62 +132,29 @@ def _replace(elements, index, value):
     return elements
 
 
+@pytest.mark.parametrize("elements, count", [(stock_tick_content()[:-1], 22), (stock_tick_content() * 2, 46)])
+def test_the_element_count_must_match_the_layout(elements, count):
+    message = r"TickSTKv1 expects 23 content elements \(code, datetime, .*, simtrade\), got {}".format(count)
+    with pytest.raises(TypeError, match=message):
+        TickSTKv1.from_content(*elements)
+
+
 @pytest.mark.parametrize(
-    "elements, error, message",
+    "index, value, error, message",
     [
-        (
-            stock_tick_content()[:-1],
-            TypeError,
-            r"TickSTKv1 expects 23 content elements \(code, datetime, .*\), got 22",
-        ),
-        (stock_tick_content() + [0], TypeError, r"expects 23 content elements .* got 24"),
-        (_replace(stock_tick_content(), 0, 2330), TypeError, r"content\[0\] \(code\) must be a str, got int"),
-        (
-            _replace(stock_tick_content(), 3, "595"),
-            TypeError,
-            r"content\[3\] \(close\) must be a number, got str",
-        ),
-        (
-            _replace(stock_tick_content(), 9, 3.0),
-            TypeError,
-            r"content\[9\] \(volume\) must be an integer, got float",
-        ),
-        (
-            _replace(stock_tick_content(), 9, 2**64),
-            ValueError,
-            r"content\[9\] \(volume\) does not fit a 64-bit",
-        ),
-        (
-            _replace(stock_tick_content(), 22, "no"),
-            TypeError,
-            r"content\[22\] \(simtrade\) must be a bool, got str",
-        ),
-        (
-            _replace(stock_tick_content(), 1, "2024-01-02 09:00:01"),
-            TypeError,
-            r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str",
-        ),
-        (
-            _replace(stock_tick_content(), 1, 10**18),
-            ValueError,
-            r"content\[1\] \(datetime\) is outside the years",
-        ),
-    ],
-    ids=[
-        "short",
-        "long",
-        "code",
-        "price",
-        "volume-float",
-        "volume-overflow",
-        "flag",
-        "time-text",
-        "time-range",
+        (0, 2330, TypeError, r"content\[0\] \(code\) must be a str, got int"),
+        (3, "595", TypeError, r"content\[3\] \(close\) must be a number, got str"),
+        (9, 3.0, TypeError, r"content\[9\] \(volume\) must be an integer, got float"),
+        (9, 2**64, ValueError, r"content\[9\] \(volume\) does not fit a 64-bit integer"),
+        (22, "no", TypeError, r"content\[22\] \(simtrade\) must be a bool, got str"),
+        (1, "2024-01-02 09:00:01", TypeError,
+         r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str"),
+        (1, 10**18, ValueError, r"content\[1\] \(datetime\) is outside the years 1 to 9999"),
     ],
 )
-def test_malformed_stock_ticks_are_refused(elements, error, message):
+def test_malformed_elements_are_refused_by_name_and_position(index, value, error, message):
     with pytest.raises(error, match=message):
-        TickSTKv1.from_content(*elements)
+        TickSTKv1.from_content(*_replace(stock_tick_content(), index, value))
 
 
 @pytest.mark.parametrize(

@@ -37,88 +37,36 @@ def calls(api):
     return received
 
 
+# topic, content, record constructor, handler stem, exchange
 @pytest.mark.parametrize(
     "topic, content, build, handler, exchange",
     [
-        (
-            "TIC/v1/STK/D/TSE/2330",
-            stock_tick_content,
-            TickSTKv1.from_content,
-            "on_tick_stk_v1_callback",
-            Exchange.TSE,
-        ),
-        (
-            "TIC/v1/FOP/N/TFE/TXFL6",
-            futures_tick_content,
-            TickFOPv1.from_content,
-            "on_tick_fop_v1_callback",
-            Exchange.TAIFEX,
-        ),
-        (
-            "QUO/v1/STK/D/OTC/6488",
-            stock_bidask_content,
-            BidAskSTKv1.from_content,
-            "on_bidask_stk_v1_callback",
-            Exchange.OTC,
-        ),
-        (
-            "QUO/v1/FOP/D/TFE/TXFL6",
-            futures_bidask_content,
-            BidAskFOPv1.from_content,
-            "on_bidask_fop_v1_callback",
-            Exchange.TAIFEX,
-        ),
-        (
-            "TIC/v1/ODD/D/TSE/2330",
-            stock_tick_content,
-            TickSTKv1.from_content_odd,
-            "on_tick_stk_v1_callback",
-            Exchange.TSE,
-        ),
-        (
-            "QUO/v1/ODD/D/OES/2330",
-            stock_bidask_content,
-            BidAskSTKv1.from_content_odd,
-            "on_bidask_stk_v1_callback",
-            Exchange.OES,
-        ),
-        (
-            "QUO/v2/STK/D/TSE/2330",
-            stock_quote_content,
-            QuoteSTKv1.from_content,
-            "on_quote_stk_v1_callback",
-            Exchange.TSE,
-        ),
+        ("TIC/v1/STK/D/TSE/2330", stock_tick_content, TickSTKv1.from_content, "tick_stk", Exchange.TSE),
+        ("TIC/v1/FOP/N/TFE/TXFL6", futures_tick_content, TickFOPv1.from_content, "tick_fop", Exchange.TAIFEX),
+        ("QUO/v1/STK/D/OTC/6488", stock_bidask_content, BidAskSTKv1.from_content, "bidask_stk", Exchange.OTC),
+        ("QUO/v1/FOP/D/TFE/TXFL6", futures_bidask_content, BidAskFOPv1.from_content, "bidask_fop",
+         Exchange.TAIFEX),
+        ("TIC/v1/ODD/D/TSE/2330", stock_tick_content, TickSTKv1.from_content_odd, "tick_stk", Exchange.TSE),
+        ("QUO/v1/ODD/D/OES/2330", stock_bidask_content, BidAskSTKv1.from_content_odd, "bidask_stk",
+         Exchange.OES),
+        ("QUO/v2/STK/D/TSE/2330", stock_quote_content, QuoteSTKv1.from_content, "quote_stk", Exchange.TSE),
         # Futures and options report TAIFEX whatever the topic says, however many components it has.
-        (
-            "TIC/v1/FOP/D/TSE/TXFL6/extra",
-            futures_tick_content,
-            TickFOPv1.from_content,
-            "on_tick_fop_v1_callback",
-            Exchange.TAIFEX,
-        ),
+        ("TIC/v1/FOP/D/TSE/TXF/x", futures_tick_content, TickFOPv1.from_content, "tick_fop", Exchange.TAIFEX),
     ],
 )
 def test_typed_families_reach_their_handler(api, calls, topic, content, build, handler, exchange):
     assert api.on_msg_wrap(topic, {"content": content()}) is None
     assert len(calls) == 1
     name, (got_exchange, record) = calls[0]
-    assert name == handler
+    assert name == "on_{}_v1_callback".format(handler)
     assert got_exchange is exchange
     assert type(record) is type(build(*content())) and record == build(*content())
 
 
 def test_legacy_odd_lot_messages_are_converted(api, calls):
     tick = {"Code": "2330", "Date": "2024/01/02", "Time": "09:00:01.500000", "Close": 595.0, "Volume": 37}
-    book = {
-        "Code": "2330",
-        "Date": "2024/01/02",
-        "Time": "09:00:01",
-        "BidPrice": [595.0],
-        "BidVolume": [7],
-        "AskPrice": [596.0],
-        "AskVolume": [9],
-    }
+    book = {"Code": "2330", "Date": "2024/01/02", "Time": "09:00:01", "BidPrice": [595.0], "BidVolume": [7],
+            "AskPrice": [596.0], "AskVolume": [9]}
     api.on_msg_wrap("TIC/v0/ODD/D/TSE/2330/ODDLOT", tick)
     api.on_msg_wrap("QUO/v0/ODD/D/TSE/2330/ODDLOT", book)
     (_, (topic, converted_tick)), (_, (_, converted_book)) = calls
@@ -129,14 +77,8 @@ def test_legacy_odd_lot_messages_are_converted(api, calls):
 
 @pytest.mark.parametrize(
     "topic",
-    [
-        "TIC/v0/STK/D/TSE/2330",
-        "QUO/v0/FOP/D/TFE/TXFL6",
-        "TIC/v2/STK/D/TSE/2330",
-        "TIC/v1/IND/D/TSE/001",
-        "NEWS/ODDLOT",
-        "TICK",
-    ],
+    ["TIC/v0/STK/D/TSE/2330", "QUO/v0/FOP/D/TFE/TXFL6", "TIC/v2/STK/D/TSE/2330", "TIC/v1/IND/D/TSE/001",
+     "NEWS/ODDLOT", "TICK"],
 )
 def test_other_topics_reach_the_untyped_handler_unchanged(api, calls, api_module, monkeypatch, topic):
     monkeypatch.setattr(api_module, "intraday_odd_tic_convert", pytest.fail)
@@ -147,31 +89,21 @@ def test_other_topics_reach_the_untyped_handler_unchanged(api, calls, api_module
 
 
 @pytest.mark.parametrize(
-    "topic, message, logged",
+    "topic, content, logged",
     [
-        (
-            "TIC/v1/STK/D/TSE",
-            {"content": stock_tick_content()},
-            "ValueError: need more than 5 values to unpack",
-        ),
-        ("TIC/v1/STK", {"content": stock_tick_content()}, "ValueError: need more than 3 values to unpack"),
-        (
-            "QUO/v1/ODD/D/TSE/2330/x",
-            {"content": stock_bidask_content()},
-            "ValueError: too many values to unpack (expected 6)",
-        ),
-        ("QUO/v2/STK/D/NYSE/2330", {"content": stock_quote_content()}, "'NYSE' is not a valid Exchange"),
-        ("TIC/v1/STK/D/TSE/2330", {"contents": stock_tick_content()}, "KeyError: 'content'"),
-        ("TIC/v1/STK/D/TSE/2330", {"content": 7}, "TypeError: a quote message's content must be a list"),
-        (
-            "TIC/v1/FOP/D/TFE/TXFL6",
-            {"content": stock_tick_content()},
-            "TickFOPv1 expects 19 content elements",
-        ),
-        (b"TIC/v1/STK/D/TSE/2330", {"content": stock_tick_content()}, "a quote topic must be str, got bytes"),
+        ("TIC/v1/STK/D/TSE", stock_tick_content(), "ValueError: need more than 5 values to unpack"),
+        ("TIC/v1/STK", stock_tick_content(), "ValueError: need more than 3 values to unpack"),
+        ("QUO/v1/ODD/D/TSE/2330/x", stock_bidask_content(),
+         "ValueError: too many values to unpack (expected 6)"),
+        ("QUO/v2/STK/D/NYSE/2330", stock_quote_content(), "'NYSE' is not a valid Exchange"),
+        ("TIC/v1/STK/D/TSE/2330", None, "KeyError: 'content'"),
+        ("TIC/v1/STK/D/TSE/2330", 7, "TypeError: a quote message's content must be a list"),
+        ("TIC/v1/FOP/D/TFE/TXFL6", stock_tick_content(), "TickFOPv1 expects 19 content elements"),
+        (b"TIC/v1/STK/D/TSE/2330", stock_tick_content(), "a quote topic must be str, got bytes"),
     ],
 )
-def test_bad_messages_are_dropped_with_a_logged_error(api, calls, logged_errors, topic, message, logged):  # noqa: F811
+def test_bad_messages_are_dropped_with_a_logged_error(api, calls, logged_errors, topic, content, logged):  # noqa: F811
+    message = {"contents": []} if content is None else {"content": content}
     assert api.on_msg_wrap(topic, message) is None
     assert calls == []
     assert len(logged_errors) == 1 and logged in logged_errors[0]
