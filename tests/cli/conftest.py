@@ -66,7 +66,28 @@ def paper_broker():
         pytest.skip(reason)
 
 
+# What the demo and the README example use beyond logins and contracts.
+TRADING_TOPICS = (
+    "api/v1/order/place_order", "api/v1/order/update_status", "api/v1/portfolio/position_unit",
+    "api/v1/portfolio/profit_loss", "api/v1/portfolio/account_balance", "api/v1/portfolio/margin",
+)
+
+
 @pytest.fixture(scope="session")
-def demo_run(paper_broker, tmp_path_factory):
+def paper_trading(paper_broker):
+    """The paper broker with its order and account services."""
+    from quorvex.paper import PaperBroker
+
+    broker = PaperBroker()
+    try:
+        missing = [topic for topic in TRADING_TOPICS if topic not in broker.topics()]
+    finally:
+        broker.close()
+    if missing:
+        pytest.skip("the paper broker does not serve {} yet".format(", ".join(missing)))
+
+
+@pytest.fixture(scope="session")
+def demo_run(paper_trading, tmp_path_factory):
     """One demo run serves every assertion about it: it is the slowest thing here."""
     return run_cli(tmp_path_factory.mktemp("demo"), "demo", "--seconds", "2")

@@ -42,9 +42,8 @@ def test_demo_shows_quotes_reports_and_money(demo_run):
 def test_demo_never_prints_its_secrets(demo_run):
     from quorvex.paper import DEMO
 
-    for secret in (DEMO.secret_key, getattr(DEMO, "password", None)):
-        if secret:
-            assert secret not in demo_run.out + demo_run.err
+    for secret in (DEMO.api_secret, DEMO.password, DEMO.simulation_token):
+        assert secret not in demo_run.out + demo_run.err
 
 
 def test_quote_streams_a_stock_and_a_future(cli):

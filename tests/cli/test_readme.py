@@ -37,7 +37,7 @@ def test_readme_has_one_python_example():
     assert len(_python_blocks()) == 1
 
 
-@pytest.mark.usefixtures("paper_broker")
+@pytest.mark.usefixtures("paper_trading")
 def test_python_example_runs(tmp_path):
     [example] = _python_blocks()
     script = tmp_path / "example.py"

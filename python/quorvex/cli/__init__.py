@@ -2,7 +2,7 @@
 
     quorvex demo [--seconds N]                 the whole system end to end on the paper broker
     quorvex broker [--name NAME]               the paper broker on its own until interrupted
-    quorvex quote CODE... [--seconds N]        stream quotes of stocks, futures, options, indexes
+    quorvex quote CODE... [--seconds N]        stream quotes of stocks, futures and options
     quorvex contracts [SEARCH] [--type T]      find contracts by code, symbol or name
 
 Exit statuses: 0 success, 1 a step failed, 2 bad arguments, 3 unknown code, 4 login refused,
@@ -105,7 +105,7 @@ def build_parser() -> argparse.ArgumentParser:
     broker.set_defaults(run=_run_broker)
 
     quote = sub.add_parser("quote", parents=[common, connected], help="stream quotes of the given codes",
-                           description="Stream ticks and best bid/ask of stocks, futures, options or indexes. "
+                           description="Stream ticks and best bid/ask of stocks, futures or options. "
                                        "A futures product (TXF) means its near month.")
     quote.add_argument("codes", nargs="+", metavar="CODE", help="code or symbol, e.g. 2330 TXF TXF202601")
     quote.add_argument("--seconds", type=_seconds, default=DEFAULT_QUOTE_SECONDS, metavar="N",

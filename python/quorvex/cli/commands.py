@@ -62,13 +62,13 @@ def run_contracts(host: str, api_key: Optional[str], search: str, security_type:
 def run_broker(name: str, seconds: Optional[float], console: Console) -> int:
     """The paper broker on the in-process bus `name` until interrupted (or for `seconds`)."""
     try:
-        from quorvex.paper import DEMO, PaperBroker
+        from quorvex.paper import DEMO, PaperBroker, PaperBrokerConfig
     except ImportError as error:
         raise CliError(f"the paper broker is not part of this build ({error}); expected the module quorvex.paper"
                        , EXIT_UNREACHABLE) from None
     stop = threading.Event()
     previous = _stop_on_terminate(stop)
-    broker = PaperBroker()
+    broker = PaperBroker(PaperBrokerConfig.demo())
     try:
         broker.attach(name)
         console.print("[bold]Paper broker[/] listening on [cyan]paper://{0}[/] (the in-process bus {0!r})".format(

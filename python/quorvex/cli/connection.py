@@ -5,6 +5,7 @@ each failure into a ``CliError`` with the matching exit status: a broker that ca
 reached (5), a refused login (4), bad input (2).
 """
 import datetime
+import logging
 import os
 import time
 from typing import Any, Callable, Dict, List, Optional, Tuple
@@ -28,6 +29,8 @@ __all__ = [
     "demo_credentials",
     "probe_broker",
 ]
+
+_log = logging.getLogger("quorvex.cli")
 
 # The embedded paper broker: an in-process bus with the broker attached on first connect.
 DEFAULT_HOST = "paper://demo"
@@ -59,17 +62,22 @@ class Credentials:
         return f"Credentials(api_key={self.api_key!r}, secret_key=<hidden>, person_id={self.person_id!r})"
 
 
-def demo_credentials() -> Credentials:
-    """The paper broker's documented demo person and API key."""
+def _paper_module() -> Any:
+    # Importing it is also what registers the paper:// scheme with the bus.
     try:
-        from quorvex.paper import DEMO
+        import quorvex.paper
     except ImportError as error:
         raise CliError(
-            f"the embedded paper broker is not part of this build ({error}); "
-            "expected the module quorvex.paper",
+            f"the embedded paper broker is not part of this build ({error}); run ./scripts/bootstrap",
             EXIT_UNREACHABLE,
         ) from None
-    return Credentials(DEMO.api_key, DEMO.secret_key, DEMO.person_id)
+    return quorvex.paper
+
+
+def demo_credentials() -> Credentials:
+    """The paper broker's documented demo person and API key."""
+    demo = _paper_module().DEMO
+    return Credentials(demo.api_key, demo.api_secret, demo.person_id)
 
 
 def credentials_for(host: str, api_key: Optional[str], environ: Optional[Dict[str, str]] = None) -> Credentials:
@@ -120,6 +128,8 @@ def probe_broker(host: str) -> None:
         raise CliError(
             f"the messaging binding is not built ({error}); run ./scripts/bootstrap", EXIT_UNREACHABLE
         ) from None
+    if host.startswith("paper://"):
+        _paper_module()
     client = SolClient()
     try:
         client.connect(clientname="quorvex-cli/probe", connect_timeout_ms=CONNECT_TIMEOUT_MS, **_bus_settings(host))
@@ -129,6 +139,11 @@ def probe_broker(host: str) -> None:
         client.disconnect()
     except Exception:  # the probe has done its work; a failed goodbye changes nothing
         pass
+
+
+def _log_event(resp_code: Any, event_code: Any, info: Any, event: Any) -> None:
+    level = logging.INFO if not resp_code else logging.WARNING
+    _log.log(level, "session event %s: %s (response code %s, event code %s)", event, info, resp_code, event_code)
 
 
 def _no_reply(error: BaseException) -> bool:
@@ -159,6 +174,8 @@ class BrokerSession:
             )
         except ImportError as error:
             raise CliError(str(error), EXIT_UNREACHABLE) from None
+        # Session events would otherwise be printed into the middle of the output.
+        self.api.set_event_callback(_log_event)
 
     # ------------------------------------------------------------------ session
 
@@ -172,8 +189,9 @@ class BrokerSession:
                 credentials.api_key, credentials.secret_key, True, RECEIVE_WINDOW_MS
             )
         except ServiceError as error:
+            # The refusal's own detail: a TokenError's text speaks of sessions already open.
             raise CliError(
-                f"the broker refused the login: {error}",
+                f"the broker refused the login (status {error.status_code}): {error.detail or 'no reason given'}",
                 EXIT_LOGIN_REFUSED,
                 hint="expected an API key the broker knows and its matching secret key",
             ) from None

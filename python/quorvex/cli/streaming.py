@@ -1,30 +1,26 @@
 """Streaming quotes into the board for a fixed time, live on a terminal, once elsewhere."""
 import time
-from typing import Any, List, Sequence
+from typing import Any, Sequence
 
 from rich.console import Console
 from rich.live import Live
 
 from quorvex.cli.board import QuoteBoard
 from quorvex.cli.errors import EXIT_BAD_ARGUMENTS, CliError
-from quorvex.constant import QuoteType, QuoteVersion, SecurityType
+from quorvex.constant import QuoteType, QuoteVersion
 
-__all__ = ["quote_kinds", "stream_quotes"]
+__all__ = ["QUOTE_KINDS", "stream_quotes"]
 
 _REFRESH_S = 0.25
 
 
-def quote_kinds(contract: Any) -> List[QuoteType]:
-    """What to subscribe for a contract: indexes have trades only, no order book."""
-    if contract.security_type == SecurityType.Index:
-        return [QuoteType.Tick]
-    return [QuoteType.Tick, QuoteType.BidAsk]
+QUOTE_KINDS = (QuoteType.Tick, QuoteType.BidAsk)
 
 
 def _each_subscription(api: Any, contracts: Sequence[Any], method: str) -> None:
     call = getattr(api, method)
     for contract in contracts:
-        for kind in quote_kinds(contract):
+        for kind in QUOTE_KINDS:
             call(contract, kind, False, QuoteVersion.v1)
 
 
@@ -34,10 +30,10 @@ def stream_quotes(api: Any, board: QuoteBoard, contracts: Sequence[Any], seconds
     in place; otherwise it is printed once, at the end."""
     board.attach(api)
     try:
-        _each_subscription(api, contracts, "subscribe")
-    except (ValueError, TypeError) as error:
-        raise CliError(f"cannot subscribe to quotes: {error}", EXIT_BAD_ARGUMENTS) from None
-    try:
+        try:
+            _each_subscription(api, contracts, "subscribe")
+        except (ValueError, TypeError) as error:
+            raise CliError(f"cannot subscribe to quotes: {error}", EXIT_BAD_ARGUMENTS) from None
         deadline = time.monotonic() + seconds
         if console.is_terminal:
             with Live(board.table(title), console=console, refresh_per_second=8, transient=False) as live:
