@@ -35,13 +35,13 @@ constexpr DemoStock kDemoStocks[] = {
     {"00878", "Taiwan Sustainable Dividend ETF", "00", "21.45", true},
 };
 
-struct IndexSpec {
+struct IndexListing {
   const char* code;
   Exchange exchange;
   const char* name;
   const char* reference;
 };
-constexpr IndexSpec kIndices[] = {
+constexpr IndexListing kIndices[] = {
     {"001", Exchange::TSE, "Weighted Index", "23000"},
     {"027", Exchange::TSE, "Electronics Index", "1150.25"},
     {"099", Exchange::TSE, "Top 50 Index", "17500.5"},
@@ -244,16 +244,16 @@ ContractMaster::ContractMaster(const ContractMasterConfig& config) : trading_day
   const std::size_t size = config.size;
 
   auto& indices = by_type_[static_cast<int>(SecurityType::Index)];
-  for (const IndexSpec& spec : kIndices) {
+  for (const IndexListing& listing : kIndices) {
     Contract c;
     c.security_type = SecurityType::Index;
-    c.exchange = spec.exchange;
-    c.code = spec.code;
-    c.symbol = std::string(to_text(spec.exchange)) + spec.code;
-    c.name = spec.name;
+    c.exchange = listing.exchange;
+    c.code = listing.code;
+    c.symbol = std::string(to_text(listing.exchange)) + listing.code;
+    c.name = listing.name;
     c.category = "IND";
     c.ladder = TickLadder::IndexFuture;
-    c.reference = *Price::parse(spec.reference);
+    c.reference = *Price::parse(listing.reference);
     c.update_date = day;
     c.unit = 1;
     indices.push_back(std::move(c));

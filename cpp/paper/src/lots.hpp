@@ -1,4 +1,4 @@
-// Helpers for splitting lots when a position is closed in part.
+// Splitting lots when a position is closed in part, and the realised results they leave.
 #pragma once
 
 #include <cstdint>
