@@ -90,6 +90,8 @@ class PaperBrokerConfig(_Config):
     seed: int = Field(default=20260105, ge=0)
     synthetic_liquidity: bool = True
     clock_speed: float = Field(default=1.0, gt=0)
+    # Taipei time market time starts from, "YYYY-MM-DDTHH:MM[:SS]"; the broker clock's now when None.
+    market_start: Optional[str] = None
     max_receive_window_ms: int = Field(default=60000, ge=1)
     ip_address: str = "127.0.0.1"
 

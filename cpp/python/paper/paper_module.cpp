@@ -14,6 +14,7 @@
 
 #include "quorvex/bus/message.hpp"
 #include "quorvex/core/base58.hpp"
+#include "quorvex/paper/feed/market_clock.hpp"
 #include "quorvex/paper/paper_broker.hpp"
 
 namespace nb = nanobind;
@@ -149,6 +150,15 @@ PaperBrokerConfig config_from(nb::handle mapping) {
   config.seed = static_cast<std::uint64_t>(r.integer("seed", static_cast<std::int64_t>(config.seed)));
   config.synthetic_liquidity = r.flag("synthetic_liquidity", config.synthetic_liquidity);
   config.clock_speed = r.number("clock_speed", config.clock_speed);
+  if (r.has("market_start")) {
+    const std::string start = r.text("market_start");
+    const std::optional<Timestamp> parsed = parse_taipei_instant(start);
+    if (!parsed) {
+      throw nb::value_error(("paper broker config: 'market_start' is '" + start +
+                             "'; expected YYYY-MM-DDTHH:MM[:SS], Taipei time").c_str());
+    }
+    config.market_start = *parsed;
+  }
   config.max_receive_window_ms = r.integer("max_receive_window_ms", config.max_receive_window_ms);
   config.ip_address = r.text("ip_address", config.ip_address);
   return config;

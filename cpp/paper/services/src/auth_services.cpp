@@ -34,16 +34,13 @@ core::Bytes base58_field(const Field& f) {
 }  // namespace
 
 void BrokerCore::State::serve_auth() {
-  auto bind = [this](Value (State::*service)(Request&)) {
-    return [this, service](Request& request) { return (this->*service)(request); };
-  };
-  serve("api/v1/auth/login", Access::Open, bind(&State::login));
-  serve("api/v1/auth/token_login", Access::Open, bind(&State::token_login));
-  serve("api/v1/auth/simulation_login", Access::Session, bind(&State::simulation_login));
-  serve("api/v1/auth/logout", Access::Session, bind(&State::logout));
-  serve("api/v1/auth/subscribe_trade", Access::Session, bind(&State::subscribe_trade));
-  serve("api/v1/auth/trace_log", Access::Session, bind(&State::trace_log));
-  serve("api/v1/auth/b64validation", Access::Session, bind(&State::b64validation));
+  serve("api/v1/auth/login", Access::Open, bound(&State::login));
+  serve("api/v1/auth/token_login", Access::Open, bound(&State::token_login));
+  serve("api/v1/auth/simulation_login", Access::Session, bound(&State::simulation_login));
+  serve("api/v1/auth/logout", Access::Session, bound(&State::logout));
+  serve("api/v1/auth/subscribe_trade", Access::Session, bound(&State::subscribe_trade));
+  serve("api/v1/auth/trace_log", Access::Session, bound(&State::trace_log));
+  serve("api/v1/auth/b64validation", Access::Session, bound(&State::b64validation));
   // The paper broker tracks no client-side errors; the same answer for anyone, so it tells
   // nothing about which persons exist.
   serve("api/v1/auth/error_tracking", Access::Open,

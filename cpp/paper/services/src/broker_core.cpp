@@ -5,6 +5,7 @@
 
 #include "broker_state.hpp"
 #include "quorvex/core/codec.hpp"
+#include "quorvex/paper/feed/market_clock.hpp"
 
 namespace quorvex::paper {
 
@@ -65,7 +66,7 @@ std::shared_ptr<const core::Clock> clock_of(const PaperBrokerConfig& config) {
   return config.clock ? config.clock : core::system_clock();
 }
 
-// The reference data's day: the broker clock's Taipei date, or the last business day before it.
+// The reference data's day: the market clock's Taipei date, or the last business day before it.
 ContractMasterConfig master_config(const PaperBrokerConfig& config, const core::Clock& clock) {
   ContractMasterConfig master = config.contracts;
   if (!config.use_config_trading_day) {
@@ -74,6 +75,13 @@ ContractMasterConfig master_config(const PaperBrokerConfig& config, const core::
     master.trading_day = day;
   }
   return master;
+}
+
+EngineConfig engine_config(const PaperBrokerConfig& config) {
+  EngineConfig engine;
+  engine.liquidity.enabled = config.synthetic_liquidity;
+  engine.liquidity.seed = config.seed;
+  return engine;
 }
 
 double checked_speed(double speed) {
@@ -87,11 +95,18 @@ double checked_speed(double speed) {
 
 BrokerCore::State::State(PaperBrokerConfig config)
     : clock(clock_of(config)),
-      market_clock(clock, checked_speed(config.clock_speed)),
+      market_clock(config.market_start != 0 ? std::make_shared<const ReplayClock>(clock, config.market_start) : clock,
+                   checked_speed(config.clock_speed)),
       max_receive_window_ms(config.max_receive_window_ms),
       ip_address(config.ip_address),
-      master(master_config(config, *clock)),
-      directory(config) {
+      master(master_config(config, market_clock)),
+      directory(config),
+      engine(master, market_clock, engine_config(config),
+             [this](const OrderEvent& event) {
+               std::lock_guard<std::mutex> lock(events_mutex);
+               pending_events.push_back(event);
+             }),
+      reservations(master) {
   if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
   for (const PersonConfig& person : config.persons) {
     for (const std::string& token : person.simulation_tokens) {
@@ -100,6 +115,13 @@ BrokerCore::State::State(PaperBrokerConfig config)
   }
   serve_auth();
   serve_contracts();
+  serve_orders();
+  serve_accounts();
+  serve_reservations();
+}
+
+BrokerCore::State::Service BrokerCore::State::bound(core::Value (State::*method)(Request&)) {
+  return [this, method](Request& request) { return (this->*method)(request); };
 }
 
 void BrokerCore::State::serve(const std::string& topic, Access access, Service service) {
@@ -146,13 +168,12 @@ std::string BrokerCore::State::decide(Request& request) {
     if (!request.encoded_reply.empty()) return std::move(request.encoded_reply);
     reply = wire::ok_reply(std::move(response));
   } catch (const ServiceRefused& refusal) {
-    request.reports.clear();
+    // Reports stay: they tell of what did happen before the refusal (a placement the engine
+    // recorded and refused, for one).
     reply = wire::refused_reply(refusal);
   } catch (const core::ValueError& e) {
-    request.reports.clear();
     reply = wire::refused_reply(ServiceRefused(wire::kBadRequest, std::string("malformed payload: ") + e.what()));
   } catch (const std::exception& e) {
-    request.reports.clear();
     reply = wire::refused_reply(ServiceRefused(500, std::string("the paper broker failed: ") + e.what()));
   }
   return core::encode(reply);

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
+#include <optional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,6 +22,10 @@
 #include "quorvex/core/value.hpp"
 #include "quorvex/paper/broker_core.hpp"
 #include "quorvex/paper/contract_master.hpp"
+#include "quorvex/paper/futures_account.hpp"
+#include "quorvex/paper/matching_engine.hpp"
+#include "quorvex/paper/reservation.hpp"
+#include "quorvex/paper/stock_account.hpp"
 #include "sessions.hpp"
 #include "wire.hpp"
 
@@ -41,6 +47,61 @@ class ScaledClock final : public core::Clock {
 inline Timestamp nanos_of(core::Clock::time_point t) {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
 }
+
+// What the broker knows of an order beyond the engine's record: whose it is, who placed it,
+// the order fields the engine does not keep, and its fills and cancels as reported so far.
+struct OrderInfo {
+  const Account* account = nullptr;
+  const Contract* contract = nullptr;
+  std::string placing_session;
+  OrderTicket ticket;
+  StockOrderCond cond = StockOrderCond::Cash;
+  FuturesOCType octype = FuturesOCType::Auto;
+  bool daytrade_short = false;
+  std::string custom_field;
+  Timestamp order_ts = 0;
+  Quantity dealt = 0;
+  Quantity cancelled = 0;
+  Price modified_price;
+  std::string msg;
+  bool failed = false;  // the placement was refused
+  std::vector<Deal> deals;
+  std::optional<OrderId> combo;  // a leg of this combination order
+
+  Quantity remaining() const { return ticket.quantity - dealt - cancelled; }
+  Status status() const;
+};
+
+// One leg of a combination order.
+struct ComboLeg {
+  const Contract* contract = nullptr;
+  Side side = Side::Buy;  // as the leg trades when the combination is bought
+};
+
+struct ComboOrder {
+  OrderId id = 0;
+  const Account* account = nullptr;
+  std::string placing_session;
+  std::vector<ComboLeg> legs;
+  Side side = Side::Buy;
+  PriceType price_type = PriceType::Limit;
+  OrderType order_type = OrderType::ROD;
+  Price price;  // net: paid per combination when bought, received when sold
+  Quantity quantity = 0;
+  FuturesOCType octype = FuturesOCType::Auto;
+  std::string custom_field;
+  Status status = Status::Submitted;
+  Timestamp order_ts = 0;
+  Quantity dealt = 0;
+  Quantity cancelled = 0;
+  std::string msg;
+  struct LegDeal {
+    std::string code;
+    Deal deal;
+  };
+  std::vector<LegDeal> deals;
+  bool working() const { return status == Status::Submitted || status == Status::PartFilled; }
+};
 
 // A report for a session, queued after the reply of the request that caused it.
 struct Report {
@@ -94,6 +155,8 @@ struct BrokerCore::State {
 
   // Decides one request; returns the encoded reply. Reports are left in `request.reports`.
   std::string decide(Request& request);
+  // A service that runs one of State's member functions.
+  Service bound(core::Value (State::*method)(Request&));
   void check_access(Request& request, Access access);
   void serve(const std::string& topic, Access access, Service service);
   // Serves a service under api/v1/order/ (or portfolio/) and its simulation twin under api/v1/paper/.
@@ -108,6 +171,9 @@ struct BrokerCore::State {
   // ---- service families ----
   void serve_auth();
   void serve_contracts();
+  void serve_orders();
+  void serve_accounts();
+  void serve_reservations();
 
   core::Value login(Request& request);
   core::Value token_login(Request& request);
@@ -119,6 +185,57 @@ struct BrokerCore::State {
   core::Value login_response(Request& request, const std::string& token, bool trade_reports);
 
   core::Value contract_page(Request& request);
+
+  core::Value place_order(Request& request);
+  core::Value cancel_order(Request& request);
+  core::Value update_price(Request& request);
+  core::Value update_qty(Request& request);
+  core::Value update_status(Request& request);
+  core::Value place_comboorder(Request& request);
+  core::Value cancel_comboorder(Request& request);
+  core::Value update_combostatus(Request& request);
+
+  // Orders: the checks every order operation shares, and what their replies and reports say.
+  OrderInfo& owned_order(const Request& request, OrderId id);
+  void check_order_signature(const Request& request, const Account& account, const wire::Field& order) const;
+  core::Value order_reply(OrderId id);
+  core::Value order_block(OrderId id, const OrderInfo& info) const;
+  core::Value status_block(OrderId id, const OrderInfo& info) const;
+  // Books fills and queues reports for the engine's events so far.
+  void settle_events(Request& request);
+  void settle_event(Request& request, const OrderEvent& event);
+  void report(Request& request, const Account& account, const std::string& placing_session, bool futures,
+              bool deal, core::Value message);
+  void work_combos(Request& request, const Account* only_account);
+  void report_combo(Request& request, const ComboOrder& combo, const char* operation);
+  core::Value combo_entry(const ComboOrder& combo) const;
+  std::optional<Price> mark_price(std::string_view code) const;
+  MarkPrice marks() const;
+
+  core::Value account_balance(Request& request);
+  core::Value margin(Request& request);
+  core::Value settlements(Request& request);
+  core::Value settlement(Request& request);
+  core::Value positions(Request& request);
+  core::Value position_detail(Request& request);
+  core::Value profit_loss(Request& request);
+  core::Value profit_loss_detail(Request& request);
+  core::Value profit_loss_summary(Request& request);
+  // The payload's account, of the required kind when one is given.
+  const Account& account_for(const Request& request, std::optional<AccountKind> kind) const;
+  // {"account": the account dict, key: value}, the shape of every account reply.
+  core::Value with_account(const Account& account, const char* key, core::Value value) const;
+
+  core::Value reserve_stock(Request& request);
+  core::Value reserve_earmarking(Request& request);
+  core::Value stock_reserve_summary(Request& request);
+  core::Value stock_reserve_detail(Request& request);
+  core::Value earmarking_detail(Request& request);
+  void check_request_signature(const Account& account, const wire::Field& ca, const Contract& contract,
+                               Quantity shares) const;
+
+  StockAccountBook& stock_book(const Account& account);
+  FuturesAccountBook& futures_book(const Account& account);
 
   // ---- state ----
   std::mutex mutex;
@@ -136,6 +253,16 @@ struct BrokerCore::State {
   std::deque<TraceEntry> trace_entries;
   // Encoded contract pages by security type, page and page size: the master never changes.
   std::unordered_map<std::string, std::string> contract_page_cache;
+
+  MatchingEngine engine;
+  // The engine's events land here (from whichever thread delivers them) until settled.
+  std::mutex events_mutex;
+  std::vector<OrderEvent> pending_events;
+  std::unordered_map<OrderId, OrderInfo> orders;
+  std::map<OrderId, ComboOrder> combos;
+  std::unordered_map<const Account*, StockAccountBook> stock_books;
+  std::unordered_map<const Account*, FuturesAccountBook> futures_books;
+  ReservationDesk reservations;
 };
 
 }  // namespace quorvex::paper

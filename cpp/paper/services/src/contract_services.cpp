@@ -9,7 +9,7 @@ using core::Value;
 using wire::field;
 
 void BrokerCore::State::serve_contracts() {
-  serve("api/v1/data/contracts", Access::Session, [this](Request& request) { return contract_page(request); });
+  serve("api/v1/data/contracts", Access::Session, bound(&State::contract_page));
 }
 
 Value BrokerCore::State::contract_page(Request& request) {

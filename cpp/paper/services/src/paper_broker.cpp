@@ -7,6 +7,7 @@
 
 #include "quorvex/bus/inproc.hpp"
 #include "quorvex/bus/responder.hpp"
+#include "quorvex/paper/feed/market_data_link.hpp"
 
 namespace quorvex::paper {
 
@@ -57,7 +58,10 @@ struct PaperBroker::Link {
   std::unique_ptr<ResponderSender> sender;
 };
 
-PaperBroker::PaperBroker(PaperBrokerConfig config) : core_(std::make_unique<BrokerCore>(std::move(config))) {}
+// The seed is a plain number, still readable once the core has taken the configuration.
+PaperBroker::PaperBroker(PaperBrokerConfig config)
+    : core_(std::make_unique<BrokerCore>(std::move(config))),
+      market_data_(std::make_unique<MarketDataLink>(*core_, MarketDataOptions{config.seed, {}})) {}
 
 PaperBroker::~PaperBroker() { close(); }
 
@@ -66,11 +70,13 @@ void PaperBroker::attach(const std::string& bus_name) {
     throw std::logic_error("the paper broker is already attached to bus '" + bus_name_ + "'; close() it first");
   }
   link_ = std::make_unique<Link>(*core_, bus_name);
+  market_data_->attach(*link_->responder);
   bus_name_ = bus_name;
 }
 
 void PaperBroker::close() {
   if (!link_) return;
+  market_data_->detach();
   link_->responder->close();
   link_.reset();
   bus_name_.clear();
@@ -101,11 +107,21 @@ class EmbeddedBrokers : public std::enable_shared_from_this<EmbeddedBrokers> {
     std::string bus_;
   };
 
-  std::unique_ptr<Lease> acquire(const std::string& bus) {
+  std::unique_ptr<Lease> acquire(const std::string& bus, const std::string& options, const std::string& host) {
     std::lock_guard<std::mutex> lock(mutex_);
+    const auto running = slots_.find(bus);
+    if (running != slots_.end() && running->second.broker && !options.empty() && options != running->second.options) {
+      const std::string& now = running->second.options;
+      throw bus::BusError("the paper broker of '" + host + "' already runs " +
+                          (now.empty() ? std::string("without market options") : "with '" + now + "'") +
+                          "; connect with the same options or none");
+    }
     Slot& slot = slots_[bus];
     if (!slot.broker) {
-      auto broker = std::make_unique<PaperBroker>(demo_config());
+      PaperBrokerConfig config = demo_config();
+      apply_market_options(config, options, host);
+      auto broker = std::make_unique<PaperBroker>(std::move(config));
+      slot.options = options;
       broker->attach(bus);
       slot.broker = std::move(broker);
     }
@@ -117,6 +133,7 @@ class EmbeddedBrokers : public std::enable_shared_from_this<EmbeddedBrokers> {
   struct Slot {
     std::unique_ptr<PaperBroker> broker;
     std::size_t sessions = 0;
+    std::string options;  // the market options it started with
   };
 
   // The last lease closes the broker under the lock, so a session connecting meanwhile gets a
@@ -169,7 +186,13 @@ class BrokeredTransport final : public bus::Transport {
 std::string paper_bus_name(const std::string& host) {
   const auto pos = host.find("://");
   std::string name = pos == std::string::npos ? std::string() : host.substr(pos + 3);
+  name = name.substr(0, name.find('?'));  // market options follow a "?"
   return name.empty() ? std::string(kDefaultPaperBus) : name;
+}
+
+std::string paper_options(const std::string& host) {
+  const auto pos = host.find('?');
+  return pos == std::string::npos ? std::string() : host.substr(pos + 1);
 }
 
 }  // namespace
@@ -183,7 +206,7 @@ void register_paper_scheme() {
                                               std::weak_ptr<bus::TransportListener> listener)
                                        -> std::unique_ptr<bus::Transport> {
     const std::string name = paper_bus_name(options.host);
-    auto lease = brokers->acquire(name);
+    auto lease = brokers->acquire(name, paper_options(options.host), options.host);
     auto inner = bus::InprocBus::named(name)->attach(options, std::move(listener));
     return std::make_unique<BrokeredTransport>(std::move(lease), std::move(inner));
   });

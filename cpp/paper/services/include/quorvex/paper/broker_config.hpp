@@ -63,6 +63,9 @@ struct PaperBrokerConfig {
   // Market time runs this many times faster than the broker clock from the moment the broker
   // starts (order time stamps, the quote feed). Logins always judge time by the broker clock.
   double clock_speed = 1.0;
+  // The instant market time starts from, so a demo or test opens on a chosen trading moment
+  // (the reference data's trading day follows it); 0 starts it at the broker clock's now.
+  Timestamp market_start = 0;
   // The broker clock; the system clock when null.
   std::shared_ptr<const core::Clock> clock;
   // The longest `receive_window` a signed API-key login may ask for.

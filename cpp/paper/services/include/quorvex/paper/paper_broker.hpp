@@ -22,6 +22,8 @@
 
 namespace quorvex::paper {
 
+class MarketDataLink;
+
 // The bus a bare "paper://" (no name) reaches.
 inline constexpr std::string_view kDefaultPaperBus = "paper";
 
@@ -46,6 +48,7 @@ class PaperBroker {
  private:
   struct Link;
   std::unique_ptr<BrokerCore> core_;
+  std::unique_ptr<MarketDataLink> market_data_;  // quotes and history; outlives attachments
   std::unique_ptr<Link> link_;
   std::string bus_name_;
 };

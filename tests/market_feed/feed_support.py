@@ -1,0 +1,61 @@
+"""A logged-in SolaceAPI on an embedded paper broker whose market opens on a chosen moment."""
+
+import threading
+import time
+import uuid
+from typing import Any, Callable, List
+
+from quorvex.backend.solace.api import SolaceAPI
+from quorvex.contracts import Future, Stock
+from quorvex.paper import DEMO
+
+TRADING_DAY = "2026-01-05"  # a Monday
+PREVIOUS_DAY = "2026-01-02"  # the Friday before
+# The front index future of that day: January 2026 delivers on the 21st.
+FRONT_FUTURE = "TXFA6"
+
+TSMC = Stock(code="2330", exchange="TSE")
+HARBOR = Stock(code="2317", exchange="TSE")
+INDEX_FUTURE = Future(code=FRONT_FUTURE, exchange="TAIFEX")
+
+
+def paper_api(market_start: str, clock_speed: float) -> SolaceAPI:
+    """A simulation session on a broker of its own whose market time starts at `market_start`."""
+    host = f"paper://feed-{uuid.uuid4().hex[:8]}?clock_speed={clock_speed}&market_start={market_start}"
+    api = SolaceAPI(host, "vpn", "feed-tests", "unused", True)
+    api.login(DEMO.person_id, DEMO.password)
+    return api
+
+
+def wait_until(predicate: Callable[[], bool], timeout: float = 10.0) -> bool:
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if predicate():
+            return True
+        time.sleep(0.01)
+    return predicate()
+
+
+class Received:
+    """A handler that keeps what it is called with; safe from the messaging thread."""
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self._calls: List[Any] = []
+
+    def __call__(self, *args: Any) -> None:
+        with self._lock:
+            self._calls.append(args)
+
+    @property
+    def calls(self) -> List[Any]:
+        with self._lock:
+            return list(self._calls)
+
+    def __len__(self) -> int:
+        with self._lock:
+            return len(self._calls)
+
+    def wait(self, count: int = 1, timeout: float = 10.0) -> List[Any]:
+        assert wait_until(lambda: len(self) >= count, timeout), f"expected {count} calls, got {len(self)}"
+        return self.calls
