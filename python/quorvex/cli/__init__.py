@@ -68,7 +68,7 @@ def _host(text: str) -> str:
 
 
 def build_parser() -> argparse.ArgumentParser:
-    from quorvex.cli.connection import DEFAULT_HOST, SECRET_KEY_ENV
+    from quorvex.cli.connection import SECRET_KEY_ENV, default_host
 
     parser = argparse.ArgumentParser(
         prog="quorvex",
@@ -83,8 +83,9 @@ def build_parser() -> argparse.ArgumentParser:
     common.add_argument("-v", "--verbose", action="store_true", help="log what the library does, to stderr")
 
     connected = argparse.ArgumentParser(add_help=False)
-    connected.add_argument("--host", type=_host, default=DEFAULT_HOST,
-                           help="broker address (default %(default)s, the embedded paper broker)")
+    connected.add_argument("--host", type=_host, default=default_host(),
+                           help="broker address (default: the embedded paper broker, replaying this trading "
+                                "day's morning at ten times the speed: %(default)s)")
     connected.add_argument("--api-key", metavar="KEY",
                            help=f"API key to log in with (the secret key is read from ${SECRET_KEY_ENV}); "
                                 "default: the paper broker's demo key")
@@ -96,7 +97,7 @@ def build_parser() -> argparse.ArgumentParser:
                                       "trade a stock and a future, show reports, positions and money, log out.")
     demo.add_argument("--seconds", type=_seconds, default=DEFAULT_DEMO_SECONDS, metavar="N",
                       help="how long to stream quotes (default %(default)g)")
-    demo.add_argument("--host", type=_host, default=DEFAULT_HOST, help=argparse.SUPPRESS)
+    demo.add_argument("--host", type=_host, default=default_host(), help=argparse.SUPPRESS)
     demo.set_defaults(run=_run_demo)
 
     broker = sub.add_parser("broker", parents=[common], help="run the paper broker on its own until interrupted")

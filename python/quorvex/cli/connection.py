@@ -8,6 +8,7 @@ import datetime
 import logging
 import os
 import time
+import urllib.parse
 from typing import Any, Callable, Dict, List, Optional, Tuple
 
 from typing_extensions import Self
@@ -21,11 +22,13 @@ from quorvex.cli.errors import (
 from quorvex.constant import FetchStatus
 
 __all__ = [
-    "DEFAULT_HOST",
+    "PAPER_BUS",
     "SECRET_KEY_ENV",
     "BrokerSession",
     "Credentials",
     "credentials_for",
+    "default_host",
+    "market_day",
     "demo_credentials",
     "probe_broker",
 ]
@@ -33,7 +36,12 @@ __all__ = [
 _log = logging.getLogger("quorvex.cli")
 
 # The embedded paper broker: an in-process bus with the broker attached on first connect.
-DEFAULT_HOST = "paper://demo"
+PAPER_BUS = "demo"
+# The paper market follows the clock, so it is closed at night and at weekends; the commands
+# replay a trading morning instead, this many times faster than real time.
+MARKET_SPEED = 10
+MARKET_OPEN = "09:00"
+_TAIPEI = datetime.timezone(datetime.timedelta(hours=8))
 SECRET_KEY_ENV = "QUORVEX_SECRET_KEY"
 BUS_PASSWORD_ENV = "QUORVEX_BUS_PASSWORD"
 BUS_VPN = "quorvex"
@@ -42,6 +50,21 @@ BUS_USER = "quorvex-cli"
 RECEIVE_WINDOW_MS = 30000
 CONNECT_TIMEOUT_MS = 3000
 CONTRACTS_TIMEOUT_S = 60.0
+
+
+def market_day(now: Optional[datetime.datetime] = None) -> datetime.date:
+    """The trading day the commands replay: today in Taipei, or the Friday before a weekend."""
+    day = (now or datetime.datetime.now(_TAIPEI)).astimezone(_TAIPEI).date()
+    while day.weekday() >= 5:
+        day -= datetime.timedelta(days=1)
+    return day
+
+
+def default_host(now: Optional[datetime.datetime] = None) -> str:
+    """The embedded paper broker, its market opening at 09:00 of `market_day` and running
+    MARKET_SPEED times faster than the clock, so quotes flow whenever the command runs."""
+    return "paper://{}?market_start={}T{}&clock_speed={}".format(
+        PAPER_BUS, market_day(now).isoformat(), MARKET_OPEN, MARKET_SPEED)
 
 
 class Credentials:
@@ -155,7 +178,7 @@ def _no_reply(error: BaseException) -> bool:
 class BrokerSession:
     """SolaceAPI on one host, logged in with an API key, with its contract master."""
 
-    def __init__(self, host: str = DEFAULT_HOST) -> None:
+    def __init__(self, host: str) -> None:
         self.host = host
         self.person_id = ""
         self.accounts: List[Any] = []
@@ -280,5 +303,14 @@ class BrokerSession:
         return True
 
 
-def today() -> str:
-    return datetime.date.today().strftime("%Y-%m-%d")
+def market_options(host: str) -> Dict[str, str]:
+    """The market options after "?" in a paper:// address, e.g. {"market_start": ..., "clock_speed": ...}."""
+    if not host.startswith("paper://") or "?" not in host:
+        return {}
+    return dict(urllib.parse.parse_qsl(host.split("?", 1)[1]))
+
+
+def trading_day(host: str) -> str:
+    """The trading day a session on `host` trades in: the replayed one, else today in Taipei."""
+    start = market_options(host).get("market_start", "")
+    return start[:10] if start else datetime.datetime.now(_TAIPEI).date().isoformat()

@@ -13,7 +13,7 @@ from rich.markup import escape
 from rich.progress import BarColumn, Progress, TaskProgressColumn, TextColumn, TimeElapsedColumn
 
 from quorvex.cli.board import OrderReport, QuoteBoard, ReportLog, price_text
-from quorvex.cli.connection import BrokerSession, credentials_for, probe_broker, today
+from quorvex.cli.connection import BrokerSession, credentials_for, market_options, probe_broker, trading_day
 from quorvex.cli.console import Narrator
 from quorvex.cli.errors import CliError
 from quorvex.cli.lookup import resolve
@@ -89,10 +89,15 @@ class Demo:
     # ------------------------------------------------------------------ steps
 
     def connect(self) -> None:
-        with self.narrator.step(f"Connect to the embedded paper broker at {self.host}"):
+        with self.narrator.step("Connect to the embedded paper broker at {}".format(self.host.split("?")[0])):
             probe_broker(self.host)
             self.session = BrokerSession(self.host)
             self.narrator.say("the broker runs inside this process on an in-process bus; nothing else to start")
+            options = market_options(self.host)
+            if "market_start" in options:
+                start = options["market_start"].replace("T", " ")
+                self.narrator.say("its market replays {} Taipei time at {} times the speed of the clock".format(
+                    start, options.get("clock_speed", "1")))
 
     def login(self) -> None:
         credentials = credentials_for(self.host, None)
@@ -196,7 +201,7 @@ class Demo:
 
     def positions(self) -> None:
         with self.narrator.step("Positions and profit and loss (list_positions, list_profit_loss)"):
-            day = today()
+            day = trading_day(self.host)
             for label, account in (("Stock", self.session.stock_account),
                                    ("Futures", self.session.futopt_account)):
                 self.narrator.show(positions_table(self.api.list_positions(account, Unit.Common),
