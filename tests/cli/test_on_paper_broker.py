@@ -80,5 +80,5 @@ def test_refusals_have_their_exit_status(cli, args, env, status, says):
 def test_broker_runs_until_its_time_is_up(cli):
     run = cli("broker", "--seconds", "1")
     assert run.status == 0, run
-    assert "listening on paper://demo" in run.out
+    assert "listening on inproc://demo" in run.out
     assert "Paper broker stopped." in run.out

@@ -101,7 +101,8 @@ def build_parser() -> argparse.ArgumentParser:
     demo.set_defaults(run=_run_demo)
 
     broker = sub.add_parser("broker", parents=[common], help="run the paper broker on its own until interrupted")
-    broker.add_argument("--name", default="demo", help="name of the in-process bus (default %(default)s)")
+    broker.add_argument("--name", default="demo",
+                        help="name of the in-process bus it serves, reached as inproc://NAME (default %(default)s)")
     broker.add_argument("--seconds", type=_seconds, metavar="N", help="stop after N seconds")
     broker.set_defaults(run=_run_broker)
 

@@ -71,9 +71,9 @@ def run_broker(name: str, seconds: Optional[float], console: Console) -> int:
     broker = PaperBroker(PaperBrokerConfig.demo())
     try:
         broker.attach(name)
-        console.print("[bold]Paper broker[/] listening on [cyan]paper://{0}[/] (the in-process bus {0!r})".format(
-            escape(name)))
-        console.print(f"  demo person {escape(DEMO.person_id)}, API key {escape(DEMO.api_key)} (its secret key is documented in docs/protocol.md)")
+        console.print(f"[bold]Paper broker[/] listening on [cyan]{escape(broker.host)}[/] (the in-process bus {name!r})")
+        console.print(f"  demo person {escape(DEMO.person_id)}, API key {escape(DEMO.api_key)} "
+                      "(its secret key is documented in docs/protocol.md)")
         console.print("  reachable from this process only, until the MQTT transport is available")
         console.print("  stop with Ctrl-C" + (f" (or after {seconds:g} s)" if seconds else ""))
         deadline = None if seconds is None else time.monotonic() + seconds
