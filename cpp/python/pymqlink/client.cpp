@@ -120,7 +120,7 @@ class SolClient {
 
   ~SolClient() {
     // The dispatcher may be waiting for the GIL to finish a delivery; let it.
-    nb::gil_scoped_release release;
+    GilRelease release;
     session_.reset();
   }
 
