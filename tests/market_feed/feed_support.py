@@ -1,5 +1,4 @@
 """A logged-in SolaceAPI on an embedded paper broker whose market opens on a chosen moment."""
-
 import threading
 import time
 import uuid

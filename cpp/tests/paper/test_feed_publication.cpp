@@ -311,6 +311,32 @@ TEST(FeedLifecycle, StopsCleanlyAndCountsPublisherFailures) {
   idle.on_subscription("TIC/v1/>", true);
 }
 
+TEST(FeedJoining, ASubscriberGetsEveryTradeSinceItSubscribed) {
+  // The feed learns of the subscription only after a market minute has passed: the trades of
+  // that minute still reach the subscriber, and none from before.
+  const MarketModel model(small_master(), kSeed);
+  TestClock clock(taipei(kTradingDay, 10, 0));
+  TradeLedger ledger;
+  QuoteFeed feed(model, clock, ledger, RestingDepth{}, FeedOptions{std::chrono::microseconds(200)});
+  feed.on_subscription("TIC/v1/STK/*/TSE/2330", true);
+  const Timestamp subscribed = clock.ts();
+  clock.advance(60 * kNanosPerSecond);
+  RecordingPublisher published;
+  feed.start(published.publisher());
+  ASSERT_TRUE(eventually([&] { return feed.stats().rounds > 2; }));
+  feed.stop();
+
+  const MarketHistory history(model, clock, ledger);
+  std::vector<Timestamp> expected;
+  for (const TickRow& r : history.ticks(contract("2330"), kTradingDay, {})) {
+    if (r.ts > subscribed) expected.push_back(r.ts);
+  }
+  std::vector<Timestamp> sent;
+  for (const auto& [topic, payload] : published.messages()) sent.push_back(decode(payload).get("content").at(1).as_int() * 1000);
+  ASSERT_FALSE(expected.empty());
+  EXPECT_EQ(sent, expected);
+}
+
 TEST(FeedTopics, FollowTheTopicForms) {
   const Contract& stock = contract("2330");
   EXPECT_EQ(quote_topic(QuoteTopic::TickV1, Market::Stock, false, stock), "TIC/v1/STK/D/TSE/2330");

@@ -9,7 +9,9 @@
 namespace quorvex::paper {
 
 MarketDataLink::MarketDataLink(BrokerCore& core, MarketDataOptions options)
-    : data_(core.contracts(), core.market_clock(), RestingDepth{}, options) {
+    : data_(core.contracts(), core.market_clock(),
+            [&core](const std::string& code, Board board) { return core.resting_depth(code, board); }, options) {
+  core.watch_order_events([this](const OrderEvent& event) { data_.on_order_event(event); });
   for (const std::string_view service : kMarketDataServices) {
     core.add_service(
         "api/v1/data/" + std::string(service),

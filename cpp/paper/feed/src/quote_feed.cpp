@@ -70,7 +70,7 @@ class QuoteFeed::Streams {
     outbox_.clear();
   }
 
-  void change_filter(const std::string& filter, bool active) {
+  void change_filter(const std::string& filter, bool active, Timestamp at) {
     if (!active) {
       const auto it = by_filter_.find(filter);
       if (it == by_filter_.end()) return;
@@ -87,7 +87,7 @@ class QuoteFeed::Streams {
     for (const auto& [key, mask] : resolve(filter)) {
       covered.emplace_back(key, mask);
       covered_by_[key][filter] = mask;
-      refresh(key);
+      refresh(key, at);
     }
   }
 
@@ -128,7 +128,8 @@ class QuoteFeed::Streams {
     std::optional<ContractDay> day;
     std::optional<TickTape> underlying;
     QuoteBook published_book;
-    bool fresh = true;  // just subscribed: what already happened is not sent
+    bool fresh = true;  // just subscribed: what happened before `joined` is not sent
+    Timestamp joined = 0;
     bool book_dirty = false;
   };
 
@@ -168,7 +169,7 @@ class QuoteFeed::Streams {
     return out;
   }
 
-  void refresh(const StreamKey& key) {
+  void refresh(const StreamKey& key, Timestamp joined = 0) {
     TopicMask mask = 0;
     const auto covering = covered_by_.find(key);
     if (covering != covered_by_.end()) {
@@ -182,6 +183,7 @@ class QuoteFeed::Streams {
     auto [it, added] = live_.try_emplace(key);
     Stream& s = it->second;
     if (added) {
+      s.joined = joined;
       s.contract = key.contract;
       s.market = key.market;
       for (QuoteTopic topic : kQuoteTopics) {
@@ -232,13 +234,14 @@ class QuoteFeed::Streams {
     }
     if (!s.day) open_day(s, today);
     if (s.fresh) {
-      // Joining mid-day: the state catches up silently and the next trade is the first sent.
+      // Joining mid-day: the state catches up silently to the subscription, and every trade
+      // after it is sent.
       s.day->sync(ledger_);
-      s.day->advance_to(now);
+      s.day->advance_to(std::min(s.joined, now));
       s.published_book = book_of(s);
       s.fresh = false;
       s.book_dirty = false;
-      return;
+      new_trades = true;
     }
     if (!publish_trades(s, now, new_trades) && s.book_dirty) {
       const QuoteBook book = book_of(s);
@@ -306,11 +309,12 @@ void QuoteFeed::stop() {
 }
 
 void QuoteFeed::on_subscription(const std::string& filter, bool active) {
+  const Timestamp at = to_timestamp(clock_.now());
   {
     std::lock_guard lock(mutex_);
     // Changes that reach a stopped feed are kept for its next start, whose bus replays its
     // active filters anyway; a removal is then harmless.
-    filter_changes_.emplace_back(filter, active);
+    filter_changes_.push_back({filter, active, at});
     woken_ = true;
   }
   wakeup_.notify_one();
@@ -338,7 +342,7 @@ QuoteFeed::Stats QuoteFeed::stats() const {
 }
 
 void QuoteFeed::run() {
-  std::vector<std::pair<std::string, bool>> filters;
+  std::vector<FilterChange> filters;
   std::set<std::pair<std::string, Board>> books;
   for (;;) {
     {
@@ -349,7 +353,7 @@ void QuoteFeed::run() {
       filters.swap(filter_changes_);
       books.swap(changed_books_);
     }
-    for (const auto& [filter, active] : filters) streams_->change_filter(filter, active);
+    for (const FilterChange& change : filters) streams_->change_filter(change.filter, change.active, change.at);
     for (const auto& [code, board] : books) streams_->book_changed(code, board);
     filters.clear();
     books.clear();

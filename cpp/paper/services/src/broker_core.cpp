@@ -103,8 +103,11 @@ BrokerCore::State::State(PaperBrokerConfig config)
       directory(config),
       engine(master, market_clock, engine_config(config),
              [this](const OrderEvent& event) {
-               std::lock_guard<std::mutex> lock(events_mutex);
-               pending_events.push_back(event);
+               {
+                 std::lock_guard<std::mutex> lock(events_mutex);
+                 pending_events.push_back(event);
+               }
+               if (order_watcher) order_watcher(event);
              }),
       reservations(master) {
   if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
@@ -255,6 +258,17 @@ std::vector<std::string> BrokerCore::topics() const {
   for (const auto& route : state_->routes) topics.push_back(route.first);
   std::sort(topics.begin(), topics.end());
   return topics;
+}
+
+void BrokerCore::watch_order_events(OrderEventHandler watcher) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->order_watcher = std::move(watcher);
+}
+
+std::optional<BookSnapshot> BrokerCore::resting_depth(const std::string& code, Board board) const {
+  Result<BookSnapshot> book = state_->engine.book(code, board, 5);
+  if (!book || (book->bids.empty() && book->asks.empty())) return std::nullopt;
+  return std::move(book).value();
 }
 
 const ContractMaster& BrokerCore::contracts() const { return state_->master; }

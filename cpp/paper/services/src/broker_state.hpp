@@ -258,6 +258,7 @@ struct BrokerCore::State {
   // The engine's events land here (from whichever thread delivers them) until settled.
   std::mutex events_mutex;
   std::vector<OrderEvent> pending_events;
+  OrderEventHandler order_watcher;  // BrokerCore::watch_order_events
   std::unordered_map<OrderId, OrderInfo> orders;
   std::map<OrderId, ComboOrder> combos;
   std::unordered_map<const Account*, StockAccountBook> stock_books;

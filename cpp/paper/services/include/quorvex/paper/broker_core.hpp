@@ -22,6 +22,7 @@
 #include "quorvex/paper/broker_config.hpp"
 #include "quorvex/core/clock.hpp"
 #include "quorvex/paper/contract_master.hpp"
+#include "quorvex/paper/matching_engine.hpp"
 
 namespace quorvex::paper {
 
@@ -115,6 +116,12 @@ class BrokerCore {
   void add_service(std::string topic, ServiceHandler handler, bool simulation_allowed = true);
   // Every topic with a service, for carriers that serve exact topics.
   std::vector<std::string> topics() const;
+
+  // Every event of the matching engine, as it happens (the quote feed's trades and books).
+  // Runs with the core's lock held, so it must only queue. Replaces an earlier watcher.
+  void watch_order_events(OrderEventHandler watcher);
+  // The resting orders of a book, best five levels a side; nullopt for a book with none.
+  std::optional<BookSnapshot> resting_depth(const std::string& code, Board board) const;
 
   const ContractMaster& contracts() const;
   // Market time: the broker clock sped up by the configured clock speed.

@@ -4,8 +4,8 @@
 //
 // A stream (a contract on one market: board lots, intraday odd lots, or futures and options)
 // is published only while at least one subscription filter covers one of its topics;
-// wildcard filters count. A stream that becomes subscribed starts with the next trade: what
-// happened before is in the history services.
+// wildcard filters count. A stream that becomes subscribed starts with the first trade after
+// the subscription reached the feed: what happened before is in the history services.
 //
 // Threading:
 //   - Publishing runs on the feed's own thread, started by start() and ended by stop() (or
@@ -91,7 +91,12 @@ class QuoteFeed {
   std::mutex lifecycle_;  // start() and stop() one at a time
   mutable std::mutex mutex_;
   std::condition_variable wakeup_;
-  std::vector<std::pair<std::string, bool>> filter_changes_;
+  struct FilterChange {
+    std::string filter;
+    bool active;
+    Timestamp at;  // market time of the change
+  };
+  std::vector<FilterChange> filter_changes_;
   std::set<std::pair<std::string, Board>> changed_books_;
   bool woken_ = false;
   bool stopping_ = false;
