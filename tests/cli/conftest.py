@@ -1,4 +1,5 @@
 """Running the command line as a user does: a separate process, with a time limit."""
+
 import functools
 import os
 import subprocess
@@ -31,7 +32,11 @@ def run_cli(folder, *args: str, env: Optional[Dict[str, str]] = None, timeout: f
     environ.update(env or {})
     completed = subprocess.run(
         [sys.executable, "-m", "quorvex.cli", *args],
-        capture_output=True, text=True, env=environ, timeout=timeout, cwd=str(folder),
+        capture_output=True,
+        text=True,
+        env=environ,
+        timeout=timeout,
+        cwd=str(folder),
     )
     return Run(completed)
 
@@ -45,14 +50,15 @@ def cli(tmp_path):
 def _paper_broker_missing() -> Optional[str]:
     """Why paper:// cannot be used in this build; None when it can."""
     try:
-        from pymqlink import SolClient
         import quorvex.paper  # noqa: F401  (the demo credentials live there)
+        from pymqlink import SolClient
     except ImportError as error:
         return "the paper broker is not built yet ({})".format(error)
     client = SolClient()
     try:
-        client.connect(host="paper://cli-tests", vpn="quorvex", user="tests", password="",
-                       clientname="cli-tests/probe")
+        client.connect(
+            host="paper://cli-tests", vpn="quorvex", user="tests", password="", clientname="cli-tests/probe"
+        )
     except Exception as error:
         return "paper:// cannot connect ({}: {})".format(type(error).__name__, error)
     client.disconnect()
@@ -68,8 +74,12 @@ def paper_broker():
 
 # What the demo and the README example use beyond logins and contracts.
 TRADING_TOPICS = (
-    "api/v1/order/place_order", "api/v1/order/update_status", "api/v1/portfolio/position_unit",
-    "api/v1/portfolio/profit_loss", "api/v1/portfolio/account_balance", "api/v1/portfolio/margin",
+    "api/v1/order/place_order",
+    "api/v1/order/update_status",
+    "api/v1/portfolio/position_unit",
+    "api/v1/portfolio/profit_loss",
+    "api/v1/portfolio/account_balance",
+    "api/v1/portfolio/margin",
 )
 
 

@@ -1,4 +1,5 @@
 """Bad arguments end with status 2 and a message that says what was expected; no broker needed."""
+
 import pytest
 
 from quorvex.cli import main
@@ -31,7 +32,10 @@ def test_refused_before_anything_runs(capsys, argv, says):
 @pytest.mark.parametrize(
     "argv,says",
     [
-        (["quote", "2330", "--api-key", "my-key"], "expected it in the environment variable QUORVEX_SECRET_KEY"),
+        (
+            ["quote", "2330", "--api-key", "my-key"],
+            "expected it in the environment variable QUORVEX_SECRET_KEY",
+        ),
         (["contracts", "--host", "mqtt://127.0.0.1:1883"], "is not the paper broker: give --api-key"),
     ],
 )

@@ -1,5 +1,6 @@
 """The live views are fed from the messaging thread: they must never raise into it, and what
 the main thread reads must be whole."""
+
 import datetime
 import io
 import threading
@@ -14,13 +15,20 @@ AT = datetime.datetime(2026, 1, 5, 9, 0, 1, 250000)
 
 
 def tick(code, close, change=1.0):
-    return types.SimpleNamespace(code=code, datetime=AT, close=close, price_chg=change, pct_chg=0.5,
-                                 volume=2, total_volume=40)
+    return types.SimpleNamespace(
+        code=code, datetime=AT, close=close, price_chg=change, pct_chg=0.5, volume=2, total_volume=40
+    )
 
 
 def bidask(code, bid, ask):
-    return types.SimpleNamespace(code=code, datetime=AT, bid_price=[bid, bid - 1], bid_volume=[5, 9],
-                                 ask_price=[ask, ask + 1], ask_volume=[3, 7])
+    return types.SimpleNamespace(
+        code=code,
+        datetime=AT,
+        bid_price=[bid, bid - 1],
+        bid_volume=[5, 9],
+        ask_price=[ask, ask + 1],
+        ask_volume=[3, 7],
+    )
 
 
 def contract(code, name):
@@ -98,11 +106,20 @@ def test_report_log_wakes_its_waiter_and_survives_a_failing_printer():
 @pytest.mark.parametrize(
     "state,message,parts",
     [
-        ("Order", {"operation": {"op_type": "New", "op_msg": ""},
-                   "order": {"action": "Buy", "price": 600.5, "quantity": 1, "ordno": "A0001"},
-                   "contract": {"code": "2330"}}, ["Buy", "1", "2330", "@ 600.50", "[New]", "order A0001"]),
-        ("FDeal", {"code": "TXFA6", "action": "Sell", "price": 23000.0, "quantity": 2, "ordno": "F9"},
-         ["FDeal", "Sell", "2", "TXFA6", "@ 23,000", "order F9"]),
+        (
+            "Order",
+            {
+                "operation": {"op_type": "New", "op_msg": ""},
+                "order": {"action": "Buy", "price": 600.5, "quantity": 1, "ordno": "A0001"},
+                "contract": {"code": "2330"},
+            },
+            ["Buy", "1", "2330", "@ 600.50", "[New]", "order A0001"],
+        ),
+        (
+            "FDeal",
+            {"code": "TXFA6", "action": "Sell", "price": 23000.0, "quantity": 2, "ordno": "F9"},
+            ["FDeal", "Sell", "2", "TXFA6", "@ 23,000", "order F9"],
+        ),
         ("Order", "not a dict", ["Order"]),
     ],
 )
@@ -112,7 +129,8 @@ def test_report_summary(state, message, parts):
         assert part in summary
 
 
-@pytest.mark.parametrize("value,text", [(600.0, "600"), (23000.0, "23,000"), (12.35, "12.35"), (None, "-"),
-                                        ("n/a", "n/a")])
+@pytest.mark.parametrize(
+    "value,text", [(600.0, "600"), (23000.0, "23,000"), (12.35, "12.35"), (None, "-"), ("n/a", "n/a")]
+)
 def test_price_text(value, text):
     assert price_text(value) == text

@@ -1,4 +1,5 @@
 """Which broker and credentials a command uses when none are given."""
+
 import datetime
 
 import pytest

@@ -1,5 +1,6 @@
 """The demo authority's certificates through the Python binding: what the demo relies on, and
 errors in the interpreter's own terms without the password in them."""
+
 import os
 import stat
 

@@ -1,4 +1,5 @@
 """Finding contracts by what a user types, in a contract master built from raw pages."""
+
 import pytest
 
 from quorvex.cli.errors import EXIT_UNKNOWN_CODE, CliError
@@ -8,33 +9,71 @@ from quorvex.contracts import Contracts
 
 
 def _future(code, symbol, delivery, category="TXF"):
-    return {"security_type": "FUT", "exchange": "TAIFEX", "code": code, "symbol": symbol, "name": category + delivery,
-            "category": category, "delivery_month": delivery[:6], "delivery_date": delivery, "reference": 23000.0}
+    return {
+        "security_type": "FUT",
+        "exchange": "TAIFEX",
+        "code": code,
+        "symbol": symbol,
+        "name": category + delivery,
+        "category": category,
+        "delivery_month": delivery[:6],
+        "delivery_date": delivery,
+        "reference": 23000.0,
+    }
 
 
 @pytest.fixture
 def master():
     contracts = Contracts()
-    contracts.Stocks.append([
-        {"security_type": "STK", "exchange": "TSE", "code": "2330", "symbol": "TSE2330", "name": "Foundry"},
-        {"security_type": "STK", "exchange": "TSE", "code": "2303", "symbol": "TSE2303", "name": "United 2330 Co"},
-        {"security_type": "STK", "exchange": "OTC", "code": "6488", "symbol": "OTC6488", "name": "Wafers"},
-    ])
+    contracts.Stocks.append(
+        [
+            {
+                "security_type": "STK",
+                "exchange": "TSE",
+                "code": "2330",
+                "symbol": "TSE2330",
+                "name": "Foundry",
+            },
+            {
+                "security_type": "STK",
+                "exchange": "TSE",
+                "code": "2303",
+                "symbol": "TSE2303",
+                "name": "United 2330 Co",
+            },
+            {
+                "security_type": "STK",
+                "exchange": "OTC",
+                "code": "6488",
+                "symbol": "OTC6488",
+                "name": "Wafers",
+            },
+        ]
+    )
     # Listed out of delivery order, so the near month is not simply the first or last.
-    contracts.Futures.append([
-        _future("TXFC6", "TXF202603", "2026/03/18"),
-        _future("TXFA6", "TXF202601", "2026/01/21"),
-        _future("TXFB6", "TXF202602", "2026/02/25"),
-        _future("MXFA6", "MXF202601", "2026/01/21", category="MXF"),
-    ])
+    contracts.Futures.append(
+        [
+            _future("TXFC6", "TXF202603", "2026/03/18"),
+            _future("TXFA6", "TXF202601", "2026/01/21"),
+            _future("TXFB6", "TXF202602", "2026/02/25"),
+            _future("MXFA6", "MXF202601", "2026/01/21", category="MXF"),
+        ]
+    )
     contracts.Indexs.append([{"security_type": "IND", "exchange": "TSE", "code": "001", "name": "Weighted"}])
     return contracts
 
 
 @pytest.mark.parametrize(
     "typed,code",
-    [("2330", "2330"), ("TSE2330", "2330"), ("txfb6", "TXFB6"), ("TXF202603", "TXFC6"), ("TXF", "TXFA6"),
-     ("mxf", "MXFA6"), ("001", "001")],
+    [
+        ("2330", "2330"),
+        ("TSE2330", "2330"),
+        ("txfb6", "TXFB6"),
+        ("TXF202603", "TXFC6"),
+        ("TXF", "TXFA6"),
+        ("mxf", "MXFA6"),
+        ("001", "001"),
+    ],
 )
 def test_codes_symbols_and_products_resolve(master, typed, code):
     [contract] = resolve(master, [typed])

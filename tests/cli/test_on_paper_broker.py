@@ -1,4 +1,5 @@
 """The commands end to end on the embedded paper broker, each in its own process."""
+
 import pytest
 
 from quorvex.cli.errors import EXIT_LOGIN_REFUSED, EXIT_UNKNOWN_CODE
@@ -65,9 +66,12 @@ def test_contracts_finds_by_code_and_type(cli):
         (["quote", "NOSUCH1", "--seconds", "1"], {}, EXIT_UNKNOWN_CODE, "unknown code 'NOSUCH1'"),
         (["contracts", "zzzz-nothing"], {}, EXIT_UNKNOWN_CODE, "no contract matches 'zzzz-nothing'"),
         # A well-formed key the broker does not know, signed with a well-formed secret.
-        (["quote", "2330", "--api-key", "unknown-key", "--seconds", "1"],
-         {"QUORVEX_SECRET_KEY": "4vJ9JU1bJJE96FWSJKvHsmmFADCg4gpZQff4P3bkLKi"},
-         EXIT_LOGIN_REFUSED, "the broker refused the login"),
+        (
+            ["quote", "2330", "--api-key", "unknown-key", "--seconds", "1"],
+            {"QUORVEX_SECRET_KEY": "4vJ9JU1bJJE96FWSJKvHsmmFADCg4gpZQff4P3bkLKi"},
+            EXIT_LOGIN_REFUSED,
+            "the broker refused the login",
+        ),
     ],
 )
 def test_refusals_have_their_exit_status(cli, args, env, status, says):

@@ -1,4 +1,5 @@
 """The README's Python example and commands, so that they cannot rot."""
+
 import pathlib
 import re
 import shlex
@@ -17,8 +18,11 @@ def _python_blocks():
 
 
 def _quorvex_commands():
-    return [line.split("quorvex", 1)[1].strip() for line in README.read_text(encoding="utf-8").splitlines()
-            if line.strip().startswith(".venv/bin/quorvex ")]
+    return [
+        line.split("quorvex", 1)[1].strip()
+        for line in README.read_text(encoding="utf-8").splitlines()
+        if line.strip().startswith(".venv/bin/quorvex ")
+    ]
 
 
 def test_readme_keeps_its_two_commands():
@@ -42,9 +46,13 @@ def test_python_example_runs(tmp_path):
     [example] = _python_blocks()
     script = tmp_path / "example.py"
     script.write_text(example, encoding="utf-8")
-    env = {"PYTHONPATH": ":".join(p for p in sys.path if p), "QUORVEX_CONTRACTS_DIR": str(tmp_path / "cache"),
-           "PATH": "/usr/bin:/bin"}
-    done = subprocess.run([sys.executable, str(script)], capture_output=True, text=True, env=env,
-                          timeout=90, cwd=str(tmp_path))
+    env = {
+        "PYTHONPATH": ":".join(p for p in sys.path if p),
+        "QUORVEX_CONTRACTS_DIR": str(tmp_path / "cache"),
+        "PATH": "/usr/bin:/bin",
+    }
+    done = subprocess.run(
+        [sys.executable, str(script)], capture_output=True, text=True, env=env, timeout=90, cwd=str(tmp_path)
+    )
     assert done.returncode == 0, done.stderr[-3000:]
     assert "Traceback" not in done.stderr

@@ -8,6 +8,7 @@
 Exit statuses: 0 success, 1 a step failed, 2 bad arguments, 3 unknown code, 4 login refused,
 5 broker unreachable, 130 interrupted.
 """
+
 import argparse
 import logging
 import sys
@@ -36,7 +37,8 @@ def _seconds(text: str) -> float:
         raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds") from None
     if not 0 < value <= MAX_SECONDS:
         raise argparse.ArgumentTypeError(
-            f"{text} seconds is out of range; expected more than 0 and at most {MAX_SECONDS:g}")
+            f"{text} seconds is out of range; expected more than 0 and at most {MAX_SECONDS:g}"
+        )
     return value
 
 
@@ -56,14 +58,18 @@ def _security_type(text: str) -> "object":
     try:
         return SecurityType(text.upper())
     except ValueError:
-        raise argparse.ArgumentTypeError("{!r} is not a security type; expected one of {}".format(
-            text, ", ".join(member.value for member in SecurityType))) from None
+        raise argparse.ArgumentTypeError(
+            "{!r} is not a security type; expected one of {}".format(
+                text, ", ".join(member.value for member in SecurityType)
+            )
+        ) from None
 
 
 def _host(text: str) -> str:
     if "://" not in text:
         raise argparse.ArgumentTypeError(
-            f"{text!r} is not a broker address; expected scheme://address, e.g. paper://demo")
+            f"{text!r} is not a broker address; expected scheme://address, e.g. paper://demo"
+        )
     return text
 
 
@@ -72,9 +78,9 @@ def build_parser() -> argparse.ArgumentParser:
 
     parser = argparse.ArgumentParser(
         prog="quorvex",
-        description="Trading client core for the Taiwan market: run it end to end on the embedded paper broker.",
+        description="Trading client core for the Taiwan market, run end to end on the embedded paper broker.",
         epilog="Exit statuses: 0 success, 1 a step failed, 2 bad arguments, 3 unknown code, "
-               "4 login refused, 5 broker unreachable.",
+        "4 login refused, 5 broker unreachable.",
     )
     parser.add_argument("--version", action="version", version="quorvex {}".format(__version__))
 
@@ -83,48 +89,87 @@ def build_parser() -> argparse.ArgumentParser:
     common.add_argument("-v", "--verbose", action="store_true", help="log what the library does, to stderr")
 
     connected = argparse.ArgumentParser(add_help=False)
-    connected.add_argument("--host", type=_host, default=default_host(),
-                           help="broker address (default: the embedded paper broker, replaying this trading "
-                                "day's morning at ten times the speed: %(default)s)")
-    connected.add_argument("--api-key", metavar="KEY",
-                           help=f"API key to log in with (the secret key is read from ${SECRET_KEY_ENV}); "
-                                "default: the paper broker's demo key")
+    connected.add_argument(
+        "--host",
+        type=_host,
+        default=default_host(),
+        help="broker address (default: the embedded paper broker, replaying this trading "
+        "day's morning at ten times the speed: %(default)s)",
+    )
+    connected.add_argument(
+        "--api-key",
+        metavar="KEY",
+        help=f"API key to log in with (the secret key is read from ${SECRET_KEY_ENV}); "
+        "default: the paper broker's demo key",
+    )
 
     sub = parser.add_subparsers(dest="command", metavar="COMMAND")
 
-    demo = sub.add_parser("demo", parents=[common], help="run the whole system end to end on the paper broker",
-                          description="Log in, download contracts, activate a certificate, stream quotes, "
-                                      "trade a stock and a future, show reports, positions and money, log out.")
-    demo.add_argument("--seconds", type=_seconds, default=DEFAULT_DEMO_SECONDS, metavar="N",
-                      help="how long to stream quotes (default %(default)g)")
+    demo = sub.add_parser(
+        "demo",
+        parents=[common],
+        help="run the whole system end to end on the paper broker",
+        description="Log in, download contracts, activate a certificate, stream quotes, "
+        "trade a stock and a future, show reports, positions and money, log out.",
+    )
+    demo.add_argument(
+        "--seconds",
+        type=_seconds,
+        default=DEFAULT_DEMO_SECONDS,
+        metavar="N",
+        help="how long to stream quotes (default %(default)g)",
+    )
     demo.add_argument("--host", type=_host, default=default_host(), help=argparse.SUPPRESS)
     demo.set_defaults(run=_run_demo)
 
-    broker = sub.add_parser("broker", parents=[common], help="run the paper broker on its own until interrupted")
-    broker.add_argument("--name", default="demo",
-                        help="name of the in-process bus it serves, reached as inproc://NAME (default %(default)s)")
+    broker = sub.add_parser(
+        "broker", parents=[common], help="run the paper broker on its own until interrupted"
+    )
+    broker.add_argument(
+        "--name",
+        default="demo",
+        help="name of the in-process bus it serves, reached as inproc://NAME (default %(default)s)",
+    )
     broker.add_argument("--seconds", type=_seconds, metavar="N", help="stop after N seconds")
     broker.set_defaults(run=_run_broker)
 
-    quote = sub.add_parser("quote", parents=[common, connected], help="stream quotes of the given codes",
-                           description="Stream ticks and best bid/ask of stocks, futures or options. "
-                                       "A futures product (TXF) means its near month.")
+    quote = sub.add_parser(
+        "quote",
+        parents=[common, connected],
+        help="stream quotes of the given codes",
+        description="Stream ticks and best bid/ask of stocks, futures or options. "
+        "A futures product (TXF) means its near month.",
+    )
     quote.add_argument("codes", nargs="+", metavar="CODE", help="code or symbol, e.g. 2330 TXF TXF202601")
-    quote.add_argument("--seconds", type=_seconds, default=DEFAULT_QUOTE_SECONDS, metavar="N",
-                       help="how long to stream (default %(default)g)")
+    quote.add_argument(
+        "--seconds",
+        type=_seconds,
+        default=DEFAULT_QUOTE_SECONDS,
+        metavar="N",
+        help="how long to stream (default %(default)g)",
+    )
     quote.set_defaults(run=_run_quote)
 
-    contracts = sub.add_parser("contracts", parents=[common, connected], help="find contracts by code or name")
+    contracts = sub.add_parser(
+        "contracts", parents=[common, connected], help="find contracts by code or name"
+    )
     contracts.add_argument("search", nargs="?", default="", help="part of a code, symbol or name")
-    contracts.add_argument("--type", dest="security_type", type=_security_type, metavar="STK|FUT|OPT|IND",
-                           help="only contracts of this security type")
-    contracts.add_argument("--limit", type=_limit, default=20, metavar="N",
-                           help="show at most N contracts (default %(default)s)")
+    contracts.add_argument(
+        "--type",
+        dest="security_type",
+        type=_security_type,
+        metavar="STK|FUT|OPT|IND",
+        help="only contracts of this security type",
+    )
+    contracts.add_argument(
+        "--limit", type=_limit, default=20, metavar="N", help="show at most N contracts (default %(default)s)"
+    )
     contracts.set_defaults(run=_run_contracts)
     return parser
 
 
 # ---------------------------------------------------------------------- commands
+
 
 def _run_demo(args: argparse.Namespace, console: "object") -> int:
     from quorvex.cli.console import Narrator
@@ -153,6 +198,7 @@ def _run_contracts(args: argparse.Namespace, console: "object") -> int:
 
 
 # ---------------------------------------------------------------------- entry point
+
 
 def _configure_logging(verbose: bool) -> Callable[[], None]:
     """Library logs go to stderr: warnings and errors by default, everything with --verbose.

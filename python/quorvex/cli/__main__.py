@@ -1,4 +1,5 @@
 """`python -m quorvex.cli`: the same as the `quorvex` command."""
+
 import sys
 
 from quorvex.cli import main

@@ -4,6 +4,7 @@ Callbacks run on the session's messaging thread while the main thread renders, s
 keeps its state under its own lock and renders from a consistent copy. A callback never
 raises: a record it cannot read is counted, and the first such error is kept for the summary.
 """
+
 import datetime
 import threading
 from typing import Any, Callable, Dict, List, Optional, Sequence
@@ -154,8 +155,22 @@ class QuoteBoard:
     def table(self, title: str = "Quotes") -> Table:
         with self._lock:
             rows = [
-                (r.code, r.name, _clock(r.time), r.last, r.change, r.pct, r.volume, r.total_volume,
-                 r.bid, r.bid_volume, r.ask, r.ask_volume, r.ticks, r.bidasks)
+                (
+                    r.code,
+                    r.name,
+                    _clock(r.time),
+                    r.last,
+                    r.change,
+                    r.pct,
+                    r.volume,
+                    r.total_volume,
+                    r.bid,
+                    r.bid_volume,
+                    r.ask,
+                    r.ask_volume,
+                    r.ticks,
+                    r.bidasks,
+                )
                 for r in self._rows.values()
             ]
         table = Table(title=title, title_justify="left", box=box.SIMPLE_HEAD, pad_edge=False)
@@ -163,14 +178,36 @@ class QuoteBoard:
         table.add_column("Name", no_wrap=True, max_width=14, overflow="ellipsis")
         for header in ("Time", "Last", "Chg", "%", "Volume", "Bid", "Bid vol", "Ask", "Ask vol", "Updates"):
             table.add_column(header, justify="left" if header == "Time" else "right", no_wrap=True)
-        for (code, name, clock, last, change, pct, _volume, total, bid, bid_volume, ask, ask_volume,
-             ticks, bidasks) in rows:
+        for (
+            code,
+            name,
+            clock,
+            last,
+            change,
+            pct,
+            _volume,
+            total,
+            bid,
+            bid_volume,
+            ask,
+            ask_volume,
+            ticks,
+            bidasks,
+        ) in rows:
             style = "" if change is None else "green" if change > 0 else "red" if change < 0 else ""
             table.add_row(
-                code, name, clock, Text(price_text(last), style=style), Text(price_text(change), style=style),
+                code,
+                name,
+                clock,
+                Text(price_text(last), style=style),
+                Text(price_text(change), style=style),
                 Text("-" if pct is None else f"{pct:+.2f}", style=style),
-                quantity_text(total), price_text(bid), quantity_text(bid_volume),
-                price_text(ask), quantity_text(ask_volume), str(ticks + bidasks),
+                quantity_text(total),
+                price_text(bid),
+                quantity_text(bid_volume),
+                price_text(ask),
+                quantity_text(ask_volume),
+                str(ticks + bidasks),
             )
         return table
 

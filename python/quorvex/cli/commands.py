@@ -1,4 +1,5 @@
 """`quorvex quote`, `quorvex contracts` and `quorvex broker`."""
+
 import signal
 import threading
 import time
@@ -33,7 +34,9 @@ def _open_session(host: str, api_key: Optional[str], console: Console) -> Broker
     return session
 
 
-def run_quote(host: str, api_key: Optional[str], codes: Sequence[str], seconds: float, console: Console) -> int:
+def run_quote(
+    host: str, api_key: Optional[str], codes: Sequence[str], seconds: float, console: Console
+) -> int:
     with _open_session(host, api_key, console) as session:
         contracts = resolve(session.contracts, codes)
         board = QuoteBoard(contracts)
@@ -43,18 +46,30 @@ def run_quote(host: str, api_key: Optional[str], codes: Sequence[str], seconds: 
         counts = board.counts()
         console.print("{ticks} ticks and {bidasks} bid/asks".format(**counts))
         if board.errors:
-            console.print("[red]{} quote records could not be read; first: {}[/]".format(
-                board.errors, escape(board.first_error or "")))
+            console.print(
+                "[red]{} quote records could not be read; first: {}[/]".format(
+                    board.errors, escape(board.first_error or "")
+                )
+            )
     return EXIT_OK
 
 
-def run_contracts(host: str, api_key: Optional[str], search: str, security_type: Optional[SecurityType],
-                  limit: int, console: Console) -> int:
+def run_contracts(
+    host: str,
+    api_key: Optional[str],
+    search: str,
+    security_type: Optional[SecurityType],
+    limit: int,
+    console: Console,
+) -> int:
     with _open_session(host, api_key, console) as session:
         found, total = find(session.contracts, search, security_type, limit)
         if not found:
             kind = f" of type {security_type.value}" if security_type else ""
-            raise CliError(f"no contract{kind} matches {search!r}; expected part of a code, symbol or name", EXIT_UNKNOWN_CODE)
+            raise CliError(
+                f"no contract{kind} matches {search!r}; expected part of a code, symbol or name",
+                EXIT_UNKNOWN_CODE,
+            )
         console.print(contracts_table(found, total))
     return EXIT_OK
 
@@ -64,16 +79,22 @@ def run_broker(name: str, seconds: Optional[float], console: Console) -> int:
     try:
         from quorvex.paper import DEMO, PaperBroker, PaperBrokerConfig
     except ImportError as error:
-        raise CliError(f"the paper broker is not part of this build ({error}); expected the module quorvex.paper"
-                       , EXIT_UNREACHABLE) from None
+        raise CliError(
+            f"the paper broker is not part of this build ({error}); expected the module quorvex.paper",
+            EXIT_UNREACHABLE,
+        ) from None
     stop = threading.Event()
     previous = _stop_on_terminate(stop)
     broker = PaperBroker(PaperBrokerConfig.demo())
     try:
         broker.attach(name)
-        console.print(f"[bold]Paper broker[/] listening on [cyan]{escape(broker.host)}[/] (the in-process bus {name!r})")
-        console.print(f"  demo person {escape(DEMO.person_id)}, API key {escape(DEMO.api_key)} "
-                      "(its secret key is documented in docs/protocol.md)")
+        console.print(
+            f"[bold]Paper broker[/] listening on [cyan]{escape(broker.host)}[/] (the in-process bus {name!r})"
+        )
+        console.print(
+            f"  demo person {escape(DEMO.person_id)}, API key {escape(DEMO.api_key)} "
+            "(its secret key is documented in docs/protocol.md)"
+        )
         console.print("  reachable from this process only, until the MQTT transport is available")
         console.print("  stop with Ctrl-C" + (f" (or after {seconds:g} s)" if seconds else ""))
         deadline = None if seconds is None else time.monotonic() + seconds

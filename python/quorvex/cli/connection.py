@@ -4,6 +4,8 @@
 each failure into a ``CliError`` with the matching exit status: a broker that cannot be
 reached (5), a refused login (4), bad input (2).
 """
+
+import contextlib
 import datetime
 import logging
 import os
@@ -64,7 +66,8 @@ def default_host(now: Optional[datetime.datetime] = None) -> str:
     """The embedded paper broker, its market opening at 09:00 of `market_day` and running
     MARKET_SPEED times faster than the clock, so quotes flow whenever the command runs."""
     return "paper://{}?market_start={}T{}&clock_speed={}".format(
-        PAPER_BUS, market_day(now).isoformat(), MARKET_OPEN, MARKET_SPEED)
+        PAPER_BUS, market_day(now).isoformat(), MARKET_OPEN, MARKET_SPEED
+    )
 
 
 class Credentials:
@@ -103,7 +106,9 @@ def demo_credentials() -> Credentials:
     return Credentials(demo.api_key, demo.api_secret, demo.person_id)
 
 
-def credentials_for(host: str, api_key: Optional[str], environ: Optional[Dict[str, str]] = None) -> Credentials:
+def credentials_for(
+    host: str, api_key: Optional[str], environ: Optional[Dict[str, str]] = None
+) -> Credentials:
     """The key given on the command line with its secret from the environment, else the
     paper broker's demo key; a key is required for any other broker."""
     env = os.environ if environ is None else environ
@@ -155,18 +160,21 @@ def probe_broker(host: str) -> None:
         _paper_module()
     client = SolClient()
     try:
-        client.connect(clientname="quorvex-cli/probe", connect_timeout_ms=CONNECT_TIMEOUT_MS, **_bus_settings(host))
+        client.connect(
+            clientname="quorvex-cli/probe", connect_timeout_ms=CONNECT_TIMEOUT_MS, **_bus_settings(host)
+        )
     except Exception as error:  # the binding's own error types name the host and the reason
         raise _unreachable(host, error) from None
-    try:
+    # The probe has done its work; a failed goodbye changes nothing.
+    with contextlib.suppress(Exception):
         client.disconnect()
-    except Exception:  # the probe has done its work; a failed goodbye changes nothing
-        pass
 
 
 def _log_event(resp_code: Any, event_code: Any, info: Any, event: Any) -> None:
     level = logging.INFO if not resp_code else logging.WARNING
-    _log.log(level, "session event %s: %s (response code %s, event code %s)", event, info, resp_code, event_code)
+    _log.log(
+        level, "session event %s: %s (response code %s, event code %s)", event, info, resp_code, event_code
+    )
 
 
 def _no_reply(error: BaseException) -> bool:
@@ -192,7 +200,11 @@ class BrokerSession:
         settings = _bus_settings(host)
         try:
             self.api = SolaceAPI(
-                settings["host"], settings["vpn"], settings["user"], settings["password"], False,
+                settings["host"],
+                settings["vpn"],
+                settings["user"],
+                settings["password"],
+                False,
                 connect_timeout_ms=CONNECT_TIMEOUT_MS,
             )
         except ImportError as error:
@@ -214,7 +226,9 @@ class BrokerSession:
         except ServiceError as error:
             # The refusal's own detail: a TokenError's text speaks of sessions already open.
             raise CliError(
-                f"the broker refused the login (status {error.status_code}): {error.detail or 'no reason given'}",
+                "the broker refused the login (status {}): {}".format(
+                    error.status_code, error.detail or "no reason given"
+                ),
                 EXIT_LOGIN_REFUSED,
                 hint="expected an API key the broker knows and its matching secret key",
             ) from None
@@ -238,10 +252,8 @@ class BrokerSession:
 
     def close(self) -> None:
         """Log out if logged in; a failure here must not hide the run's own result."""
-        try:
+        with contextlib.suppress(Exception):
             self.logout()
-        except Exception:
-            pass
 
     def __enter__(self) -> Self:
         return self
@@ -295,7 +307,8 @@ class BrokerSession:
             if time.monotonic() > deadline:
                 received, announced, held = self.contract_progress()
                 raise CliError(
-                    f"the contract master did not arrive within {timeout:.0f} s: {received} of {announced} pages, {held} contracts"
+                    f"the contract master did not arrive within {timeout:.0f} s: "
+                    f"{received} of {announced} pages, {held} contracts"
                 )
             time.sleep(0.02)
         if on_progress is not None:

@@ -1,4 +1,5 @@
 """The console the commands write to, and the narration of a run step by step."""
+
 import contextlib
 import os
 import sys
@@ -47,9 +48,7 @@ class Narrator:
     @contextlib.contextmanager
     def step(self, title: str) -> Iterator[None]:
         self.number += 1
-        self.console.print(
-            f"[bold cyan][{self.number}/{self.total}][/] [bold]{escape(title)}[/]"
-        )
+        self.console.print(f"[bold cyan][{self.number}/{self.total}][/] [bold]{escape(title)}[/]")
         started = time.monotonic()
         try:
             yield

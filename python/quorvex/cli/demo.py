@@ -3,6 +3,7 @@
 Each step says what it does and what came back. Nothing else needs to be started: the paper
 broker attaches itself to an in-process bus when the first session connects to paper://.
 """
+
 import os
 import secrets
 import tempfile
@@ -36,23 +37,36 @@ STEPS = 11
 DEAL_WAIT_S = 5.0
 CERTIFICATE_DAYS = 30
 _CONTRACTS_DIR_ENV = "QUORVEX_CONTRACTS_DIR"
-_PLURAL = {SecurityType.Index: "indexes", SecurityType.Stock: "stocks", SecurityType.Future: "futures",
-           SecurityType.Option: "options"}
+_PLURAL = {
+    SecurityType.Index: "indexes",
+    SecurityType.Stock: "stocks",
+    SecurityType.Future: "futures",
+    SecurityType.Option: "options",
+}
 
 
 def download_with_progress(session: BrokerSession, narrator: Narrator) -> None:
     """The contract download with a progress bar on a terminal, a summary line in any case."""
     started = time.monotonic()
     if narrator.live:
-        columns = (TextColumn("      "), BarColumn(), TaskProgressColumn(),
-                   TextColumn("{task.fields[pages]} pages, {task.fields[contracts]:,} contracts"),
-                   TimeElapsedColumn())
+        columns = (
+            TextColumn("      "),
+            BarColumn(),
+            TaskProgressColumn(),
+            TextColumn("{task.fields[pages]} pages, {task.fields[contracts]:,} contracts"),
+            TimeElapsedColumn(),
+        )
         with Progress(*columns, console=narrator.console, transient=True) as progress:
             task = progress.add_task("contracts", total=None, pages="0/?", contracts=0)
 
             def update(received: int, announced: int, held: int) -> None:
-                progress.update(task, completed=received, total=announced or None,
-                                pages="{}/{}".format(received, announced or "?"), contracts=held)
+                progress.update(
+                    task,
+                    completed=received,
+                    total=announced or None,
+                    pages="{}/{}".format(received, announced or "?"),
+                    contracts=held,
+                )
 
             downloaded = session.download_contracts(update)
     else:
@@ -60,7 +74,9 @@ def download_with_progress(session: BrokerSession, narrator: Narrator) -> None:
     counts = ", ".join(f"{len(c):,} {_PLURAL.get(c.security_type, c.name)}" for c in session.contracts)
     if downloaded:
         _received, announced, held = session.contract_progress()
-        narrator.say(f"{held:,} contracts in {announced} pages in {time.monotonic() - started:.2f} s: {counts}")
+        narrator.say(
+            f"{held:,} contracts in {announced} pages in {time.monotonic() - started:.2f} s: {counts}"
+        )
     else:
         narrator.say(f"contract master of this trading day taken from the cache: {counts}")
 
@@ -92,12 +108,17 @@ class Demo:
         with self.narrator.step("Connect to the embedded paper broker at {}".format(self.host.split("?")[0])):
             probe_broker(self.host)
             self.session = BrokerSession(self.host)
-            self.narrator.say("the broker runs inside this process on an in-process bus; nothing else to start")
+            self.narrator.say(
+                "the broker runs inside this process on an in-process bus; nothing else to start"
+            )
             options = market_options(self.host)
             if "market_start" in options:
                 start = options["market_start"].replace("T", " ")
-                self.narrator.say("its market replays {} Taipei time at {} times the speed of the clock".format(
-                    start, options.get("clock_speed", "1")))
+                self.narrator.say(
+                    "its market replays {} Taipei time at {} times the speed of the clock".format(
+                        start, options.get("clock_speed", "1")
+                    )
+                )
 
     def login(self) -> None:
         credentials = credentials_for(self.host, None)
@@ -106,16 +127,24 @@ class Demo:
             self.narrator.say(f"logged in as {escape(self.session.person_id)}; {len(accounts)} accounts")
             self.narrator.show(accounts_table(accounts))
             if self.session.stock_account is None or self.session.futopt_account is None:
-                raise CliError(f"the demo person needs a stock account and a futures account; the broker gave {len(accounts)}"
-                               )
+                raise CliError(
+                    "the demo person needs a stock account and a futures account; "
+                    f"the broker gave {len(accounts)} accounts"
+                )
 
     def contracts(self) -> None:
         with self.narrator.step("Download the contract master"):
             download_with_progress(self.session, self.narrator)
             self.stock, self.future = resolve(self.session.contracts, [DEMO_STOCK, DEMO_FUTURE])
-            self.narrator.say("trading {} {} and {} {} (near month, delivery {})".format(
-                self.stock.code, escape(self.stock.name), self.future.code, escape(self.future.name),
-                self.future.delivery_date or "-"))
+            self.narrator.say(
+                "trading {} {} and {} {} (near month, delivery {})".format(
+                    self.stock.code,
+                    escape(self.stock.name),
+                    self.future.code,
+                    escape(self.future.name),
+                    self.future.delivery_date or "-",
+                )
+            )
 
     def certificate(self) -> None:
         from quorvex.TWCA.ca import PyTWCASign, issue_demo_certificate
@@ -123,25 +152,38 @@ class Demo:
         with self.narrator.step("Issue a demo certificate and activate it for signing orders (activate_ca)"):
             person = self.session.person_id
             password = secrets.token_urlsafe(18)  # lives only in this process, never shown
-            path = issue_demo_certificate(os.path.join(self.folder, "demo-certificate.pfx"), password, person,
-                                          days=CERTIFICATE_DAYS)
+            path = issue_demo_certificate(
+                os.path.join(self.folder, "demo-certificate.pfx"), password, person, days=CERTIFICATE_DAYS
+            )
             if not self.api.activate_ca(path, password, person):
                 reason = PyTWCASign(path, password, person, None).activation_error
                 raise CliError(f"the demo certificate did not activate: {reason}")
-            self.narrator.say(f"certificate for {escape(person)} from the demo authority, valid {CERTIFICATE_DAYS} days, written to {escape(path)}")
+            self.narrator.say(
+                f"certificate for {escape(person)} from the demo authority, valid {CERTIFICATE_DAYS} days, "
+                f"written to {escape(path)}"
+            )
 
     def quotes(self) -> None:
         contracts = [self.stock, self.future]
         codes = " and ".join(c.code for c in contracts)
         with self.narrator.step(f"Stream ticks and bid/asks of {codes} for {self.seconds:g} s"):
             self.board = QuoteBoard(contracts)
-            stream_quotes(self.api, self.board, contracts, self.seconds, self.narrator.console,
-                          title=f"Quotes of {codes}")
+            stream_quotes(
+                self.api,
+                self.board,
+                contracts,
+                self.seconds,
+                self.narrator.console,
+                title=f"Quotes of {codes}",
+            )
             counts = self.board.counts()
             self.narrator.say("received {ticks} ticks and {bidasks} bid/asks".format(**counts))
             if self.board.errors:
-                self.narrator.say("[red]{} quote records could not be read; first: {}[/]".format(
-                    self.board.errors, escape(self.board.first_error or "")))
+                self.narrator.say(
+                    "[red]{} quote records could not be read; first: {}[/]".format(
+                        self.board.errors, escape(self.board.first_error or "")
+                    )
+                )
 
     def _order_price(self, contract: Any) -> float:
         """The best ask seen while streaming, so that a buy fills; else the reference price."""
@@ -156,11 +198,22 @@ class Demo:
         except ServiceError as error:
             raise CliError(f"the broker refused the {what}: {error}") from None
         status = trade.status
-        self.narrator.say("placed: {} {} {} @ {} {} {} -> {}{}".format(
-            order.action, order.quantity, contract.code, price_text(order.price), order.price_type,
-            order.order_type, status.status, f" ({escape(status.msg)})" if status.msg else ""))
+        self.narrator.say(
+            "placed: {} {} {} @ {} {} {} -> {}{}".format(
+                order.action,
+                order.quantity,
+                contract.code,
+                price_text(order.price),
+                order.price_type,
+                order.order_type,
+                status.status,
+                f" ({escape(status.msg)})" if status.msg else "",
+            )
+        )
         if status.status == Status.Failed:
-            raise CliError("the broker did not accept the {}: {}".format(what, status.msg or "no reason given"))
+            raise CliError(
+                "the broker did not accept the {}: {}".format(what, status.msg or "no reason given")
+            )
         return trade
 
     def _await_deal(self, contract: Any) -> None:
@@ -175,18 +228,34 @@ class Demo:
 
         self.api.set_order_callback(self.reports.on_order)
         stock_price = self._order_price(self.stock)
-        with self.narrator.step(f"Place a stock limit order: buy 1 lot of {self.stock.code} at {price_text(stock_price)} (reports arrive through "
-                                "set_order_callback)"):
-            order = Order(action=Action.Buy, price=stock_price, quantity=1, price_type=PriceType.LMT,
-                          order_type=OrderType.ROD, account=self.session.stock_account)
+        with self.narrator.step(
+            f"Place a stock limit order: buy 1 lot of {self.stock.code} at {price_text(stock_price)} "
+            "(reports arrive through set_order_callback)"
+        ):
+            order = Order(
+                action=Action.Buy,
+                price=stock_price,
+                quantity=1,
+                price_type=PriceType.LMT,
+                order_type=OrderType.ROD,
+                account=self.session.stock_account,
+            )
             self._place("stock order", self.stock, order)
             self._await_deal(self.stock)
 
         future_price = self._order_price(self.future)
-        with self.narrator.step(f"Place a futures order: buy 1 {self.future.code} at {price_text(future_price)}"):
-            order = Order(action=Action.Buy, price=future_price, quantity=1, price_type=PriceType.LMT,
-                          order_type=OrderType.ROD, octype=FuturesOCType.Auto,
-                          account=self.session.futopt_account)
+        with self.narrator.step(
+            f"Place a futures order: buy 1 {self.future.code} at {price_text(future_price)}"
+        ):
+            order = Order(
+                action=Action.Buy,
+                price=future_price,
+                quantity=1,
+                price_type=PriceType.LMT,
+                order_type=OrderType.ROD,
+                octype=FuturesOCType.Auto,
+                account=self.session.futopt_account,
+            )
             self._place("futures order", self.future, order)
             self._await_deal(self.future)
 
@@ -197,15 +266,21 @@ class Demo:
             trades = list(self.api.trades)
             self.narrator.show(trades_table(trades))
             deals = sum(1 for r in self.reports.reports() if r.is_deal)
-            self.narrator.say(f"{len(trades)} trades; {len(self.reports.reports())} order reports so far, {deals} of them deals")
+            self.narrator.say(
+                f"{len(trades)} trades; {len(self.reports.reports())} order reports so far, "
+                f"{deals} of them deals"
+            )
 
     def positions(self) -> None:
         with self.narrator.step("Positions and profit and loss (list_positions, list_profit_loss)"):
             day = trading_day(self.host)
-            for label, account in (("Stock", self.session.stock_account),
-                                   ("Futures", self.session.futopt_account)):
-                self.narrator.show(positions_table(self.api.list_positions(account, Unit.Common),
-                                                   f"{label} positions"))
+            for label, account in (
+                ("Stock", self.session.stock_account),
+                ("Futures", self.session.futopt_account),
+            ):
+                self.narrator.show(
+                    positions_table(self.api.list_positions(account, Unit.Common), f"{label} positions")
+                )
                 realised = self.api.list_profit_loss(account, day, day)
                 if realised:
                     self.narrator.show(profit_loss_table(realised, f"{label} profit and loss today"))
@@ -226,8 +301,16 @@ class Demo:
     def run(self) -> None:
         started = time.monotonic()
         steps: List[Callable[[], None]] = [
-            self.connect, self.login, self.contracts, self.certificate, self.quotes, self.orders,
-            self.status, self.positions, self.money, self.logout,
+            self.connect,
+            self.login,
+            self.contracts,
+            self.certificate,
+            self.quotes,
+            self.orders,
+            self.status,
+            self.positions,
+            self.money,
+            self.logout,
         ]
         try:
             for step in steps:
@@ -238,9 +321,15 @@ class Demo:
         counts = self.board.counts() if self.board else {"ticks": 0, "bidasks": 0}
         reports = self.reports.reports()
         self.narrator.console.print(
-            "[bold green]Demo finished[/] in {:.1f} s: {} ticks, {} bid/asks, {} order reports, {} deals.".format(
-                time.monotonic() - started, counts["ticks"], counts["bidasks"], len(reports),
-                sum(1 for r in reports if r.is_deal)))
+            "[bold green]Demo finished[/] in {:.1f} s: {} ticks, {} bid/asks, {} order reports, "
+            "{} deals.".format(
+                time.monotonic() - started,
+                counts["ticks"],
+                counts["bidasks"],
+                len(reports),
+                sum(1 for r in reports if r.is_deal),
+            )
+        )
 
 
 def run_demo(host: str, seconds: float, narrator: Narrator) -> int:
@@ -257,4 +346,3 @@ def run_demo(host: str, seconds: float, narrator: Narrator) -> int:
             else:
                 os.environ[_CONTRACTS_DIR_ENV] = previous
     return 0
-

@@ -4,6 +4,7 @@ Every failure a user can meet ends as a ``CliError``: one line on standard error
 what was wrong and what was expected, and a status a script can test. Nothing here prints a
 traceback for these.
 """
+
 from typing import Optional
 
 __all__ = [

@@ -1,5 +1,6 @@
 """Finding contracts in the contract master by what a user types: a code, a symbol, a futures
 product, or part of a name."""
+
 from typing import Any, Iterable, List, Optional, Tuple
 
 from quorvex.cli.errors import EXIT_UNKNOWN_CODE, CliError

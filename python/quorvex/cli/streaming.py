@@ -1,4 +1,6 @@
 """Streaming quotes into the board for a fixed time, live on a terminal, once elsewhere."""
+
+import contextlib
 import time
 from typing import Any, Sequence
 
@@ -24,8 +26,14 @@ def _each_subscription(api: Any, contracts: Sequence[Any], method: str) -> None:
             call(contract, kind, False, QuoteVersion.v1)
 
 
-def stream_quotes(api: Any, board: QuoteBoard, contracts: Sequence[Any], seconds: float, console: Console,
-                  title: str = "Quotes") -> None:
+def stream_quotes(
+    api: Any,
+    board: QuoteBoard,
+    contracts: Sequence[Any],
+    seconds: float,
+    console: Console,
+    title: str = "Quotes",
+) -> None:
     """Subscribe, show the board for `seconds`, unsubscribe. On a terminal the table refreshes
     in place; otherwise it is printed once, at the end."""
     board.attach(api)
@@ -45,7 +53,6 @@ def stream_quotes(api: Any, board: QuoteBoard, contracts: Sequence[Any], seconds
                 time.sleep(min(_REFRESH_S, max(0.0, deadline - time.monotonic())))
             console.print(board.table(title))
     finally:
-        try:
+        # Leaving the stream must not hide why it ended.
+        with contextlib.suppress(Exception):
             _each_subscription(api, contracts, "unsubscribe")
-        except Exception:  # leaving the stream must not hide why it ended
-            pass

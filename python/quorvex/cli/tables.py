@@ -1,4 +1,5 @@
 """Tables of the records the commands show: accounts, contracts, trades, positions, money."""
+
 from typing import Any, Iterable, Optional, Sequence
 
 from rich.table import Table
@@ -57,12 +58,25 @@ def contracts_table(contracts: Sequence[Any], total: Optional[int] = None) -> Ta
     title = "Contracts" if total is None or total == shown else f"Contracts ({shown} of {total} matches)"
     table = _table(
         title,
-        ["Type", "Code", "Symbol", "Name", "Group", "Reference", "Limit up", "Limit down", "Delivery", "Unit"],
+        [
+            "Type",
+            "Code",
+            "Symbol",
+            "Name",
+            "Group",
+            "Reference",
+            "Limit up",
+            "Limit down",
+            "Delivery",
+            "Unit",
+        ],
         numeric=("Reference", "Limit up", "Limit down", "Unit"),
     )
     for contract in contracts:
         security_type = str(_value(contract, "security_type"))
-        group = _value(contract, "category") if security_type in ("FUT", "OPT") else _value(contract, "exchange")
+        group = (
+            _value(contract, "category") if security_type in ("FUT", "OPT") else _value(contract, "exchange")
+        )
         table.add_row(
             _SECURITY_NAMES.get(security_type, security_type),
             str(_value(contract, "code")),
@@ -102,8 +116,11 @@ def trades_table(trades: Sequence[Any], title: str = "Trades") -> Table:
 
 
 def positions_table(positions: Sequence[Any], title: str) -> Table:
-    table = _table(title, ["Code", "Side", "Qty", "Avg price", "Last", "Unrealised P&L"],
-                   numeric=("Qty", "Avg price", "Last", "Unrealised P&L"))
+    table = _table(
+        title,
+        ["Code", "Side", "Qty", "Avg price", "Last", "Unrealised P&L"],
+        numeric=("Qty", "Avg price", "Last", "Unrealised P&L"),
+    )
     for position in positions:
         table.add_row(
             str(_value(position, "code")),
