@@ -111,7 +111,9 @@ def later_forms(source: str, filename: str, stub: bool) -> List[str]:
             continue
         if isinstance(node, ast.Subscript):
             if isinstance(node.value, ast.Name) and node.value.id in BUILTIN_GENERICS:
-                report(node, "{}[...] needs 3.9; use typing.{}".format(node.value.id, node.value.id.capitalize()))
+                report(
+                    node, "{}[...] needs 3.9; use typing.{}".format(node.value.id, node.value.id.capitalize())
+                )
             index = node.slice
             if type(index).__name__ == "Index":  # up to 3.8 a plain subscript is wrapped
                 index = index.value
@@ -134,7 +136,10 @@ def later_forms(source: str, filename: str, stub: bool) -> List[str]:
             if node.module == "typing":
                 for alias in node.names:
                     if alias.name in LATER_TYPING_NAMES:
-                        report(node, "typing.{} is not in 3.8; import it from typing_extensions".format(alias.name))
+                        report(
+                            node,
+                            "typing.{} is not in 3.8; import it from typing_extensions".format(alias.name),
+                        )
     return found
 
 
@@ -241,7 +246,11 @@ def test_files_compile_on_python38():
         pytest.skip("no Python 3.8 interpreter here (set QV_PYTHON38 to one)")
     files = [str(f) for f in python_files()]
     done = subprocess.run(
-        [interpreter, "-I", "-c", COMPILE_ALL, *files], capture_output=True, text=True, timeout=300, check=False
+        [interpreter, "-I", "-c", COMPILE_ALL, *files],
+        capture_output=True,
+        text=True,
+        timeout=300,
+        check=False,
     )
     assert done.returncode == 0, done.stdout + done.stderr
 
