@@ -183,8 +183,10 @@ def test_checker_reports_later_forms(source, expected):
 @pytest.mark.parametrize(
     "source",
     [
-        "from typing import Dict, List, Optional, Union\ndef f(x: Optional[List[int]]) -> Dict[str, Union[int, str]]:\n"
-        "    return {}\n",
+        (
+            "from typing import Dict, List, Optional, Union\n"
+            "def f(x: Optional[List[int]]) -> Dict[str, Union[int, str]]:\n    return {}\n"
+        ),
         "flags = 1 | 2\n",
         "@functools.lru_cache(maxsize=None)\n@property\ndef f():\n    pass\n",
         "if (n := 3) > 2:\n    pass\n",

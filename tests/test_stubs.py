@@ -250,7 +250,7 @@ def test_every_extension_module_has_a_stub():
     for path in PACKAGES.glob("**/*"):
         if path.suffix in (".so", ".pyd") and "__pycache__" not in path.parts:
             name = path.name.split(".")[0]
-            built.add(".".join(path.relative_to(PACKAGES).parent.parts + (name,)))
+            built.add(".".join((*path.relative_to(PACKAGES).parent.parts, name)))
     if not built:
         pytest.skip("no extension module built next to the sources (scripts/dev builds them there)")
     assert built <= stubs, "extension modules without a stub: {}".format(sorted(built - stubs))

@@ -1,4 +1,5 @@
 """The `quorvex` command line."""
+
 import argparse
 import sys
 from typing import List, Optional

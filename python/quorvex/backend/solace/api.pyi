@@ -9,6 +9,9 @@ import os
 from typing import Any, Callable, Dict, List, Literal, Optional, Sequence, Tuple, TypeVar, Union, overload
 
 from quorvex.account import Account, FutureAccount, StockAccount
+from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
+from quorvex.backend.solace.quote import QuoteSTKv1
+from quorvex.backend.solace.tick import TickFOPv1, TickSTKv1
 from quorvex.constant import (
     Exchange,
     OrderState,
@@ -54,9 +57,6 @@ from quorvex.reserve import (
     ReserveStocksDetailResponse,
     ReserveStocksSummaryResponse,
 )
-from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
-from quorvex.backend.solace.quote import QuoteSTKv1
-from quorvex.backend.solace.tick import TickFOPv1, TickSTKv1
 from quorvex.TWCA.ca import PyTWCASign
 
 _F = TypeVar("_F", bound=Callable[..., Any])
