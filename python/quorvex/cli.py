@@ -1,5 +1,4 @@
 """The `quorvex` command line."""
-
 import argparse
 import sys
 from typing import List, Optional
