@@ -12,6 +12,7 @@ from pydantic import Field
 from quorvex.account import AnyAccount
 from quorvex.common import BaseModel, PositionalModel
 from quorvex.contracts import AnyContract
+from quorvex.data import CASign
 
 __all__ = [
     "EarmarkStockDetail",
@@ -44,7 +45,8 @@ class ReserveOrder(PositionalModel):
     """A request to reserve ``share`` shares, signed by the account holder."""
 
     share: int = Field(gt=0)
-    ca: str = Field(default="", repr=False)
+    # The signed text travels with its signature, so the service can verify it as is.
+    ca: Optional[CASign] = Field(default=None, repr=False)
 
 
 class EarmarkingOrder(PositionalModel):
@@ -52,7 +54,7 @@ class EarmarkingOrder(PositionalModel):
 
     share: int = Field(gt=0)
     price: float = Field(ge=0)
-    ca: str = Field(default="", repr=False)
+    ca: Optional[CASign] = Field(default=None, repr=False)
 
 
 class ReserveOrderResp(BaseModel):

@@ -175,8 +175,8 @@ RECORDS = [
     ),
     ScannerCountLimit(count=200),
     ErrorResponse(status_code=500, detail="refused"),
-    ReserveOrder(share=1000, ca="sig"),
-    EarmarkingOrder(share=1000, price=99.5, ca="sig"),
+    ReserveOrder(share=1000, ca=CASign(signature="sig", plain_text="text")),
+    EarmarkingOrder(share=1000, price=99.5, ca=CASign(signature="sig", plain_text="text")),
     ReserveOrderResp(contract=TSMC, account=STOCK_ACCOUNT, share=1000, status=True, info="ok"),
     EarmarkingOrderResp(contract=TSMC, account=STOCK_ACCOUNT, share=1000, price=99.5),
     ReserveStockResponse(

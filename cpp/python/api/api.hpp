@@ -143,6 +143,12 @@ bool equals(nb::handle a, nb::handle b);
 nb::object empty_dict();
 nb::object empty_list();
 
+// callable(**fields): a dict is passed as it stands, any other mapping is copied first, and
+// anything else is a TypeError naming the callable, as the interpreter's own `**` would be.
+nb::object call_with_fields(nb::handle callable, nb::handle fields);
+// [cls(**row) for row in rows], as a new list.
+nb::list records_from(nb::handle cls, nb::handle rows);
+
 // `fmt`.format(args...) with Python's str.format.
 template <typename... Args>
 nb::object format(const char* fmt, Args&&... args) {
@@ -176,6 +182,10 @@ nb::object local_now_text(const char* fmt);
 
 // self.session._gen_reqid()
 nb::object new_corrid(nb::handle self);
+
+// self.session.request(topic, payload, corrid=corrid, timeout=timeout, cb=handler)
+nb::object send_request(nb::handle self, nb::handle topic, nb::handle payload, nb::handle corrid, nb::handle timeout,
+                        nb::handle handler);
 
 // One query's topic attribute and reply handler attribute, e.g.
 // {"account_balance_topic", "_account_balance_cb"}.

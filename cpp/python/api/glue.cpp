@@ -73,6 +73,29 @@ bool equals(nb::handle obj, long value) {
   return equals(obj, nb::handle(nb::int_(value)));
 }
 
+nb::object call_with_fields(nb::handle callable, nb::handle fields) {
+  nb::object kwargs;
+  if (PyDict_Check(fields.ptr())) {
+    kwargs = nb::borrow(fields);
+  } else if (PyMapping_Check(fields.ptr()) && PyObject_HasAttrString(fields.ptr(), "keys")) {
+    kwargs = nb::steal(PyDict_New());
+    if (PyDict_Merge(kwargs.ptr(), fields.ptr(), 1) != 0) throw nb::python_error();
+  } else {
+    nb::object name = nb::getattr(callable, "__qualname__", nb::str(Py_TYPE(callable.ptr())->tp_name));
+    PyErr_Format(PyExc_TypeError, "%S() argument after ** must be a mapping of field names to values, not %.200s",
+                 name.ptr(), Py_TYPE(fields.ptr())->tp_name);
+    throw nb::python_error();
+  }
+  nb::object args = nb::steal(PyTuple_New(0));
+  return checked(nb::steal(PyObject_Call(callable.ptr(), args.ptr(), kwargs.ptr())));
+}
+
+nb::list records_from(nb::handle cls, nb::handle rows) {
+  nb::list records;
+  for (nb::handle row : rows) records.append(call_with_fields(cls, row));
+  return records;
+}
+
 nb::object empty_dict() { return nb::dict(); }
 nb::object empty_list() { return nb::list(); }
 
@@ -109,15 +132,19 @@ nb::object local_now_text(const char* fmt) {
 
 nb::object new_corrid(nb::handle self) { return attr(self, QV_NAME("session")).attr(QV_NAME("_gen_reqid"))(); }
 
+nb::object send_request(nb::handle self, nb::handle topic, nb::handle payload, nb::handle corrid, nb::handle timeout,
+                        nb::handle handler) {
+  return attr(self, QV_NAME("session"))
+      .attr(QV_NAME("request"))(topic, payload, "corrid"_a = corrid, "timeout"_a = timeout, "cb"_a = handler);
+}
+
 nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb::handle payload,
                       nb::handle timeout, nb::handle cb, const std::function<nb::object()>& make_placeholder) {
   const bool blocking = truthy(timeout);
   if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
   nb::object topic = attr(self, query.topic_attr);
   nb::object handler = attr(self, query.handler_attr);
-  nb::object resp = attr(self, QV_NAME("session"))
-                        .attr(QV_NAME("request"))(topic, payload, "corrid"_a = corrid, "timeout"_a = timeout,
-                                                  "cb"_a = handler);
+  nb::object resp = send_request(self, topic, payload, corrid, timeout, handler);
   nb::object placeholder = make_placeholder();
   set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);
   if (blocking) handler(topic, corrid, resp);

@@ -33,8 +33,8 @@ INSTANTIATE_TEST_SUITE_P(
         MatchCase{"*/b/>", "a/c/c", false},
         // Wildcard characters inside a longer level are plain text.
         MatchCase{"TIC*/x", "TICK/x", false}, MatchCase{"TIC*/x", "TIC*/x", true},
-        MatchCase{"TIC/v1/STK/*/TSE/2330", "TIC/v1/STK/*/TSE/2330", true},
-        MatchCase{"TIC/v1/>", "TIC/v1/STK/*/TSE/2330", true}),
+        MatchCase{"TIC/v1/STK/*/TSE/2330", "TIC/v1/STK/17/TSE/2330", true},
+        MatchCase{"TIC/v1/>", "TIC/v1/STK/17/TSE/2330", true}),
     [](const auto& info) { return "case" + std::to_string(info.index); });
 
 TEST(Topic, FiltersAndTopicsAreChecked) {

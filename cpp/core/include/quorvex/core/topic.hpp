@@ -1,7 +1,7 @@
 // Topic names and subscription filters of the bus.
 //
-// A topic is a non-empty text of levels separated by "/" ("TIC/v1/STK/*/TSE/2330" has six levels;
-// empty levels are allowed). In a filter two whole levels are wildcards:
+// A topic is a non-empty text of levels separated by "/" ("api/v1/portfolio/account_balance" has
+// four levels; empty levels are allowed). In a filter two whole levels are wildcards:
 //   "*"  matches exactly one level, whatever its text (also an empty one);
 //   ">"  as the last level matches one or more remaining levels (never zero).
 // A "*" or ">" inside a longer level ("TIC*") is plain text. A ">" level anywhere but last is refused.

@@ -1,0 +1,104 @@
+// Transports: how an endpoint (a client session or a service) reaches a bus.
+//
+// A host URL selects the transport by its scheme through a process-wide registry:
+// "inproc://NAME" is built in (the in-process bus NAME); other schemes register themselves
+// (register_transport) before the first connect that uses them.
+//
+// Threading: Transport methods may be called from any thread. A transport calls its listener from
+// whatever thread produced the event (a publisher's, a replier's, the bus's); listener methods must
+// return quickly and must not call back into the same transport, except on_request, which is
+// called with no transport lock held and may run service code.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "quorvex/bus/message.hpp"
+
+namespace quorvex::bus {
+
+struct ConnectOptions {
+  std::string host;  // scheme://address
+  std::string vpn;
+  std::string user;
+  std::string password;  // secret: never logged
+  std::string client_name;
+  int connect_timeout_ms = 3000;
+  int reconnect_retries = 10;  // -1: retry forever
+  int keep_alive_ms = 3000;
+  int reconnect_retry_wait_ms = 3000;
+  int keep_alive_limit = 3;
+};
+
+// A request as delivered to a serving endpoint; also the route its reply takes back.
+struct IncomingRequest {
+  MessagePtr message;
+  Requester from;
+  std::uint64_t request_id = 0;
+};
+
+enum class AddressKind {
+  SessionId,   // exactly the session with this id
+  ClientName,  // every session currently using this client name
+};
+
+class TransportListener {
+ public:
+  virtual ~TransportListener() = default;
+  virtual void on_request(IncomingRequest request) {}
+  virtual void on_reply(std::uint64_t request_id, MessagePtr reply) {}
+  virtual void on_message(MessagePtr message) {}  // published on a topic this endpoint subscribes
+  virtual void on_direct(MessagePtr message) {}   // point-to-point, addressed to this endpoint
+  // A topic filter gained its first subscriber (active) or lost its last; only while watching.
+  virtual void on_subscription_change(const std::string& filter, bool active) {}
+  // The link dropped; the owner may call reopen().
+  virtual void on_link_lost(const std::string& reason) {}
+};
+
+class Transport {
+ public:
+  virtual ~Transport() = default;
+
+  // Unique among the endpoints of the bus; kept across reopen().
+  virtual const std::string& session_id() const = 0;
+  virtual void set_client_name(const std::string& name) = 0;
+
+  virtual void request(MessagePtr message, std::uint64_t request_id, const Requester& from) = 0;
+  virtual void reply(const IncomingRequest& to, MessagePtr reply) = 0;
+  virtual void publish(MessagePtr message) = 0;
+  // Returns how many endpoints received the message.
+  virtual std::size_t send_direct(AddressKind kind, const std::string& address, MessagePtr message) = 0;
+
+  virtual void subscribe(const std::string& filter) = 0;
+  virtual void unsubscribe(const std::string& filter) = 0;
+  // Requests on topics matching `filter` come to this endpoint's on_request.
+  virtual void serve(const std::string& filter) = 0;
+  virtual void stop_serving(const std::string& filter) = 0;
+  // Turns on_subscription_change on (first with every filter already active) or off.
+  virtual void watch_subscriptions(bool on) = 0;
+  virtual bool has_subscribers(const std::string& topic) const = 0;
+
+  // Re-establishes a lost link (subscriptions and served filters are not restored); BusError on failure.
+  virtual void reopen() = 0;
+  // Idempotent; after it returns the listener receives nothing more that was sent after.
+  virtual void close() = 0;
+};
+
+using TransportFactory =
+    std::function<std::unique_ptr<Transport>(const ConnectOptions& options, std::weak_ptr<TransportListener> listener)>;
+
+// Registers (or replaces) the transport for `scheme` (without "://").
+void register_transport(const std::string& scheme, TransportFactory factory);
+std::vector<std::string> registered_schemes();
+
+// Opens a transport for options.host. BusError naming the host when the host has no scheme, the
+// scheme is unknown or the host cannot be reached.
+std::unique_ptr<Transport> open_transport(const ConnectOptions& options, std::weak_ptr<TransportListener> listener);
+
+// A new session id, unique within the process and unlikely to repeat across processes.
+std::string new_session_id();
+
+}  // namespace quorvex::bus

@@ -1,0 +1,341 @@
+// The in-process bus. One mutex guards the routing tables; deliveries to listeners happen under it
+// (they only queue work), except requests, which may run service code inline and go out unlocked.
+#include "quorvex/bus/inproc.hpp"
+
+#include <algorithm>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "quorvex/core/topic.hpp"
+#include "registry.hpp"
+
+namespace quorvex::bus {
+namespace {
+
+struct Link {
+  std::string session_id;
+  std::string client_name;
+  std::weak_ptr<TransportListener> listener;
+  bool attached = true;
+  bool closed = false;
+  bool watching = false;
+  std::uint64_t publish_mark = 0;  // dedupes a publish that matches several of this link's filters
+};
+using LinkPtr = std::shared_ptr<Link>;
+
+template <class F>
+void with_listener(const Link& link, F&& f) {
+  if (auto listener = link.listener.lock()) f(*listener);
+}
+
+void erase_link(std::vector<LinkPtr>& links, const LinkPtr& link) {
+  links.erase(std::remove(links.begin(), links.end(), link), links.end());
+}
+
+class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
+ public:
+  explicit Bus(std::string name) : name_(std::move(name)) {}
+
+  const std::string& name() const override { return name_; }
+  std::unique_ptr<Transport> attach(const ConnectOptions& options, std::weak_ptr<TransportListener> listener) override;
+  bool sever(const std::string& session_id) override;
+  void shutdown() override;
+  void restart() override;
+  std::size_t endpoint_count() const override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return links_.size();
+  }
+
+  // Operations of the links.
+  void set_client_name(const LinkPtr& link, const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    link->client_name = name;
+  }
+
+  void request(const LinkPtr& from_link, MessagePtr message, std::uint64_t request_id, const Requester& from) {
+    std::shared_ptr<TransportListener> server;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      require_attached(*from_link, "send a request");
+      if (const Link* link = find_server(message->topic)) server = link->listener.lock();
+    }
+    if (server) server->on_request(IncomingRequest{std::move(message), from, request_id});
+  }
+
+  void reply(const IncomingRequest& to, MessagePtr reply) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = links_.find(to.from.session_id);
+    if (it == links_.end()) return;  // the requester has gone
+    with_listener(*it->second, [&](TransportListener& l) { l.on_reply(to.request_id, std::move(reply)); });
+  }
+
+  void publish(const LinkPtr& from_link, const MessagePtr& message) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    require_attached(*from_link, "publish");
+    const std::uint64_t mark = ++publish_marks_;
+    auto deliver = [&](const std::vector<LinkPtr>& links) {
+      for (const auto& link : links) {
+        if (link->publish_mark == mark) continue;
+        link->publish_mark = mark;
+        with_listener(*link, [&](TransportListener& l) { l.on_message(message); });
+      }
+    };
+    auto exact = subscriptions_.find(message->topic);
+    if (exact != subscriptions_.end()) deliver(exact->second);
+    for (const auto& filter : wildcard_filters_) {
+      if (core::topic_matches(filter, message->topic)) deliver(subscriptions_.find(filter)->second);
+    }
+  }
+
+  std::size_t send_direct(const LinkPtr& from_link, AddressKind kind, const std::string& address,
+                          const MessagePtr& message) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    require_attached(*from_link, "send a point-to-point message");
+    std::size_t delivered = 0;
+    auto deliver = [&](const Link& link) {
+      with_listener(link, [&](TransportListener& l) {
+        l.on_direct(message);
+        ++delivered;
+      });
+    };
+    if (kind == AddressKind::SessionId) {
+      auto it = links_.find(address);
+      if (it != links_.end()) deliver(*it->second);
+    } else {
+      for (const auto& entry : links_) {
+        if (entry.second->client_name == address) deliver(*entry.second);
+      }
+    }
+    return delivered;
+  }
+
+  void subscribe(const LinkPtr& link, const std::string& filter) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    require_attached(*link, "subscribe");
+    auto& links = subscriptions_[filter];
+    if (std::find(links.begin(), links.end(), link) != links.end()) return;
+    links.push_back(link);
+    if (links.size() == 1) {
+      if (core::has_wildcard(filter)) wildcard_filters_.push_back(filter);
+      notify_watchers(filter, true);
+    }
+  }
+
+  void unsubscribe(const LinkPtr& link, const std::string& filter) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    unsubscribe_locked(link, filter);
+  }
+
+  void serve(const LinkPtr& link, const std::string& filter) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    require_attached(*link, "serve");
+    for (const auto& server : servers_) {
+      if (server.first == filter && server.second == link) return;
+    }
+    servers_.emplace_back(filter, link);
+  }
+
+  void stop_serving(const LinkPtr& link, const std::string& filter) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    servers_.erase(std::remove_if(servers_.begin(), servers_.end(),
+                                  [&](const auto& s) { return s.first == filter && s.second == link; }),
+                   servers_.end());
+  }
+
+  void watch(const LinkPtr& link, bool on) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    require_attached(*link, "watch subscriptions");
+    if (link->watching == on) return;
+    link->watching = on;
+    if (!on) {
+      erase_link(watchers_, link);
+      return;
+    }
+    watchers_.push_back(link);
+    for (const auto& entry : subscriptions_) {
+      with_listener(*link, [&](TransportListener& l) { l.on_subscription_change(entry.first, true); });
+    }
+  }
+
+  bool has_subscribers(const std::string& topic) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (subscriptions_.count(topic)) return true;
+    for (const auto& filter : wildcard_filters_) {
+      if (core::topic_matches(filter, topic)) return true;
+    }
+    return false;
+  }
+
+  void reopen(const LinkPtr& link) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (link->closed) throw BusError("cannot reconnect to inproc://" + name_ + ": the link was closed");
+    if (shut_down_) throw BusError("cannot reconnect to inproc://" + name_ + ": the bus is shut down");
+    if (link->attached) return;
+    link->attached = true;
+    links_[link->session_id] = link;
+  }
+
+  void close(const LinkPtr& link) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (link->closed) return;
+    link->closed = true;
+    detach_locked(link);
+  }
+
+ private:
+  void require_attached(const Link& link, const char* what) const {
+    if (!link.attached) {
+      throw BusError("cannot " + std::string(what) + " on inproc://" + name_ + ": the link is " +
+                     (link.closed ? "closed" : "down"));
+    }
+  }
+
+  const Link* find_server(const std::string& topic) const {
+    for (const auto& server : servers_) {
+      if (server.first == topic) return server.second.get();
+    }
+    for (const auto& server : servers_) {
+      if (core::has_wildcard(server.first) && core::topic_matches(server.first, topic)) return server.second.get();
+    }
+    return nullptr;
+  }
+
+  void notify_watchers(const std::string& filter, bool active) {
+    for (const auto& watcher : watchers_) {
+      with_listener(*watcher, [&](TransportListener& l) { l.on_subscription_change(filter, active); });
+    }
+  }
+
+  void unsubscribe_locked(const LinkPtr& link, const std::string& filter) {
+    auto it = subscriptions_.find(filter);
+    if (it == subscriptions_.end()) return;
+    const std::size_t before = it->second.size();
+    erase_link(it->second, link);
+    if (it->second.empty() && before > 0) {
+      subscriptions_.erase(it);
+      wildcard_filters_.erase(std::remove(wildcard_filters_.begin(), wildcard_filters_.end(), filter),
+                              wildcard_filters_.end());
+      notify_watchers(filter, false);
+    }
+  }
+
+  // Removes a link from every table; its subscriptions and served filters are forgotten.
+  void detach_locked(const LinkPtr& link) {
+    if (!link->attached) return;
+    link->attached = false;
+    links_.erase(link->session_id);
+    std::vector<std::string> filters;
+    for (const auto& entry : subscriptions_) {
+      if (std::find(entry.second.begin(), entry.second.end(), link) != entry.second.end()) filters.push_back(entry.first);
+    }
+    for (const auto& filter : filters) unsubscribe_locked(link, filter);
+    servers_.erase(std::remove_if(servers_.begin(), servers_.end(), [&](const auto& s) { return s.second == link; }),
+                   servers_.end());
+    if (link->watching) {
+      link->watching = false;
+      erase_link(watchers_, link);
+    }
+  }
+
+  std::string name_;
+  mutable std::mutex mutex_;
+  bool shut_down_ = false;
+  std::unordered_map<std::string, LinkPtr> links_;                        // attached links by session id
+  std::unordered_map<std::string, std::vector<LinkPtr>> subscriptions_;  // filter -> subscribers
+  std::vector<std::string> wildcard_filters_;                             // the keys above with wildcards
+  std::vector<std::pair<std::string, LinkPtr>> servers_;                  // in serving order
+  std::vector<LinkPtr> watchers_;
+  std::uint64_t publish_marks_ = 0;
+};
+
+class InprocLink final : public Transport {
+ public:
+  InprocLink(std::shared_ptr<Bus> bus, LinkPtr link) : bus_(std::move(bus)), link_(std::move(link)) {}
+  ~InprocLink() override { close(); }
+
+  const std::string& session_id() const override { return link_->session_id; }
+  void set_client_name(const std::string& name) override { bus_->set_client_name(link_, name); }
+  void request(MessagePtr message, std::uint64_t request_id, const Requester& from) override {
+    bus_->request(link_, std::move(message), request_id, from);
+  }
+  void reply(const IncomingRequest& to, MessagePtr reply) override { bus_->reply(to, std::move(reply)); }
+  void publish(MessagePtr message) override { bus_->publish(link_, message); }
+  std::size_t send_direct(AddressKind kind, const std::string& address, MessagePtr message) override {
+    return bus_->send_direct(link_, kind, address, message);
+  }
+  void subscribe(const std::string& filter) override { bus_->subscribe(link_, filter); }
+  void unsubscribe(const std::string& filter) override { bus_->unsubscribe(link_, filter); }
+  void serve(const std::string& filter) override { bus_->serve(link_, filter); }
+  void stop_serving(const std::string& filter) override { bus_->stop_serving(link_, filter); }
+  void watch_subscriptions(bool on) override { bus_->watch(link_, on); }
+  bool has_subscribers(const std::string& topic) const override { return bus_->has_subscribers(topic); }
+  void reopen() override { bus_->reopen(link_); }
+  void close() override { bus_->close(link_); }
+
+ private:
+  std::shared_ptr<Bus> bus_;
+  LinkPtr link_;
+};
+
+std::unique_ptr<Transport> Bus::attach(const ConnectOptions& options, std::weak_ptr<TransportListener> listener) {
+  auto link = std::make_shared<Link>();
+  link->session_id = new_session_id();
+  link->client_name = options.client_name.empty() ? link->session_id : options.client_name;
+  link->listener = std::move(listener);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (shut_down_) throw BusError("cannot connect to host 'inproc://" + name_ + "': the bus is shut down");
+    links_[link->session_id] = link;
+  }
+  return std::make_unique<InprocLink>(shared_from_this(), std::move(link));
+}
+
+bool Bus::sever(const std::string& session_id) {
+  LinkPtr link;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = links_.find(session_id);
+    if (it == links_.end()) return false;
+    link = it->second;
+    detach_locked(link);
+  }
+  with_listener(*link, [&](TransportListener& l) { l.on_link_lost("the bus inproc://" + name_ + " dropped the link"); });
+  return true;
+}
+
+void Bus::shutdown() {
+  std::vector<LinkPtr> dropped;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    shut_down_ = true;
+    for (const auto& entry : links_) dropped.push_back(entry.second);
+    for (const auto& link : dropped) detach_locked(link);
+  }
+  for (const auto& link : dropped) {
+    with_listener(*link, [&](TransportListener& l) { l.on_link_lost("the bus inproc://" + name_ + " shut down"); });
+  }
+}
+
+void Bus::restart() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  shut_down_ = false;
+}
+
+}  // namespace
+
+std::shared_ptr<InprocBus> InprocBus::named(const std::string& name) {
+  if (name.empty()) throw BusError("an in-process bus needs a name, as in inproc://NAME");
+  auto& reg = detail::registry();
+  std::lock_guard<std::mutex> lock(reg.mutex);
+  auto& slot = reg.buses[name];
+  if (auto existing = slot.lock()) return existing;
+  for (auto it = reg.buses.begin(); it != reg.buses.end();) {
+    it = it->second.expired() && it->first != name ? reg.buses.erase(it) : std::next(it);
+  }
+  auto bus = std::make_shared<Bus>(name);
+  slot = bus;
+  return bus;
+}
+
+}  // namespace quorvex::bus

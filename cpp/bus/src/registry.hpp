@@ -1,0 +1,35 @@
+// The process-wide bus registry (private to the bus library).
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "quorvex/bus/transport.hpp"
+
+namespace quorvex::bus {
+class InprocBus;
+
+namespace detail {
+
+// The only mutable state of the process outside the objects users create.
+struct Registry {
+  Registry();
+  std::mutex mutex;
+  std::map<std::string, TransportFactory> transports;
+  std::map<std::string, std::weak_ptr<InprocBus>> buses;
+  std::string id_prefix;
+  std::atomic<std::uint64_t> next_session{0};
+};
+
+Registry& registry();
+
+// "inproc://x" -> "x"; "" without a scheme.
+std::string host_address(const std::string& host);
+// The host with any user information hidden, for error texts.
+std::string display_host(const std::string& host);
+
+}  // namespace detail
+}  // namespace quorvex::bus

@@ -1,0 +1,370 @@
+#include "quorvex/bus/responder.hpp"
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "quorvex/core/codec.hpp"
+#include "quorvex/core/topic.hpp"
+#include "stoppable_thread.hpp"
+
+namespace quorvex::bus {
+
+// Where one reply goes; sends at most once.
+class ReplyRoute {
+ public:
+  ReplyRoute(std::weak_ptr<Transport> transport, const IncomingRequest& request)
+      : transport_(std::move(transport)),
+        route_{request.message, Requester{request.from.session_id, {}, {}}, request.request_id} {}
+
+  bool send(std::string payload) {
+    if (replied_.exchange(true, std::memory_order_acq_rel)) return false;
+    auto transport = transport_.lock();
+    if (!transport) return false;
+    transport->reply(route_, make_message(route_.message->topic, std::move(payload)));
+    return true;
+  }
+  bool replied() const { return replied_.load(std::memory_order_acquire); }
+
+ private:
+  std::weak_ptr<Transport> transport_;
+  IncomingRequest route_;
+  std::atomic<bool> replied_{false};
+};
+
+bool ReplyHandle::reply(std::string payload) const { return route_ && route_->send(std::move(payload)); }
+bool ReplyHandle::reply(const core::Value& payload) const { return reply(core::encode(payload)); }
+bool ReplyHandle::replied() const { return route_ && route_->replied(); }
+
+core::Value ServiceRequest::payload_value() const { return core::decode(payload()); }
+
+namespace {
+
+// Tracks inline handlers so close() can wait for those running on other threads.
+class InflightGate {
+ public:
+  bool enter() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return false;
+    active_.push_back(std::this_thread::get_id());
+    return true;
+  }
+  void leave() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    active_.erase(std::find(active_.begin(), active_.end(), std::this_thread::get_id()));
+    idle_.notify_all();
+  }
+  // Handlers on the calling thread (close() from inside a handler) are not waited for.
+  void close_and_wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    closed_ = true;
+    const auto self = std::this_thread::get_id();
+    idle_.wait(lock, [&] { return std::all_of(active_.begin(), active_.end(), [&](auto id) { return id == self; }); });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  bool closed_ = false;
+  std::vector<std::thread::id> active_;
+};
+
+void check_filter(const std::string& filter, const char* action) {
+  try {
+    core::check_topic_filter(filter);
+  } catch (const core::TopicError& e) {
+    throw BusError(std::string("cannot ") + action + ": " + e.what());
+  }
+}
+
+}  // namespace
+
+class Responder::Core : public TransportListener, public std::enable_shared_from_this<Responder::Core> {
+ public:
+  Core(std::string host, ResponderOptions options) : host_(std::move(host)), options_(std::move(options)) {}
+
+  void open() {
+    ConnectOptions connect;
+    connect.host = host_;
+    connect.client_name = options_.client_name;
+    transport_ = open_transport(connect, weak_from_this());
+    session_id_ = transport_->session_id();
+    worker_.start([self = shared_from_this()] { self->run_worker(); });
+  }
+
+  // ---- TransportListener ----
+  void on_request(IncomingRequest request) override {
+    if (options_.dispatch == Dispatch::Inline) {
+      if (!inline_gate_.enter()) return;
+      handle(request);
+      inline_gate_.leave();
+      return;
+    }
+    post([self = shared_from_this(), request = std::move(request)] { self->handle(request); });
+  }
+  void on_subscription_change(const std::string& filter, bool active) override {
+    post([self = shared_from_this(), filter, active] {
+      std::shared_ptr<const SubscriptionWatcher> watcher;
+      {
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        watcher = self->watcher_;
+      }
+      if (watcher) {
+        try {
+          (*watcher)(filter, active);
+        } catch (const std::exception& e) {
+          self->report(filter, e.what());
+        } catch (...) {
+          self->report(filter, "unknown exception");
+        }
+      }
+    });
+  }
+  void on_link_lost(const std::string& /*reason*/) override {
+    post([self = shared_from_this()] { self->recover(); });
+  }
+
+  // ---- operations ----
+  void serve(const std::string& filter, RequestHandler handler) {
+    check_filter(filter, "serve");
+    auto shared = std::make_shared<const RequestHandler>(std::move(handler));
+    std::shared_ptr<Transport> transport;
+    bool is_new = true;
+    std::shared_ptr<const RequestHandler> replaced;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      transport = live_transport("serve '" + filter + "'");
+      for (auto& service : services_) {
+        if (service.filter == filter) {
+          replaced = std::exchange(service.handler, shared);
+          is_new = false;
+        }
+      }
+      if (is_new) services_.push_back(Service{filter, core::has_wildcard(filter), shared});
+    }
+    if (is_new) transport->serve(filter);
+  }
+
+  void stop_serving(const std::string& filter) {
+    std::shared_ptr<Transport> transport;
+    std::shared_ptr<const RequestHandler> removed;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      transport = transport_;
+      auto it = std::find_if(services_.begin(), services_.end(), [&](const Service& s) { return s.filter == filter; });
+      if (it == services_.end()) return;
+      removed = it->handler;
+      services_.erase(it);
+    }
+    if (transport) transport->stop_serving(filter);
+  }
+
+  void watch(SubscriptionWatcher watcher) {
+    std::shared_ptr<Transport> transport;
+    std::shared_ptr<const SubscriptionWatcher> replaced;
+    const bool on = static_cast<bool>(watcher);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      transport = live_transport("watch subscriptions");
+      replaced = std::exchange(watcher_, on ? std::make_shared<const SubscriptionWatcher>(std::move(watcher)) : nullptr);
+    }
+    // Off and on again, so a replacing watcher also hears the filters active now.
+    transport->watch_subscriptions(false);
+    if (on) transport->watch_subscriptions(true);
+  }
+
+  std::shared_ptr<Transport> transport_for(const std::string& action) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return live_transport(action);
+  }
+
+  void close() {
+    std::shared_ptr<Transport> transport;
+    std::vector<Service> services;
+    std::shared_ptr<const SubscriptionWatcher> watcher;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (closed_) return;
+      closed_ = true;
+      transport = std::move(transport_);
+      services.swap(services_);
+      watcher = std::move(watcher_);
+    }
+    if (transport) transport->close();
+    std::deque<std::function<void()>> dropped;
+    {
+      std::lock_guard<std::mutex> lock(queue_mutex_);
+      worker_.request_stop();
+      dropped.swap(tasks_);
+      wake_.notify_all();
+    }
+    worker_.stop(std::chrono::milliseconds(-1));
+    inline_gate_.close_and_wait();
+  }
+
+  const std::string& session_id() const { return session_id_; }
+
+ private:
+  struct Service {
+    std::string filter;
+    bool wildcard;
+    std::shared_ptr<const RequestHandler> handler;
+  };
+
+  std::shared_ptr<Transport> live_transport(const std::string& action) const {
+    if (closed_ || !transport_) throw BusError("cannot " + action + ": the responder on '" + host_ + "' is closed");
+    return transport_;
+  }
+
+  void post(std::function<void()> task) {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    if (worker_.stop_requested()) return;
+    tasks_.push_back(std::move(task));
+    wake_.notify_one();
+  }
+
+  void run_worker() {
+    while (true) {
+      std::function<void()> task;
+      {
+        std::unique_lock<std::mutex> lock(queue_mutex_);
+        wake_.wait(lock, [&] { return worker_.stop_requested() || !tasks_.empty(); });
+        if (worker_.stop_requested()) return;
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+      }
+      task();
+    }
+  }
+
+  void handle(const IncomingRequest& request) {
+    const std::string& topic = request.message->topic;
+    std::shared_ptr<const RequestHandler> handler;
+    std::weak_ptr<Transport> transport;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (const auto& service : services_) {
+        if (!service.wildcard && service.filter == topic) handler = service.handler;
+      }
+      for (auto it = services_.begin(); !handler && it != services_.end(); ++it) {
+        if (it->wildcard && core::topic_matches(it->filter, topic)) handler = it->handler;
+      }
+      transport = transport_;
+    }
+    if (!handler) return;  // no longer served
+    const ServiceRequest service_request(request, ReplyHandle(std::make_shared<ReplyRoute>(transport, request)));
+    try {
+      (*handler)(service_request);
+    } catch (const std::exception& e) {
+      report(topic, e.what());
+    } catch (...) {
+      report(topic, "unknown exception");
+    }
+  }
+
+  void report(const std::string& topic, const std::string& what) {
+    if (!options_.on_error) return;
+    try {
+      options_.on_error(topic, what);
+    } catch (...) {
+      // The error hook itself failed; nothing else can be told.
+    }
+  }
+
+  // Re-attaches after the bus dropped the link, then restores served filters and the watcher.
+  void recover() {
+    while (true) {
+      std::shared_ptr<Transport> transport;
+      std::vector<std::string> filters;
+      bool watching;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closed_) return;
+        transport = transport_;
+        for (const auto& service : services_) filters.push_back(service.filter);
+        watching = static_cast<bool>(watcher_);
+      }
+      try {
+        transport->reopen();
+        for (const auto& filter : filters) transport->serve(filter);
+        if (watching) transport->watch_subscriptions(true);
+        return;
+      } catch (const BusError&) {
+        std::unique_lock<std::mutex> lock(queue_mutex_);
+        if (wake_.wait_for(lock, std::chrono::milliseconds(50), [&] { return worker_.stop_requested(); })) return;
+      }
+    }
+  }
+
+  const std::string host_;
+  const ResponderOptions options_;
+  std::string session_id_;
+
+  mutable std::mutex mutex_;
+  bool closed_ = false;
+  std::shared_ptr<Transport> transport_;
+  std::vector<Service> services_;
+  std::shared_ptr<const SubscriptionWatcher> watcher_;
+
+  std::mutex queue_mutex_;
+  std::condition_variable wake_;
+  std::deque<std::function<void()>> tasks_;
+  detail::StoppableThread worker_;
+  InflightGate inline_gate_;
+};
+
+// ---- Responder ----
+
+Responder::Responder(const std::string& host, ResponderOptions options)
+    : core_(std::make_shared<Core>(host, std::move(options))) {
+  core_->open();
+}
+
+Responder::~Responder() { core_->close(); }
+
+void Responder::serve(const std::string& filter, RequestHandler handler) { core_->serve(filter, std::move(handler)); }
+void Responder::stop_serving(const std::string& filter) { core_->stop_serving(filter); }
+
+void Responder::publish(std::string topic, std::string payload) {
+  try {
+    core::check_topic(topic);
+  } catch (const core::TopicError& e) {
+    throw BusError(std::string("cannot publish: ") + e.what());
+  }
+  core_->transport_for("publish on '" + topic + "'")->publish(make_message(std::move(topic), std::move(payload)));
+}
+
+void Responder::publish(std::string topic, const core::Value& payload) { publish(std::move(topic), core::encode(payload)); }
+
+std::size_t Responder::send_to_session(const std::string& session_id, std::string topic, std::string payload) {
+  return core_->transport_for("send to session '" + session_id + "'")
+      ->send_direct(AddressKind::SessionId, session_id, make_message(std::move(topic), std::move(payload)));
+}
+
+std::size_t Responder::send_to_session(const std::string& session_id, std::string topic, const core::Value& payload) {
+  return send_to_session(session_id, std::move(topic), core::encode(payload));
+}
+
+std::size_t Responder::send_to_client(const std::string& client_name, std::string topic, std::string payload) {
+  return core_->transport_for("send to client '" + client_name + "'")
+      ->send_direct(AddressKind::ClientName, client_name, make_message(std::move(topic), std::move(payload)));
+}
+
+std::size_t Responder::send_to_client(const std::string& client_name, std::string topic, const core::Value& payload) {
+  return send_to_client(client_name, std::move(topic), core::encode(payload));
+}
+
+void Responder::watch_subscriptions(SubscriptionWatcher watcher) { core_->watch(std::move(watcher)); }
+
+bool Responder::has_subscribers(const std::string& topic) const {
+  return core_->transport_for("look up subscribers")->has_subscribers(topic);
+}
+
+const std::string& Responder::session_id() const { return core_->session_id(); }
+
+void Responder::close() { core_->close(); }
+
+}  // namespace quorvex::bus
