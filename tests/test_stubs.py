@@ -27,16 +27,6 @@ LANDING = {
         "ticks", "kbars", "daily_quotes", "_ticks_cb", "_kbars_cb", "_daily_quotes_cb",
         "snapshots", "scanners", "credit_enquires", "short_stock_sources",
         "_snapshots_cb", "_scanners_cb", "_credit_enquires_cb", "_short_stock_source_cb",
-        # accounts
-        "account_balance", "margin", "settlements", "list_settlements", "list_positions",
-        "list_position_detail", "list_profit_loss", "list_profit_loss_detail", "list_profit_loss_summary",
-        "_account_balance_cb", "_margin_cb", "_settlements_cb", "_list_settlements_cb", "_list_positions_cb",
-        "_list_position_detail_cb", "_list_profit_loss_cb", "_list_profit_loss_detail_cb",
-        "_list_profit_loss_summary_cb",
-        # reservation
-        "reserve_stock", "reserve_earmarking", "stock_reserve_summary", "stock_reserve_detail",
-        "earmarking_detail", "_reserve_stock_cb", "_reserve_earmarking_cb", "_stock_reserve_summary_cb",
-        "_stock_reserve_detail_cb", "_earmarking_detail_cb",
     },
 }
 # fmt: on
