@@ -148,3 +148,34 @@ class TestOrderStream:
         api.set_order_callback(boom)
         with pytest.raises(ValueError, match="handler failed"):
             api.on_p2p_wrap("x/DEAL", {})
+
+
+class RecordingLogger:
+    """A substitute logger whose catchers record how they were used."""
+
+    def __init__(self):
+        self.events = []
+
+    def catch(self, *args, **kwargs):
+        self.events.append(("catch", args, kwargs))
+        logger = self
+
+        class Catcher:
+            def __enter__(self):
+                logger.events.append(("enter",))
+
+            def __exit__(self, *exc):
+                logger.events.append(("exit", exc[0]))
+                return exc[0] is not None and issubclass(exc[0], Exception)
+
+        return Catcher()
+
+
+@pytest.mark.parametrize("fails", [False, True])
+def test_a_substitute_logger_gets_a_fresh_catcher_around_every_call(api_module, api, monkeypatch, fails):
+    monkeypatch.setattr(api_module, "logger", RecordingLogger())
+    api.on_event_callback = boom if fails else (lambda *a: None)
+    api.on_event_wrap(1, 2, 3, 4)
+    api.on_event_wrap(1, 2, 3, 4)
+    expected_exit = ValueError if fails else None
+    assert api_module.logger.events == [("catch", (), {}), ("enter",), ("exit", expected_exit)] * 2

@@ -28,8 +28,6 @@ Registry& registry();
 
 // "inproc://x" -> "x"; "" without a scheme.
 std::string host_address(const std::string& host);
-// The host with any user information hidden, for error texts.
-std::string display_host(const std::string& host);
 
 }  // namespace detail
 }  // namespace quorvex::bus

@@ -76,7 +76,7 @@ void check_filter(const std::string& filter, const char* action) {
   try {
     core::check_topic_filter(filter);
   } catch (const core::TopicError& e) {
-    throw BusError(std::string("cannot ") + action + ": " + e.what());
+    throw core::TopicError(std::string("cannot ") + action + ": " + e.what());
   }
 }
 
@@ -332,7 +332,7 @@ void Responder::publish(std::string topic, std::string payload) {
   try {
     core::check_topic(topic);
   } catch (const core::TopicError& e) {
-    throw BusError(std::string("cannot publish: ") + e.what());
+    throw core::TopicError(std::string("cannot publish: ") + e.what());
   }
   core_->transport_for("publish on '" + topic + "'")->publish(make_message(std::move(topic), std::move(payload)));
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
 #include <unordered_map>
 #include <utility>
 
@@ -21,7 +22,7 @@ std::shared_ptr<const SessionEvent> make_event(SessionEventCode code, int respon
 
 void check_options(const ConnectOptions& o) {
   auto require = [&](bool ok, const char* name, int value, const char* expected) {
-    if (!ok) throw BusError(std::string(name) + " must be " + expected + ", got " + std::to_string(value));
+    if (!ok) throw std::invalid_argument(std::string(name) + " must be " + expected + ", got " + std::to_string(value));
   };
   require(o.connect_timeout_ms > 0, "connect_timeout_ms", o.connect_timeout_ms, "positive");
   require(o.reconnect_retries >= -1, "reconnect_retries", o.reconnect_retries, "-1 (forever) or more");
@@ -34,7 +35,7 @@ void check_topic_for(const std::string& topic, const char* action) {
   try {
     core::check_topic(topic);
   } catch (const core::TopicError& e) {
-    throw BusError(std::string("cannot ") + action + ": " + e.what());
+    throw core::TopicError(std::string("cannot ") + action + ": " + e.what());
   }
 }
 
@@ -172,7 +173,7 @@ void Session::Core::connect(const ConnectOptions& options) {
     if (auto core = weak.lock()) core->run_dispatcher(channel);
   });
   channel->push(Delivery{DeliveryKind::Event, {}, {},
-                         make_event(SessionEventCode::Connected, 0, "connected to " + detail::display_host(options.host))});
+                         make_event(SessionEventCode::Connected, 0, "connected to " + host_for_display(options.host))});
 }
 
 void Session::Core::run_dispatcher(const std::shared_ptr<Channel>& channel) {
@@ -245,7 +246,7 @@ void Session::Core::recover_link(const std::shared_ptr<Channel>& channel, const 
       if (channel_ != channel) return;
       state_ = LinkState::Up;
     }
-    emit(SessionEventCode::Reconnected, 0, "reconnected to " + detail::display_host(options.host));
+    emit(SessionEventCode::Reconnected, 0, "reconnected to " + host_for_display(options.host));
     return;
   }
   {
@@ -253,7 +254,7 @@ void Session::Core::recover_link(const std::shared_ptr<Channel>& channel, const 
     if (channel_ != channel) return;
     state_ = LinkState::Down;
   }
-  emit(SessionEventCode::Down, 1, "gave up reconnecting to " + detail::display_host(options.host) + ": " + last_error);
+  emit(SessionEventCode::Down, 1, "gave up reconnecting to " + host_for_display(options.host) + ": " + last_error);
   channel->push(Delivery{DeliveryKind::SessionDown, {}, {}, {}});
 }
 
@@ -305,10 +306,10 @@ std::shared_ptr<Transport> Session::Core::usable_transport(const std::string& ac
     case LinkState::Closed:
       throw BusError("cannot " + action + ": the session is not connected; call connect() first");
     case LinkState::Reconnecting:
-      throw BusError("cannot " + action + ": the session is reconnecting to " + detail::display_host(options_.host));
+      throw BusError("cannot " + action + ": the session is reconnecting to " + host_for_display(options_.host));
     case LinkState::Down:
       throw BusError("cannot " + action + ": the session is down (reconnecting to " +
-                     detail::display_host(options_.host) + " failed); connect again");
+                     host_for_display(options_.host) + " failed); connect again");
   }
   return nullptr;
 }
@@ -398,7 +399,7 @@ void Session::Core::subscribe(const std::string& filter) {
   try {
     core::check_topic_filter(filter);
   } catch (const core::TopicError& e) {
-    throw BusError(std::string("cannot subscribe: ") + e.what());
+    throw core::TopicError(std::string("cannot subscribe: ") + e.what());
   }
   std::lock_guard<std::mutex> order(subscription_order_);
   std::shared_ptr<Transport> transport;

@@ -67,25 +67,24 @@ void pack_value(msgpack::packer<StringSink>& pk, std::string& out, const Value& 
   }
 }
 
-// Builds a Value tree from msgpack parse events. Every element still owed by an open container needs
-// at least one more input byte, so the owed count is checked against the input size before a
-// container is reserved: hostile headers cannot force allocations beyond a small multiple of the input.
+// Builds a Value tree from msgpack parse events; the guard keeps hostile headers from forcing
+// allocations beyond a small multiple of the input size.
 class TreeBuilder {
  public:
-  TreeBuilder(std::size_t input_size, std::size_t max_depth) : input_size_(input_size), max_depth_(max_depth) {}
+  TreeBuilder(std::size_t input_size, std::size_t max_depth) : guard_(input_size, max_depth) {}
 
   Value take_root() { return std::move(root_); }
   const std::string& error() const { return error_; }
 
-  bool visit_nil() { return place(Value()); }
-  bool visit_boolean(bool v) { return place(Value(v)); }
-  bool visit_positive_integer(std::uint64_t v) { return place(Value(v)); }
-  bool visit_negative_integer(std::int64_t v) { return place(Value(v)); }
-  bool visit_float32(float v) { return place(Value(v)); }
-  bool visit_float64(double v) { return place(Value(v)); }
+  bool visit_nil() { return place(nullptr); }
+  bool visit_boolean(bool v) { return place(v); }
+  bool visit_positive_integer(std::uint64_t v) { return place(v); }
+  bool visit_negative_integer(std::int64_t v) { return place(v); }
+  bool visit_float32(float v) { return place(v); }
+  bool visit_float64(double v) { return place(v); }
   bool visit_str(const char* data, std::uint32_t size) {
     if (in_key()) return take_key(data, size);
-    return place(Value(std::string(data, size)));
+    return place(std::string(data, size));
   }
   bool visit_bin(const char* data, std::uint32_t size) { return place(Value::binary(std::string_view(data, size))); }
   bool visit_ext(const char* data, std::uint32_t size) {
@@ -112,12 +111,9 @@ class TreeBuilder {
   bool end_map_value() { return true; }
   bool end_map() { return close(); }
   void parse_error(std::size_t /*parsed_offset*/, std::size_t error_offset) {
-    fail("malformed msgpack at byte " + std::to_string(error_offset));
+    fail(DecodeGuard::malformed_at(error_offset));
   }
-  void insufficient_bytes(std::size_t /*parsed_offset*/, std::size_t /*error_offset*/) {
-    fail("truncated msgpack: the input of " + std::to_string(input_size_) +
-         " bytes ends inside the message");
-  }
+  void insufficient_bytes(std::size_t /*parsed_offset*/, std::size_t /*error_offset*/) { fail(guard_.truncated()); }
   bool referenced() const { return false; }
   void set_referenced(bool) {}
 
@@ -150,45 +146,42 @@ class TreeBuilder {
     } else {
       duplicate = !frame.seen_keys.insert(key).second;
     }
-    if (duplicate) return fail("malformed payload: duplicate map key '" + std::string(key) + "'");
+    if (duplicate) return fail(DecodeGuard::duplicate_key(key));
     frame.key.assign(data, size);
-    --owed_;
+    guard_.spend();
     return true;
   }
 
-  // Places a finished value into the innermost open container (or as the root); returns its address.
-  Value* put(Value v) {
+  // Places a finished value, built in place from `arg`, into the innermost open container (or as
+  // the root); returns its address.
+  template <class T>
+  Value* put(T&& arg) {
     if (frames_.empty()) {
-      root_ = std::move(v);
+      root_ = Value(std::forward<T>(arg));
       return &root_;
     }
-    --owed_;
+    guard_.spend();
     Frame& frame = frames_.back();
     if (frame.is_map) {
       if (frame.key_position) {
-        fail(std::string("malformed payload: map key must be a string, found ") + v.kind_name());
+        fail(DecodeGuard::non_string_key(Value(std::forward<T>(arg)).kind_name()));
         return nullptr;
       }
-      return &frame.container->as_map().append_new(std::move(frame.key), std::move(v));
+      return &frame.container->as_map().append_new(std::move(frame.key), Value(std::forward<T>(arg)));
     }
-    Array& items = frame.container->as_array();
-    items.push_back(std::move(v));
-    return &items.back();
+    return &frame.container->as_array().emplace_back(std::forward<T>(arg));
   }
 
-  bool place(Value v) { return put(std::move(v)) != nullptr; }
+  template <class T>
+  bool place(T&& arg) {
+    return put(std::forward<T>(arg)) != nullptr;
+  }
 
   bool open(Value container, std::uint32_t n, bool is_map) {
-    if (frames_.size() >= max_depth_) {
-      return fail("malformed payload: nesting deeper than " + std::to_string(max_depth_) + " levels");
-    }
     Value* placed = put(std::move(container));
     if (!placed) return false;
-    owed_ += static_cast<std::size_t>(n) * (is_map ? 2 : 1);
-    if (owed_ > input_size_) {
-      return fail(std::string("malformed msgpack: ") + (is_map ? "map of " : "array of ") + std::to_string(n) +
-                  " entries cannot fit in the " + std::to_string(input_size_) + "-byte input");
-    }
+    std::string refusal = guard_.admit(frames_.size(), n, is_map);
+    if (!refusal.empty()) return fail(std::move(refusal));
     if (is_map) {
       placed->as_map().reserve(n);
     } else {
@@ -203,15 +196,44 @@ class TreeBuilder {
     return true;
   }
 
-  std::size_t input_size_;
-  std::size_t max_depth_;
-  std::size_t owed_ = 0;  // elements (keys and values) declared by open containers, not yet seen
+  DecodeGuard guard_;
   Value root_;
   std::vector<Frame> frames_;
   std::string error_;
 };
 
 }  // namespace
+
+std::string DecodeGuard::admit(std::size_t depth, std::uint32_t n, bool is_map) {
+  if (depth >= max_depth_) return "malformed payload: nesting deeper than " + std::to_string(max_depth_) + " levels";
+  owed_ += static_cast<std::size_t>(n) * (is_map ? 2 : 1);
+  if (owed_ > input_size_) {
+    return std::string("malformed msgpack: ") + (is_map ? "map of " : "array of ") + std::to_string(n) +
+           " entries cannot fit in the " + std::to_string(input_size_) + "-byte input";
+  }
+  return {};
+}
+
+std::string DecodeGuard::truncated() const {
+  return "truncated msgpack: the input of " + std::to_string(input_size_) + " bytes ends inside the message";
+}
+
+std::string DecodeGuard::malformed_at(std::size_t offset) { return "malformed msgpack at byte " + std::to_string(offset); }
+
+std::string DecodeGuard::trailing(std::size_t used, std::size_t size) {
+  return "malformed msgpack: " + std::to_string(size - used) + " trailing bytes after a message of " +
+         std::to_string(used) + " bytes";
+}
+
+std::string DecodeGuard::non_string_key(const char* found_kind) {
+  return std::string("malformed payload: map key must be a string, found ") + found_kind;
+}
+
+std::string DecodeGuard::duplicate_key(std::string_view key) {
+  return "malformed payload: duplicate map key '" + std::string(key) + "'";
+}
+
+std::string DecodeGuard::empty_input() { return "empty input, expected one msgpack message"; }
 
 void encode_append(const Value& value, std::string& out) {
   StringSink sink{out};
@@ -226,7 +248,7 @@ std::string encode(const Value& value) {
 }
 
 Value decode(std::string_view bytes, const DecodeLimits& limits) {
-  if (bytes.empty()) throw CodecError("empty input, expected one msgpack message");
+  if (bytes.empty()) throw CodecError(DecodeGuard::empty_input());
   TreeBuilder builder(bytes.size(), limits.max_depth);
   std::size_t offset = 0;
   const bool ok = msgpack::parse(bytes.data(), bytes.size(), offset, builder);
@@ -234,8 +256,7 @@ Value decode(std::string_view bytes, const DecodeLimits& limits) {
     throw CodecError(builder.error().empty() ? "malformed msgpack" : builder.error());
   }
   if (offset != bytes.size()) {
-    throw CodecError("malformed msgpack: " + std::to_string(bytes.size() - offset) +
-                     " trailing bytes after a message of " + std::to_string(offset) + " bytes");
+    throw CodecError(DecodeGuard::trailing(offset, bytes.size()));
   }
   return builder.take_root();
 }

@@ -412,10 +412,10 @@ void define_accounts(ApiClass& api) {
         const bool blocking = truthy(timeout);
         if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
         nb::object handler = attr(self, "_list_profit_loss_summary_cb");
+        nb::object placeholder = profit_loss_summary(fetch_status("Fetching"));
+        set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);  // before the send, as for every query
         nb::object resp =
             send_request(self, attr(self, "list_profit_loss_summary_topic"), payload, corrid, timeout, handler);
-        nb::object placeholder = profit_loss_summary(fetch_status("Fetching"));
-        set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);
         // The blocking path hands the handler the topic held in `list_profit_loss_sum_topic`,
         // which the constructor does not set: the call fails there with AttributeError after
         // the request went out, and the placeholder stays in _reqrep.

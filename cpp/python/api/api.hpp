@@ -195,9 +195,10 @@ struct Query {
 };
 
 // The common sequence once the payload and correlation id exist: register `cb` under the
-// id when non-blocking, send with the query's handler, store the placeholder made by
-// `make_placeholder` (after the send) in _reqrep, run the handler at once on the returned
-// reply when blocking, and return the placeholder.
+// id when non-blocking, store the placeholder made by `make_placeholder` in _reqrep, send
+// with the query's handler, run the handler at once on the returned reply when blocking,
+// and return the placeholder. The placeholder is stored before the send so that a reply
+// handled on the messaging thread before request() returns still finds it.
 nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb::handle payload,
                       nb::handle timeout, nb::handle cb, const std::function<nb::object()>& make_placeholder);
 

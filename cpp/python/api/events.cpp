@@ -5,17 +5,56 @@
 namespace quorvex::api {
 namespace {
 
+// Hands the error being propagated to an entered catcher's __exit__; re-raises it unless
+// the catcher suppressed it.
+void exit_with_error(nb::handle catcher, nb::python_error& e) {
+  // Before 3.12 an error raised from C holds a bare message until normalized; the catcher
+  // formats an exception instance.
+  e.restore();
+  PyObject *type = nullptr, *value = nullptr, *traceback = nullptr;
+  PyErr_Fetch(&type, &value, &traceback);
+  PyErr_NormalizeException(&type, &value, &traceback);
+  if (traceback) PyException_SetTraceback(value, traceback);
+  nb::object error_type = nb::steal(type), error = nb::steal(value);
+  nb::object error_traceback = traceback ? nb::steal(traceback) : nb::none();
+  nb::object suppressed = catcher.attr(QV_NAME("__exit__"))(error_type, error, error_traceback);
+  if (!truthy(suppressed)) {
+    PyErr_Restore(error_type.release().ptr(), error.release().ptr(),
+                  traceback ? error_traceback.release().ptr() : nullptr);
+    throw nb::python_error();
+  }
+}
+
+bool is_library_logger(nb::handle logger) {
+  static PyObject* const library_logger = nb::getattr(nb::module_::import_("loguru"), "logger").release().ptr();
+  return logger.ptr() == library_logger;
+}
+
 // Calls `handler(args...)` inside a fresh `logger.catch()` of the logging library: an error
 // is logged with its traceback and swallowed, so it never reaches the messaging thread.
+// Making the library's catcher costs about 20 us (it builds a class), far more than routing
+// a quote, and an entered one does nothing until an error leaves it; so with the library's
+// own logger the catcher is made and entered only once the handler has raised. Any other
+// `logger` (a substitute) gets its catcher made, entered and left around every call.
 template <typename... Args>
 void call_caught(nb::handle handler, Args&&... args) {
-  nb::object catcher = module_attr(QV_NAME("logger")).attr(QV_NAME("catch"))();
+  nb::object logger = module_attr(QV_NAME("logger"));
+  if (is_library_logger(logger)) {
+    try {
+      handler(std::forward<Args>(args)...);
+    } catch (nb::python_error& e) {
+      nb::object catcher = logger.attr(QV_NAME("catch"))();
+      catcher.attr(QV_NAME("__enter__"))();
+      exit_with_error(catcher, e);
+    }
+    return;
+  }
+  nb::object catcher = logger.attr(QV_NAME("catch"))();
   catcher.attr(QV_NAME("__enter__"))();
   try {
     handler(std::forward<Args>(args)...);
   } catch (nb::python_error& e) {
-    nb::object suppressed = catcher.attr(QV_NAME("__exit__"))(e.type(), e.value(), e.traceback());
-    if (!truthy(suppressed)) throw;
+    exit_with_error(catcher, e);
     return;
   }
   catcher.attr(QV_NAME("__exit__"))(nb::none(), nb::none(), nb::none());

@@ -144,9 +144,11 @@ nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb
   if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
   nb::object topic = attr(self, query.topic_attr);
   nb::object handler = attr(self, query.handler_attr);
-  nb::object resp = send_request(self, topic, payload, corrid, timeout, handler);
+  // Stored before the send: a non-blocking reply may be handled on the messaging thread
+  // before request() returns, and its handler must find the placeholder.
   nb::object placeholder = make_placeholder();
   set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);
+  nb::object resp = send_request(self, topic, payload, corrid, timeout, handler);
   if (blocking) handler(topic, corrid, resp);
   return placeholder;
 }

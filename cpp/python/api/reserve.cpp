@@ -9,7 +9,7 @@ namespace quorvex::api {
 namespace {
 
 // The shared sequence with one difference: a blocking call whose reply is empty raises
-// TimeoutError(topic, payload) once the placeholder is stored.
+// TimeoutError(topic, payload); the placeholder stays stored.
 nb::object send_reservation(nb::handle self, const Query& query, nb::handle payload, nb::handle timeout, nb::handle cb,
                             nb::handle placeholder) {
   nb::object corrid = new_corrid(self);
@@ -17,8 +17,9 @@ nb::object send_reservation(nb::handle self, const Query& query, nb::handle payl
   if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
   nb::object topic = attr(self, query.topic_attr);
   nb::object handler = attr(self, query.handler_attr);
-  nb::object resp = send_request(self, topic, payload, corrid, timeout, handler);
+  // Stored before the send, so that a reply handled before request() returns finds it.
   set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);
+  nb::object resp = send_request(self, topic, payload, corrid, timeout, handler);
   if (blocking) {
     if (!truthy(resp)) {
       nb::object error = module_attr(QV_NAME("TimeoutError"))(topic, payload);

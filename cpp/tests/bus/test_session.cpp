@@ -4,6 +4,7 @@
 
 #include "bus_fixtures.hpp"
 #include "quorvex/core/codec.hpp"
+#include "quorvex/core/topic.hpp"
 
 using namespace bus_test;
 using namespace quorvex::bus;
@@ -123,14 +124,14 @@ TEST(Session, RefusesWorkWhenNotConnected) {
 
 TEST(Session, RefusesInvalidTopicsAndOptions) {
   Client client(bus_host());
-  EXPECT_THROW(client.session.request("a/*/b", "\xc0", 10ms), BusError);
-  EXPECT_THROW(client.session.subscribe("a/>/b"), BusError);
+  EXPECT_THROW(client.session.request("a/*/b", "\xc0", 10ms), quorvex::core::TopicError);
+  EXPECT_THROW(client.session.subscribe("a/>/b"), quorvex::core::TopicError);
   auto bad = options(bus_host());
   bad.connect_timeout_ms = 0;
   try {
     client.session.connect(bad);
     FAIL();
-  } catch (const BusError& e) {
+  } catch (const std::invalid_argument& e) {
     EXPECT_STREQ(e.what(), "connect_timeout_ms must be positive, got 0");
   }
   EXPECT_TRUE(client.session.is_open());  // a refused connect leaves the open session alone

@@ -55,7 +55,8 @@ class Session {
   Session& operator=(const Session&) = delete;
 
   // Opens the link and starts the dispatcher; an open session is disconnected first.
-  // BusError naming the host on failure, with the session left disconnected.
+  // BusError naming the host on failure, with the session left disconnected;
+  // std::invalid_argument for invalid options (the open session is then left alone).
   void connect(const ConnectOptions& options);
   // Idempotent. Blocking requests in progress return with no reply.
   void disconnect();
@@ -72,7 +73,7 @@ class Session {
   std::string next_correlation_id();
 
   // Blocking request: the reply, or nullptr when none came within `timeout` (or the session closed).
-  // BusError when the session is not open or the topic is invalid.
+  // BusError when the session is not up; core::TopicError for an invalid topic.
   MessagePtr request(std::string topic, std::string payload, std::chrono::milliseconds timeout);
   // Non-blocking request: returns at once; the reply comes as a DeliveryKind::Reply delivery.
   void request_async(std::string topic, std::string payload, std::string corrid, std::shared_ptr<void> context);

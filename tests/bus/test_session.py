@@ -1,0 +1,342 @@
+"""SolClient as the api uses it: connect, requests, callbacks, events, disconnect."""
+import gc
+import re
+import threading
+import time
+import weakref
+
+import pymqlink
+import pytest
+from pymqlink import BusError, SolClient, _core
+
+from .helpers import Recorder, wait_until
+
+
+@pytest.fixture
+def echo(responder):
+    """Replies with the payload and what the service learnt about the sender."""
+    seen = []
+
+    def handler(topic, payload, info):
+        seen.append((topic, payload))
+        return {"topic": topic, "payload": payload, "token": info.token, "client_name": info.client_name,
+                "session_id": info.session_id}
+
+    responder.serve("svc/>", handler)
+    return seen
+
+
+# ---- connection ----
+
+def test_new_client_is_not_connected_and_repr_hides_secrets(connect):
+    fresh = SolClient()
+    assert fresh.sol is False
+    assert fresh._token == ""
+    assert repr(fresh) == "<SolClient not connected>"
+    client = connect("PYAPI/A123")
+    client.set_session("tok-SECRET")
+    assert client.sol is True
+    assert client._token == "tok-SECRET"
+    text = repr(client)
+    assert "PYAPI/A123" in text and "SECRET" not in text and "s3cret-pw" not in text
+
+
+@pytest.mark.parametrize(
+    "bad_host, message",
+    [
+        ("203.0.113.7:55555", "cannot connect to host '203.0.113.7:55555': expected scheme://address"),
+        ("nosuch://x", "cannot connect to host 'nosuch://x': unknown scheme 'nosuch'"),
+        ("nosuch://user:pw@x", "cannot connect to host 'nosuch://***@x'"),
+        ("inproc://", "cannot connect to host 'inproc://': expected inproc://NAME"),
+    ],
+)
+def test_bad_host_raises_bus_error_naming_it(bad_host, message):
+    client = SolClient()
+    with pytest.raises(BusError) as caught:
+        client.connect(bad_host, "vpn", "user", "pw", "PYAPI/X")
+    assert str(caught.value).startswith(message)
+    assert isinstance(caught.value, ConnectionError)
+    assert client.sol is False
+
+
+@pytest.mark.parametrize(
+    "setting, value, message",
+    [("connect_timeout_ms", 0, "connect_timeout_ms must be positive, got 0"),
+     ("reconnect_retries", -2, "reconnect_retries must be -1 (forever) or more, got -2")],
+)
+def test_invalid_settings_are_value_errors(host, setting, value, message):
+    with pytest.raises(ValueError, match=re.escape(message)):
+        SolClient().connect(host, "vpn", "user", "pw", "PYAPI/X", **{setting: value})
+
+
+def test_disconnect_is_idempotent_and_ends_sol(client):
+    client.disconnect()
+    client.disconnect()
+    assert client.sol is False
+
+
+def test_work_on_a_client_that_is_not_connected_is_refused():
+    client = SolClient()
+    with pytest.raises(BusError, match="the session is not connected; call connect"):
+        client.request("svc/x", {})
+    with pytest.raises(BusError, match="not connected"):
+        client.subscribe("a/b")
+
+
+def test_reqids_are_fresh_text():
+    client = SolClient()
+    ids = [client._gen_reqid() for _ in range(1000)]
+    assert all(isinstance(i, str) for i in ids)
+    assert len(set(ids)) == 1000
+
+
+# ---- requests ----
+
+def test_blocking_request_carries_token_and_client_name(client, echo):
+    client.set_session("tok-1")
+    client.set_client_name("PYAPI/A123")
+    reply = client.request("svc/login", {"person_id": "A123", "n": [1, 2.5, None]})
+    assert reply == {"topic": "svc/login", "payload": {"person_id": "A123", "n": [1, 2.5, None]},
+                     "token": "tok-1", "client_name": "PYAPI/A123", "session_id": client.session_id}
+
+
+def test_timeout_returns_none(client, responder):
+    responder.serve("svc/silent", lambda topic, payload, info: None)
+    start = time.monotonic()
+    assert client.request("svc/silent", {}, timeout=50) is None
+    assert client.request("svc/nobody", {}, timeout=50) is None
+    assert time.monotonic() - start >= 0.1
+
+
+def test_async_reply_runs_cb_on_the_callback_thread(client, echo):
+    cb = Recorder()
+    assert client.request("svc/a", {"x": 1}, corrid="c-7", timeout=0, cb=cb) is None
+    assert client.request("svc/b", {"x": 2}, timeout=0, cb=cb) is None
+    assert cb.wait(2)
+    (topic1, corrid1, reply1), (topic2, corrid2, reply2) = cb.calls
+    assert (topic1, corrid1, reply1["payload"]) == ("svc/a", "c-7", {"x": 1})
+    assert topic2 == "svc/b" and isinstance(corrid2, str) and corrid2 and reply2["payload"] == {"x": 2}
+    assert threading.get_ident() not in cb.threads
+    assert len(cb.threads) == 1
+
+
+def test_blocking_request_inside_a_callback_completes(client, responder, echo):
+    results = []
+    client.set_p2p_callback(lambda topic, state: results.append(client.request("svc/nested", state, timeout=2000)))
+    responder.send_p2p(client.session_id, "ORDER", {"n": 1})
+    assert wait_until(lambda: results)
+    assert results[0]["payload"] == {"n": 1}
+
+
+class Unencodable:
+    pass
+
+
+def test_unencodable_payload_raises_and_sends_nothing(client, echo):
+    with pytest.raises(TypeError) as caught:
+        client.request("svc/order", {"order": {"price": Unencodable()}})
+    assert str(caught.value) == "payload['order']['price']: cannot encode object of type Unencodable"
+    with pytest.raises(TypeError):
+        client.request("svc/order", {"orders": [1, Unencodable()]}, timeout=0, cb=print)
+    time.sleep(0.05)
+    assert echo == []
+
+
+@pytest.mark.parametrize(
+    "kwargs, error, message",
+    [({"timeout": -1}, ValueError, "timeout must be zero or more milliseconds, got -1"),
+     ({"timeout": "5"}, TypeError, "timeout must be a number of milliseconds, got str"),
+     ({"timeout": 0, "cb": 3}, TypeError, "cb must be callable or None, got int"),
+     ({"timeout": 0, "corrid": 5}, TypeError, "corrid must be str or None, got int")],
+)
+def test_invalid_request_arguments(client, kwargs, error, message):
+    with pytest.raises(error, match=re.escape(message)):
+        client.request("svc/x", {}, **kwargs)
+
+
+def test_invalid_topics_are_value_errors(client):
+    with pytest.raises(ValueError, match="wildcard level"):
+        client.request("svc/*/x", {})
+    with pytest.raises(ValueError, match="'>' may only end a filter"):
+        client.subscribe("a/>/b")
+
+
+def test_default_timeout_applies_when_none_given(client, responder):
+    responder.serve("svc/silent", lambda topic, payload, info: None)
+    client.default_timeout = 30
+    start = time.monotonic()
+    assert client.request("svc/silent", {}) is None
+    assert time.monotonic() - start < 1.0
+    with pytest.raises(ValueError):
+        client.default_timeout = 0
+
+
+# ---- published and point-to-point messages ----
+
+def test_wildcard_subscriptions_deliver_in_order(client, responder):
+    msgs = Recorder()
+    client.set_msg_callback(msgs)
+    client.subscribe("TIC/v1/STK/*/TSE/>")
+    client.subscribe("QUO/v1/FOP/*/TFE/TXFA4")
+    responder.publish("TIC/v1/STK/1/TSE/2330", {"content": [1]})
+    responder.publish("TIC/v1/STK/1/OTC/6488", {"content": [2]})
+    responder.publish("QUO/v1/FOP/1/TFE/TXFA4", {"content": [3]})
+    for i in range(100):
+        responder.publish("TIC/v1/STK/2/TSE/2317", {"content": [10 + i]})
+    assert msgs.wait(102)
+    assert msgs.calls[0] == ("TIC/v1/STK/1/TSE/2330", {"content": [1]})
+    assert [m["content"][0] for _, m in msgs.calls] == [1, 3] + list(range(10, 110))
+    client.unsubscribe("TIC/v1/STK/*/TSE/>")
+    responder.publish("TIC/v1/STK/3/TSE/2330", {"content": [0]})
+    responder.publish("QUO/v1/FOP/2/TFE/TXFA4", {"content": [4]})
+    assert msgs.wait(103)
+    assert msgs.calls[-1][1] == {"content": [4]}
+
+
+def test_p2p_reaches_only_the_addressed_session(connect, responder):
+    alice, bob = connect("PYAPI/ALICE"), connect("PYAPI/BOB")
+    to_alice, to_bob = Recorder(), Recorder()
+    alice.set_p2p_callback(to_alice)
+    bob.set_p2p_callback(to_bob)
+    assert responder.send_p2p("PYAPI/ALICE", "TFT_ORDER", {"order": {"id": "1"}}) == 1
+    assert responder.send_p2p(bob.session_id, "FDEAL", {"deal": 2}) == 1
+    assert responder.send_p2p("PYAPI/NOBODY", "DEAL", {}) == 0
+    assert to_alice.wait(1) and to_bob.wait(1)
+    time.sleep(0.05)
+    assert to_alice.calls == [("TFT_ORDER", {"order": {"id": "1"}})]
+    assert to_bob.calls == [("FDEAL", {"deal": 2})]
+
+
+def test_raising_callback_is_logged_and_delivery_goes_on(client, responder, logged):
+    def flaky(topic, msg):
+        if msg["n"] == 0:
+            raise ZeroDivisionError("boom in handler")
+        seen.append(msg["n"])
+
+    seen = []
+    client.set_msg_callback(flaky)
+    client.subscribe("feed")
+    for n in range(3):
+        responder.publish("feed", {"n": n})
+    assert wait_until(lambda: seen == [1, 2])
+    errors = [r for r in logged if "boom in handler" in r]
+    assert len(errors) == 1
+    assert "message callback for topic 'feed'" in errors[0]
+    assert "Traceback" in errors[0] and "in flaky" in errors[0]
+
+
+def test_callbacks_can_be_replaced_and_cleared(client, responder):
+    first, second = Recorder(), Recorder()
+    client.subscribe("feed")
+    client.set_msg_callback(first)
+    responder.publish("feed", {"n": 1})
+    assert first.wait(1)
+    client.set_msg_callback(second)
+    responder.publish("feed", {"n": 2})
+    assert second.wait(1)
+    client.set_msg_callback(None)
+    responder.publish("feed", {"n": 3})
+    time.sleep(0.05)
+    assert len(first.calls) == 1 and len(second.calls) == 1
+    with pytest.raises(TypeError, match="set_msg_callback expects a callable or None, got int"):
+        client.set_msg_callback(3)
+
+
+def test_disconnect_with_callbacks_in_flight_returns_promptly(client, responder):
+    started = threading.Event()
+
+    def slow(topic, msg):
+        started.set()
+        time.sleep(0.05)
+
+    client.set_msg_callback(slow)
+    client.subscribe("feed")
+    for n in range(100):
+        responder.publish("feed", {"n": n})
+    assert started.wait(2)
+    start = time.monotonic()
+    client.disconnect()
+    assert time.monotonic() - start < 0.5
+    assert client.sol is False
+
+
+def test_disconnect_from_inside_a_callback_does_not_hang(client, responder):
+    done = threading.Event()
+
+    def stop(topic, msg):
+        client.disconnect()
+        done.set()
+
+    client.set_msg_callback(stop)
+    client.subscribe("feed")
+    responder.publish("feed", {})
+    assert done.wait(2)
+    assert client.sol is False
+
+
+# ---- session events ----
+
+def test_connect_emits_the_connected_event(host):
+    events = Recorder()
+    client = SolClient()
+    client.set_event_callback(events)
+    client.connect(host, "vpn", "user", "pw", "PYAPI/X")
+    try:
+        assert events.wait(1)
+        resp_code, event_code, info, event = events.calls[0]
+        assert (resp_code, event_code, event) == (0, 0, "connected")
+        assert host in info
+    finally:
+        client.disconnect()
+
+
+def test_lost_link_reconnects_then_goes_down_when_the_bus_is_gone(connect, bus_name, responder):
+    events, down = Recorder(), Recorder()
+    client = connect(reconnect_retries=3, reconnect_retry_wait=5)
+    client.set_event_callback(events)
+    client.set_session_down_callback(down)
+    msgs = Recorder()
+    client.set_msg_callback(msgs)
+    client.subscribe("feed")
+
+    assert _core._inproc_sever(bus_name, client.session_id)
+    # The "connected" event may or may not come after the callback was set.
+    assert wait_until(lambda: [c[3] for c in events.calls if c[3] != "connected"] == ["reconnecting", "reconnected"])
+    responder.publish("feed", {"after": "reconnect"})
+    assert msgs.wait(1)
+
+    _core._inproc_shutdown(bus_name)
+    try:
+        assert down.wait(1)
+        assert down.calls == [()]
+        codes = [c[1] for c in events.calls]
+        assert codes[-2:] == [1, 3]  # reconnecting, down
+        assert "shut down" in events.calls[-1][2]
+        assert client.sol is True
+        with pytest.raises(BusError, match="the session is down"):
+            client.request("svc/x", {})
+    finally:
+        _core._inproc_shutdown(bus_name, down=False)
+
+
+# ---- lifetime ----
+
+def test_client_in_a_reference_cycle_through_its_callback_is_collected(host):
+    class Api:
+        def __init__(self):
+            self.session = SolClient()
+            self.session.set_msg_callback(self.on_msg)
+            self.session.connect(host, "vpn", "user", "pw", "PYAPI/GC")
+
+        def on_msg(self, topic, msg):
+            pass
+
+    api = Api()
+    ref = weakref.ref(api)
+    del api
+    gc.collect()
+    assert ref() is None
+
+
+def test_package_exports():
+    assert set(pymqlink.__all__) <= set(dir(pymqlink))
