@@ -7,32 +7,18 @@ import importlib
 import inspect
 import re
 from pathlib import Path
-from typing import Any, Dict, List, Tuple
+from typing import Any, Callable, Dict, List, Tuple
 
 import pytest
 
 ROOT = Path(__file__).resolve().parent.parent
 PACKAGES = ROOT / "python"
 
-# Methods of SolaceAPI whose service areas are still being written on their own branches:
-# the stub already declares them, and a build without them is not a stub fault. Remove
-# names from here as their areas land.
-# fmt: off
-LANDING = {
-    "quorvex.backend.solace.api.SolaceAPI": {
-        # market data
-        "subscribe", "unsubscribe", "on_quote_wrap", "set_quote_callback",
-        "set_on_tick_stk_v1_callback", "set_on_tick_fop_v1_callback", "set_on_bidask_stk_v1_callback",
-        "set_on_bidask_fop_v1_callback", "set_on_quote_stk_v1_callback",
-        "ticks", "kbars", "daily_quotes", "_ticks_cb", "_kbars_cb", "_daily_quotes_cb",
-        "snapshots", "scanners", "credit_enquires", "short_stock_sources",
-        "_snapshots_cb", "_scanners_cb", "_credit_enquires_cb", "_short_stock_source_cb",
-    },
-}
-# fmt: on
-
 # Special methods a stub declares when the class defines them itself; the rest are inherited.
 DECLARED_SPECIALS = {"__init__", "__del__", "__call__", "__iter__", "__len__", "__getitem__"}
+
+# A special method the class only inherits from the C level (no constructor of its own, say).
+SLOT_WRAPPER = type(object.__init__)
 
 NO_DEFAULT = object()
 ANY_DEFAULT = object()  # a stub's `= ...`: some default the stub does not spell out
@@ -47,14 +33,39 @@ def module_name(stub: Path) -> str:
 
 
 class Parameters:
-    """The parameters of one signature after `self`: names in order and their defaults."""
+    """The parameters of one signature after `self`: name, kind and default of each."""
 
-    def __init__(self, names: List[str], defaults: List[Any]):
-        self.names = names
-        self.defaults = defaults
+    def __init__(self, params: List[Tuple[str, str, Any]]):
+        if params and params[0][1] in (POSITIONAL_ONLY, POSITIONAL) and params[0][0] in ("self", "cls"):
+            params = params[1:]
+        self.params = params
 
     def __repr__(self) -> str:
-        return "({})".format(", ".join(self.names))
+        prefix = {VAR_POSITIONAL: "*", VAR_KEYWORD: "**"}
+        return "({})".format(", ".join(prefix.get(kind, "") + name for name, kind, _ in self.params))
+
+
+POSITIONAL_ONLY, POSITIONAL, VAR_POSITIONAL, KEYWORD_ONLY, VAR_KEYWORD = (
+    "positional-only",
+    "positional",
+    "*args",
+    "keyword-only",
+    "**kwargs",
+)
+
+
+def ast_parameters(args: ast.arguments, default_of: Callable[[ast.expr], Any]) -> Parameters:
+    positional = [(a.arg, POSITIONAL_ONLY) for a in args.posonlyargs]
+    positional += [(a.arg, POSITIONAL) for a in args.args]
+    defaults = [NO_DEFAULT] * (len(positional) - len(args.defaults)) + [default_of(d) for d in args.defaults]
+    params = [(name, kind, default) for (name, kind), default in zip(positional, defaults)]
+    if args.vararg:
+        params.append((args.vararg.arg, VAR_POSITIONAL, NO_DEFAULT))
+    for arg, default in zip(args.kwonlyargs, args.kw_defaults):
+        params.append((arg.arg, KEYWORD_ONLY, NO_DEFAULT if default is None else default_of(default)))
+    if args.kwarg:
+        params.append((args.kwarg.arg, VAR_KEYWORD, NO_DEFAULT))
+    return Parameters(params)
 
 
 def stub_default(value: ast.expr) -> Any:
@@ -64,49 +75,50 @@ def stub_default(value: ast.expr) -> Any:
 
 
 def stub_parameters(node: ast.FunctionDef) -> Parameters:
-    args = node.args
-    positional = list(args.posonlyargs) + list(args.args)
-    defaults: List[Any] = [NO_DEFAULT] * (len(positional) - len(args.defaults))
-    defaults += [stub_default(value) for value in args.defaults]
-    names = [a.arg for a in positional]
-    for arg, value in zip(args.kwonlyargs, args.kw_defaults):
-        names.append(arg.arg)
-        defaults.append(NO_DEFAULT if value is None else stub_default(value))
-    if names and names[0] in ("self", "cls"):
-        names, defaults = names[1:], defaults[1:]
-    return Parameters(names, defaults)
+    return ast_parameters(node.args, stub_default)
+
+
+INSPECT_KINDS = {
+    inspect.Parameter.POSITIONAL_ONLY: POSITIONAL_ONLY,
+    inspect.Parameter.POSITIONAL_OR_KEYWORD: POSITIONAL,
+    inspect.Parameter.VAR_POSITIONAL: VAR_POSITIONAL,
+    inspect.Parameter.KEYWORD_ONLY: KEYWORD_ONLY,
+    inspect.Parameter.VAR_KEYWORD: VAR_KEYWORD,
+}
 
 
 def runtime_parameters(func: Any) -> List[Parameters]:
-    """One entry per overload of a nanobind function; one for a Python function."""
+    """One entry per overload of a nanobind function; one for any other callable."""
     nb_signatures = getattr(func, "__nb_signature__", None)
     if nb_signatures is None:
-        signature = inspect.signature(func)
-        params = list(signature.parameters.values())
-        if params and params[0].name in ("self", "cls"):
-            params = params[1:]
-        return [
-            Parameters(
-                [p.name for p in params], [NO_DEFAULT if p.default is p.empty else p.default for p in params]
-            )
-        ]
+        params = inspect.signature(func).parameters.values()
+        defaults = [NO_DEFAULT if p.default is p.empty else p.default for p in params]
+        return [Parameters([(p.name, INSPECT_KINDS[p.kind], d) for p, d in zip(params, defaults)])]
     found = []
     for text, _doc, default_values in nb_signatures:
         # nanobind writes a default as \N, the index into the tuple of default values.
-        source = re.sub(r"\\(\d+)", r"__default_\1", text) + ": ..."
-        node = ast.parse(source).body[0]
+        node = ast.parse(re.sub(r"\\(\d+)", r"__default_\1", text) + ": ...").body[0]
         assert isinstance(node, ast.FunctionDef)
-        args = node.args
-        positional = list(args.posonlyargs) + list(args.args)
-        names = [a.arg for a in positional] + [a.arg for a in args.kwonlyargs]
-        defaults: List[Any] = [NO_DEFAULT] * (len(positional) - len(args.defaults))
-        for value in list(args.defaults) + [d for d in args.kw_defaults if d is not None]:
+
+        def default_of(value: ast.expr, values: Any = default_values) -> Any:
             marker = re.fullmatch(r"__default_(\d+)", value.id) if isinstance(value, ast.Name) else None
-            defaults.append(default_values[int(marker.group(1))] if marker else ANY_DEFAULT)
-        if names and names[0] in ("self", "cls"):
-            names, defaults = names[1:], defaults[1:]
-        found.append(Parameters(names, defaults))
+            return values[int(marker.group(1))] if marker else ANY_DEFAULT
+
+        found.append(ast_parameters(node.args, default_of))
     return found
+
+
+def same_shape(stub: Parameters, built: Parameters) -> bool:
+    """Same parameters in the same order; a name only counts where it can be passed by keyword."""
+    if len(stub.params) != len(built.params):
+        return False
+    for (stub_name, stub_kind, _), (built_name, built_kind, _) in zip(stub.params, built.params):
+        if POSITIONAL_ONLY in (stub_kind, built_kind):
+            if {stub_kind, built_kind} - {POSITIONAL_ONLY, POSITIONAL}:
+                return False
+        elif stub_kind != built_kind or (stub_kind in (POSITIONAL, KEYWORD_ONLY) and stub_name != built_name):
+            return False
+    return True
 
 
 class StubClass:
@@ -126,6 +138,10 @@ class StubClass:
 
     def names(self):
         return set(self.methods) | self.properties
+
+    def declares(self):
+        """Everything the stub says the class has; an annotated name may stand for a property."""
+        return self.names() | self.attributes
 
 
 def parse_stub(stub: Path) -> Tuple[Dict[str, StubClass], Dict[str, List[Parameters]]]:
@@ -148,7 +164,7 @@ def import_or_skip(name: str):
 def runtime_members(cls: type) -> Dict[str, Any]:
     members = {}
     for name, value in vars(cls).items():
-        if name.startswith("__") and name not in DECLARED_SPECIALS:
+        if name.startswith("__") and (name not in DECLARED_SPECIALS or isinstance(value, SLOT_WRAPPER)):
             continue
         if isinstance(value, property) or callable(value):
             members[name] = value
@@ -164,15 +180,15 @@ def same_default(stub_default: Any, runtime_default: Any) -> bool:
 
 
 def signature_problems(where: str, stubbed: List[Parameters], built: List[Parameters]) -> List[str]:
-    """Each stub overload must name the parameters of a built signature in order, and every
-    default the stub states must be the built one (an overload may leave a default out)."""
+    """Each stub overload must have the shape of a built signature, and every default the stub
+    states must be the built one (an overload of several may leave a default out)."""
     problems = []
     for stub in stubbed:
-        candidates = [b for b in built if b.names == stub.names]
+        candidates = [b for b in built if same_shape(stub, b)]
         if not candidates:
             problems.append("{}: stub parameters {} but built {}".format(where, stub, built))
             continue
-        for name, stub_default, built_default in zip(stub.names, stub.defaults, candidates[0].defaults):
+        for (name, _, stub_default), (_, _, built_default) in zip(stub.params, candidates[0].params):
             if stub_default is NO_DEFAULT and len(stubbed) > 1:
                 continue
             if not same_default(stub_default, built_default):
@@ -210,10 +226,10 @@ def test_stub_matches_the_built_module(stub):
             continue
         qualified = "{}.{}".format(module.__name__, class_name)
         members = runtime_members(cls)
-        missing_from_stub = set(members) - stub_class.names()
+        missing_from_stub = set(members) - stub_class.declares()
         if missing_from_stub:
             problems.append("{}: built but not in the stub: {}".format(qualified, sorted(missing_from_stub)))
-        not_built = stub_class.names() - set(dir(cls)) - LANDING.get(qualified, set())
+        not_built = stub_class.names() - set(dir(cls))
         if not_built:
             problems.append("{}: in the stub but not built: {}".format(qualified, sorted(not_built)))
         for name in stub_class.properties & set(members):

@@ -1,4 +1,5 @@
 """Where the binding reports exceptions raised by user callbacks."""
+
 from loguru import logger
 
 
