@@ -35,13 +35,13 @@ constexpr DemoStock kDemoStocks[] = {
     {"00878", "Taiwan Sustainable Dividend ETF", "00", "21.45", true},
 };
 
-struct IndexSpec {
+struct IndexListing {
   const char* code;
   Exchange exchange;
   const char* name;
   const char* reference;
 };
-constexpr IndexSpec kIndices[] = {
+constexpr IndexListing kIndices[] = {
     {"001", Exchange::TSE, "Weighted Index", "23000"},
     {"027", Exchange::TSE, "Electronics Index", "1150.25"},
     {"099", Exchange::TSE, "Top 50 Index", "17500.5"},
@@ -82,7 +82,7 @@ Industry industry_for(int code) {
   }
   if (lead / 10 == 4) return {"22", "Biotech"};
   if (lead / 10 == 9) return {"20", "Industries"};
-  static constexpr Industry kElectronics[] = {{"24", "Semiconductor"}, {"25", "Computer"}, {"26", "Optronics"},
+  static constexpr Industry kElectronics[] = {{"24", "Semiconductor"}, {"25", "Computer"},   {"26", "Optronics"},
                                               {"27", "Telecom"},       {"28", "Components"}, {"31", "Electronics"}};
   return kElectronics[code % 6];
 }
@@ -244,16 +244,16 @@ ContractMaster::ContractMaster(const ContractMasterConfig& config) : trading_day
   const std::size_t size = config.size;
 
   auto& indices = by_type_[static_cast<int>(SecurityType::Index)];
-  for (const IndexSpec& spec : kIndices) {
+  for (const IndexListing& listing : kIndices) {
     Contract c;
     c.security_type = SecurityType::Index;
-    c.exchange = spec.exchange;
-    c.code = spec.code;
-    c.symbol = std::string(to_text(spec.exchange)) + spec.code;
-    c.name = spec.name;
+    c.exchange = listing.exchange;
+    c.code = listing.code;
+    c.symbol = std::string(to_text(listing.exchange)) + listing.code;
+    c.name = listing.name;
     c.category = "IND";
     c.ladder = TickLadder::IndexFuture;
-    c.reference = *Price::parse(spec.reference);
+    c.reference = *Price::parse(listing.reference);
     c.update_date = day;
     c.unit = 1;
     indices.push_back(std::move(c));
@@ -394,8 +394,7 @@ std::size_t ContractMaster::size() const {
 Result<ContractPage> ContractMaster::page(SecurityType type, int page, int page_size) const {
   if (page_size < 1 || page_size > kMaxPageSize) {
     return refuse(RefusalCode::InvalidPageSize, "page_size " + std::to_string(page_size) +
-                                                    " is out of range; expected 1 to " +
-                                                    std::to_string(kMaxPageSize));
+                                                    " is out of range; expected 1 to " + std::to_string(kMaxPageSize));
   }
   const auto& list = contracts(type);
   const auto size = static_cast<std::size_t>(page_size);

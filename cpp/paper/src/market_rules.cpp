@@ -14,19 +14,12 @@ struct Band {
 constexpr std::int64_t kOpen = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t U(double v) { return static_cast<std::int64_t>(v * Price::kScale + 0.5); }
 
-constexpr std::array<Band, 6> kStock{{{U(10), U(0.01)},
-                                      {U(50), U(0.05)},
-                                      {U(100), U(0.1)},
-                                      {U(500), U(0.5)},
-                                      {U(1000), U(1)},
-                                      {kOpen, U(5)}}};
+constexpr std::array<Band, 6> kStock{
+    {{U(10), U(0.01)}, {U(50), U(0.05)}, {U(100), U(0.1)}, {U(500), U(0.5)}, {U(1000), U(1)}, {kOpen, U(5)}}};
 constexpr std::array<Band, 2> kEtf{{{U(50), U(0.01)}, {kOpen, U(0.05)}}};
 constexpr std::array<Band, 1> kIndexFuture{{{kOpen, U(1)}}};
-constexpr std::array<Band, 5> kOption{{{U(10), U(0.1)},
-                                       {U(50), U(0.5)},
-                                       {U(500), U(1)},
-                                       {U(1000), U(5)},
-                                       {kOpen, U(10)}}};
+constexpr std::array<Band, 5> kOption{
+    {{U(10), U(0.1)}, {U(50), U(0.5)}, {U(500), U(1)}, {U(1000), U(5)}, {kOpen, U(10)}}};
 
 struct Bands {
   const Band* begin;

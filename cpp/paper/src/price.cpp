@@ -6,6 +6,8 @@ namespace quorvex::paper {
 
 Money money_from_dollars(double dollars) { return std::llround(dollars * kCentsPerDollar); }
 
+std::string money_text(Money cents) { return Price::from_units(cents).to_string(); }
+
 Price Price::from_double(double value) { return Price(std::llround(value * kScale)); }
 
 std::optional<Price> Price::parse(std::string_view text) {

@@ -1,6 +1,7 @@
 // Trading dates and time stamps. Value types, free of shared state.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,6 +13,15 @@ namespace quorvex::paper {
 using Timestamp = std::int64_t;
 
 inline constexpr Timestamp kNanosPerSecond = 1'000'000'000;
+
+// Between time stamps and the clocks' time points (quorvex/core/clock.hpp).
+inline Timestamp to_timestamp(std::chrono::system_clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
+}
+inline std::chrono::system_clock::time_point to_time_point(Timestamp ts) {
+  return std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::nanoseconds(ts)));
+}
 
 // A civil date of the Taipei calendar.
 struct Date {

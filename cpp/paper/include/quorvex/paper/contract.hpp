@@ -22,17 +22,17 @@ enum class OptionRight : std::uint8_t { None, Call, Put };
 // Which way a stock may be day-traded.
 enum class DayTrade : std::uint8_t { Yes, OnlyBuy, No };
 
-std::string_view to_text(SecurityType type);  // "IND", "STK", "FUT", "OPT"
-std::string_view to_text(Exchange exchange);  // "TSE", "OTC", "OES", "TAIFEX"
-std::string_view to_text(OptionRight right);  // "", "C", "P"
+std::string_view to_text(SecurityType type);   // "IND", "STK", "FUT", "OPT"
+std::string_view to_text(Exchange exchange);   // "TSE", "OTC", "OES", "TAIFEX"
+std::string_view to_text(OptionRight right);   // "", "C", "P"
 std::string_view to_text(DayTrade day_trade);  // "Yes", "OnlyBuy", "No"
 std::optional<SecurityType> security_type_from_text(std::string_view text);
 
 struct Contract {
   SecurityType security_type = SecurityType::Stock;
   Exchange exchange = Exchange::TSE;
-  std::string code;      // "2330", "TXFL6", "TXO20000L6", "001"
-  std::string symbol;    // "TSE2330", "TXF202612", "TXO20261220000C", "TSE001"
+  std::string code;    // "2330", "TXFL6", "TXO20000L6", "001"
+  std::string symbol;  // "TSE2330", "TXF202612", "TXO20261220000C", "TSE001"
   std::string name;
   std::string category;  // industry code for stocks ("24"), product code for derivatives ("TXF")
   std::string currency = "TWD";
@@ -64,9 +64,7 @@ struct Contract {
   Money maintenance_margin = 0;  // likewise
 
   bool is_etf() const { return ladder == TickLadder::Etf; }
-  bool is_derivative() const {
-    return security_type == SecurityType::Future || security_type == SecurityType::Option;
-  }
+  bool is_derivative() const { return security_type == SecurityType::Future || security_type == SecurityType::Option; }
   bool tradable() const { return security_type != SecurityType::Index; }
   PriceLimits limits() const { return {limit_down, limit_up}; }
 };

@@ -19,6 +19,8 @@ inline constexpr Money kCentsPerDollar = 100;
 
 inline double to_dollars(Money cents) { return static_cast<double>(cents) / kCentsPerDollar; }
 Money money_from_dollars(double dollars);
+// "1234.5", "-20", "0.05": dollars with the cents only when there are any.
+std::string money_text(Money cents);
 
 // A price with two decimals. Every step of every Taiwan ladder is a multiple of 0.01,
 // so prices compare and step as integers and are never compared as doubles.

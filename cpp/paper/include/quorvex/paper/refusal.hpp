@@ -48,14 +48,15 @@ struct Refusal {
 template <typename T>
 class Result {
  public:
-  Result(T value) : state_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+  Result(T value) : state_(std::move(value)) {}            // NOLINT(google-explicit-constructor)
   Result(Refusal refusal) : state_(std::move(refusal)) {}  // NOLINT(google-explicit-constructor)
 
   bool ok() const { return state_.index() == 0; }
   explicit operator bool() const { return ok(); }
   const T& value() const& { return std::get<0>(state_); }
   T& value() & { return std::get<0>(state_); }
-  T&& value() && { return std::get<0>(std::move(state_)); }
+  // By value, so `for (auto& x : f().value())` does not outlive the temporary it reads.
+  T value() && { return std::get<0>(std::move(state_)); }
   const T* operator->() const { return &std::get<0>(state_); }
   const Refusal& refusal() const { return std::get<1>(state_); }
 

@@ -1,0 +1,294 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "quorvex/paper/matching_engine.hpp"
+
+namespace quorvex::paper {
+namespace {
+
+Price P(const char* text) { return *Price::parse(text); }
+
+OrderTicket ticket(const std::string& account, const std::string& code, Side side, const char* price, Quantity qty,
+                   Board board = Board::Common, OrderType type = OrderType::ROD,
+                   PriceType price_type = PriceType::Limit) {
+  OrderTicket t;
+  t.account = account;
+  t.code = code;
+  t.board = board;
+  t.side = side;
+  t.order_type = type;
+  t.price_type = price_type;
+  t.price = price_type == PriceType::Limit ? P(price) : Price();
+  t.quantity = qty;
+  return t;
+}
+
+class EngineTest : public ::testing::Test {
+ protected:
+  explicit EngineTest(bool liquidity = false)
+      : master_({1, 200, {2026, 1, 5}}), clock_(to_time_point(taipei_instant({2026, 1, 5}, 9 * 3600))) {
+    EngineConfig config;
+    config.liquidity.enabled = liquidity;
+    engine_ = std::make_unique<MatchingEngine>(master_, clock_, config, [this](const OrderEvent& e) {
+      std::lock_guard lock(events_mutex_);
+      events_.push_back(e);
+    });
+  }
+
+  std::vector<OrderEvent> events_of(OrderId id) {
+    std::lock_guard lock(events_mutex_);
+    std::vector<OrderEvent> out;
+    for (const OrderEvent& e : events_) {
+      if (e.order_id == id) out.push_back(e);
+    }
+    return out;
+  }
+
+  OrderId place_ok(const OrderTicket& t) {
+    const auto r = engine_->place(t);
+    EXPECT_TRUE(r.ok()) << (r.ok() ? "" : r.refusal().text);
+    return r.ok() ? r->id : 0;
+  }
+
+  ContractMaster master_;
+  core::ManualClock clock_;
+  std::mutex events_mutex_;
+  std::vector<OrderEvent> events_;
+  std::unique_ptr<MatchingEngine> engine_;
+};
+
+TEST_F(EngineTest, CancelAfterFillIsRefusedWithNothingToCancel) {
+  const OrderId sell = place_ok(ticket("S", "2330", Side::Sell, "1000", 2));
+  const OrderId buy = place_ok(ticket("B", "2330", Side::Buy, "1000", 2));
+  EXPECT_EQ(engine_->order(sell)->status, Status::Filled);
+  EXPECT_EQ(engine_->order(buy)->status, Status::Filled);
+  const auto refused = engine_->cancel(sell);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.refusal().code, RefusalCode::NothingToCancel);
+  EXPECT_EQ(refused.refusal().sts_code(), 74006);
+  EXPECT_EQ(refused.refusal().text,
+            "order " + engine_->order(sell)->ordno + " is already Filled; nothing left to cancel");
+  const auto events = events_of(sell);
+  ASSERT_FALSE(events.empty());
+  EXPECT_EQ(events.back().kind, OrderEventKind::Refused);
+  EXPECT_EQ(events.back().operation, OrderOperation::Cancel);
+  EXPECT_EQ(events.back().account, "S");
+  EXPECT_EQ(engine_->change_price(sell, P("995")).refusal().code, RefusalCode::NothingToCancel);
+  EXPECT_EQ(engine_->cancel(999999).refusal().code, RefusalCode::UnknownOrder);
+}
+
+TEST_F(EngineTest, RecordsFollowTheOrderThroughItsLife) {
+  const OrderId id = place_ok(ticket("A", "2330", Side::Buy, "995", 5));
+  EXPECT_EQ(engine_->order(id)->status, Status::Submitted);
+  place_ok(ticket("B", "2330", Side::Sell, "995", 2));
+  OrderRecord r = *engine_->order(id);
+  EXPECT_EQ(r.status, Status::PartFilled);
+  EXPECT_EQ(r.deal_quantity, 2);
+  ASSERT_EQ(r.deals.size(), 1u);
+  EXPECT_EQ(r.deals[0].price, P("995"));
+  ASSERT_TRUE(engine_->change_price(id, P("990")).ok());
+  ASSERT_TRUE(engine_->reduce_quantity(id, 1).ok());
+  r = *engine_->order(id);
+  EXPECT_EQ(r.modified_price, P("990"));
+  EXPECT_EQ(r.cancel_quantity, 1);
+  EXPECT_EQ(r.remaining(), 2);
+  const auto cancelled = engine_->cancel(id);
+  ASSERT_TRUE(cancelled.ok());
+  EXPECT_EQ(cancelled->status, Status::Cancelled);
+  EXPECT_EQ(cancelled->cancel_quantity, 3);
+  EXPECT_EQ(cancelled->deal_quantity, 2);
+  EXPECT_EQ(r.seqno.size(), 6u);
+  EXPECT_EQ(r.ordno.size(), 5u);
+  const auto mine = engine_->orders_of("A");
+  ASSERT_EQ(mine.size(), 1u);
+  EXPECT_EQ(mine[0].id, id);
+}
+
+TEST_F(EngineTest, RefusedPlacementIsRecordedAsFailed) {
+  const auto r = engine_->place(ticket("A", "2330", Side::Buy, "1002", 1));
+  ASSERT_FALSE(r.ok());
+  EXPECT_EQ(r.refusal().code, RefusalCode::PriceOffLadder);
+  const auto orders = engine_->orders_of("A");
+  ASSERT_EQ(orders.size(), 1u);
+  EXPECT_EQ(orders[0].status, Status::Failed);
+  EXPECT_EQ(orders[0].msg, r.refusal().text);
+  const auto events = events_of(orders[0].id);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, OrderEventKind::Refused);
+}
+
+TEST_F(EngineTest, UnknownIndexAndMisboardedContractsAreRefused) {
+  EXPECT_EQ(engine_->place(ticket("A", "XXXX", Side::Buy, "10", 1)).refusal().code, RefusalCode::UnknownContract);
+  EXPECT_EQ(engine_->place(ticket("A", "001", Side::Buy, "10", 1)).refusal().code, RefusalCode::UnknownContract);
+  EXPECT_EQ(engine_->place(ticket("A", "TXFA6", Side::Buy, "23000", 1, Board::IntradayOdd)).refusal().code,
+            RefusalCode::OrderTypeNotAllowed);
+}
+
+TEST_F(EngineTest, SymbolsReachTheContractsBook) {
+  place_ok(ticket("A", "TXF202601", Side::Sell, "23000", 1));
+  const OrderId buy = place_ok(ticket("B", "TXFA6", Side::Buy, "23000", 1));
+  EXPECT_EQ(engine_->order(buy)->status, Status::Filled);
+  EXPECT_EQ(engine_->book("TXF202601")->last_price, P("23000"));
+}
+
+TEST_F(EngineTest, OddLotsTradeOnTheirOwnBook) {
+  place_ok(ticket("A", "2330", Side::Sell, "1000", 1));
+  const OrderId odd = place_ok(ticket("B", "2330", Side::Buy, "1000", 300, Board::IntradayOdd));
+  EXPECT_EQ(engine_->order(odd)->status, Status::Submitted);
+  const OrderId odd_sell = place_ok(ticket("C", "2330", Side::Sell, "1000", 100, Board::IntradayOdd));
+  EXPECT_EQ(engine_->order(odd_sell)->status, Status::Filled);
+  EXPECT_EQ(engine_->order(odd)->deal_quantity, 100);
+  EXPECT_EQ(engine_->book("2330", Board::IntradayOdd)->bids[0].quantity, 200);
+  EXPECT_EQ(engine_->book("2330", Board::Common)->asks[0].quantity, 1);
+}
+
+TEST_F(EngineTest, RangeMarketOrderRestsAtItsProtectionPrice) {
+  place_ok(ticket("A", "TXFA6", Side::Sell, "23000", 1));
+  const OrderId buy =
+      place_ok(ticket("B", "TXFA6", Side::Buy, "0", 3, Board::Common, OrderType::ROD, PriceType::MarketRange));
+  const OrderRecord r = *engine_->order(buy);
+  EXPECT_EQ(r.deal_quantity, 1);
+  EXPECT_EQ(r.status, Status::PartFilled);
+  EXPECT_EQ(engine_->book("TXFA6")->bids[0].price, P("23020"));
+}
+
+TEST_F(EngineTest, RetentionForgetsTheOldestFinishedOrders) {
+  EngineConfig config;
+  config.liquidity.enabled = false;
+  config.finished_order_retention = 2;
+  MatchingEngine engine(master_, clock_, config);
+  std::vector<OrderId> ids;
+  for (int i = 0; i < 4; ++i) ids.push_back(engine.place(ticket("A", "2330", Side::Buy, "1000", 1)).value().id);
+  for (OrderId id : ids) ASSERT_TRUE(engine.cancel(id).ok());
+  EXPECT_EQ(engine.cancel(ids[0]).refusal().code, RefusalCode::UnknownOrder);
+  EXPECT_EQ(engine.cancel(ids[3]).refusal().code, RefusalCode::NothingToCancel);
+}
+
+// The handler runs without the engine's lock: it may query and even place orders, whose
+// events follow the current batch.
+TEST_F(EngineTest, HandlerMayCallBackIntoTheEngine) {
+  std::vector<std::pair<OrderEventKind, OrderId>> seen;
+  std::vector<Status> statuses_seen;
+  bool placed_from_handler = false;
+  engine_->set_event_handler([&](const OrderEvent& e) {
+    seen.emplace_back(e.kind, e.order_id);
+    statuses_seen.push_back(engine_->order(e.order_id)->status);
+    if (e.kind == OrderEventKind::Filled && !placed_from_handler) {
+      placed_from_handler = true;
+      engine_->place(ticket("H", "2330", Side::Buy, "990", 1));
+    }
+  });
+  const OrderId sell = place_ok(ticket("S", "2330", Side::Sell, "1000", 1));
+  const OrderId buy = place_ok(ticket("B", "2330", Side::Buy, "1000", 1));
+  ASSERT_TRUE(placed_from_handler);
+  ASSERT_EQ(seen.size(), 5u);
+  EXPECT_EQ(seen[1], std::make_pair(OrderEventKind::Accepted, buy));
+  EXPECT_EQ(seen[2].first, OrderEventKind::Filled);
+  EXPECT_EQ(seen[3], std::make_pair(OrderEventKind::Filled, sell));
+  EXPECT_EQ(seen[4].first, OrderEventKind::Accepted);
+  EXPECT_EQ(seen[4].second, buy + 1);
+  // The book was already consistent when the first event of the batch arrived.
+  EXPECT_EQ(statuses_seen[1], Status::Filled);
+}
+
+TEST_F(EngineTest, ThrowingHandlerDoesNotStopDelivery) {
+  int calls = 0;
+  engine_->set_event_handler([&](const OrderEvent&) {
+    ++calls;
+    throw std::runtime_error("handler failed");
+  });
+  EXPECT_THROW(engine_->place(ticket("S", "2330", Side::Sell, "1000", 2)), std::runtime_error);
+  calls = 0;
+  // Accepted and two fills all reach the handler; the operation itself has taken effect.
+  EXPECT_THROW(engine_->place(ticket("B", "2330", Side::Buy, "1000", 2)), std::runtime_error);
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(engine_->orders_of("B").at(0).status, Status::Filled);
+  engine_->set_event_handler([&](const OrderEvent&) { ++calls; });
+  place_ok(ticket("S", "2330", Side::Sell, "1000", 2));
+  EXPECT_EQ(calls, 4);
+}
+
+// Events reach the handler in the order they happened, from many threads at once.
+TEST_F(EngineTest, ConcurrentOperationsDeliverEveryOrdersEventsInOrder) {
+  constexpr int kThreads = 4;
+  constexpr int kOrders = 300;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < kOrders; ++i) {
+        const Side side = (i + t) % 2 ? Side::Buy : Side::Sell;
+        const char* price = i % 3 == 0 ? "1000" : (side == Side::Buy ? "995" : "1005");
+        const auto r = engine_->place(ticket("T" + std::to_string(t), "2330", side, price, 1 + i % 3));
+        if (r.ok() && i % 4 == 0) engine_->cancel(r->id);
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  std::map<OrderId, std::vector<OrderEvent>> by_order;
+  {
+    std::lock_guard lock(events_mutex_);
+    for (const OrderEvent& e : events_) by_order[e.order_id].push_back(e);
+  }
+  EXPECT_EQ(by_order.size(), static_cast<std::size_t>(kThreads * kOrders));
+  for (const auto& [id, events] : by_order) {
+    ASSERT_EQ(events.front().kind, OrderEventKind::Accepted) << id;
+    Quantity remaining = events.front().quantity;
+    bool finished = false;
+    for (std::size_t i = 1; i < events.size(); ++i) {
+      const OrderEvent& e = events[i];
+      if (e.kind == OrderEventKind::Refused) continue;
+      ASSERT_FALSE(finished) << "event after the end of order " << id;
+      ASSERT_EQ(e.remaining, remaining - e.quantity) << "order " << id;
+      remaining = e.remaining;
+      finished = remaining == 0;
+    }
+    const OrderRecord r = *engine_->order(id);
+    EXPECT_EQ(r.remaining(), remaining) << id;
+  }
+}
+
+class LiquidEngineTest : public EngineTest {
+ protected:
+  LiquidEngineTest() : EngineTest(true) {}
+};
+
+TEST_F(LiquidEngineTest, SyntheticLiquidityFillsAndIsReplenished) {
+  const auto before = engine_->book("2330");
+  EXPECT_TRUE(before->bids.empty());  // books open with their first order
+  const OrderId buy =
+      place_ok(ticket("A", "2330", Side::Buy, "0", 1, Board::Common, OrderType::IOC, PriceType::Market));
+  const OrderRecord r = *engine_->order(buy);
+  EXPECT_EQ(r.status, Status::Filled);
+  EXPECT_EQ(r.deals[0].price, P("1005"));  // one tick above the reference
+  const auto book = engine_->book("2330");
+  EXPECT_EQ(book->bids.size(), 5u);
+  EXPECT_EQ(book->asks.size(), 5u);
+  EXPECT_LT(book->bids[0].price, book->asks[0].price);
+  // Only the client's own events are delivered.
+  std::lock_guard lock(events_mutex_);
+  for (const OrderEvent& e : events_) {
+    EXPECT_FALSE(e.synthetic);
+    EXPECT_EQ(e.order_id, buy);
+  }
+}
+
+TEST_F(LiquidEngineTest, SameSeedSameSyntheticBook) {
+  place_ok(ticket("A", "2454", Side::Buy, "1200", 1));
+  EngineConfig config;
+  MatchingEngine other(master_, clock_, config);
+  other.place(ticket("A", "2454", Side::Buy, "1200", 1));
+  const auto a = engine_->book("2454", Board::Common, 10).value();
+  const auto b = other.book("2454", Board::Common, 10).value();
+  ASSERT_EQ(a.asks.size(), b.asks.size());
+  for (std::size_t i = 0; i < a.asks.size(); ++i) EXPECT_EQ(a.asks[i].quantity, b.asks[i].quantity);
+}
+
+}  // namespace
+}  // namespace quorvex::paper
