@@ -11,7 +11,6 @@ The baseline, measured in the same run, is decoding the same page bytes into the
 without the api; the figure to watch is the ratio. Memory per contract is measured in a
 separate pass with tracemalloc, so that tracing does not slow the timed runs.
 """
-
 import argparse
 import gc
 import os
@@ -25,43 +24,26 @@ import tracemalloc
 from typing import Dict, List
 
 import msgpack
-
 from quorvex.constant import FetchStatus, SecurityType
 
 PAGE_SIZE = 5000
 # Share of the master per security type; every type gets at least one page.
 SHARES = {
-    SecurityType.Index: 0.05,
-    SecurityType.Stock: 0.40,
-    SecurityType.Future: 0.20,
-    SecurityType.Option: 0.35,
+    SecurityType.Index: 0.05, SecurityType.Stock: 0.40, SecurityType.Future: 0.20, SecurityType.Option: 0.35,
 }
 
 
 def synthetic_contract(security_type: SecurityType, n: int) -> Dict[str, object]:
     code = "{}{:06d}".format(security_type.value, n)
     row = {
-        "security_type": security_type.value,
-        "code": code,
-        "symbol": "S" + code,
-        "name": "Contract " + code,
-        "unit": 1000,
-        "limit_up": 110.0,
-        "limit_down": 90.0,
-        "reference": 100.0,
-        "update_date": "2026/11/20",
+        "security_type": security_type.value, "code": code, "symbol": "S" + code, "name": "Contract " + code,
+        "unit": 1000, "limit_up": 110.0, "limit_down": 90.0, "reference": 100.0, "update_date": "2026/11/20",
     }
     if security_type in (SecurityType.Index, SecurityType.Stock):
         row.update(exchange="TSE", category="24", day_trade="Yes")
     else:
-        row.update(
-            exchange="TAIFEX",
-            category="TXF",
-            delivery_month="202612",
-            delivery_date="2026/12/16",
-            underlying_kind="I",
-            multiplier=200,
-        )
+        row.update(exchange="TAIFEX", category="TXF", delivery_month="202612", delivery_date="2026/12/16",
+                   underlying_kind="I", multiplier=200)
     if security_type is SecurityType.Option:
         row.update(strike_price=18000.0 + n, option_right="C")
     return row
@@ -73,31 +55,13 @@ def build_master(total: int) -> Dict[SecurityType, List[bytes]]:
     for security_type, share in SHARES.items():
         count = max(PAGE_SIZE, int(total * share) // PAGE_SIZE * PAGE_SIZE)
         pages = -(-count // PAGE_SIZE)
-        replies = [
-            msgpack.packb(
-                {
-                    "status": {"status_code": 200},
-                    "response": {"contracts": [], "security_type": security_type.value, "max_page": pages},
-                }
-            )
-        ]
+        replies = [msgpack.packb({"status": {"status_code": 200}, "response": {
+            "contracts": [], "security_type": security_type.value, "max_page": pages}})]
         for page in range(pages):
-            rows = [
-                synthetic_contract(security_type, n)
-                for n in range(page * PAGE_SIZE, min((page + 1) * PAGE_SIZE, count))
-            ]
-            replies.append(
-                msgpack.packb(
-                    {
-                        "status": {"status_code": 200},
-                        "response": {
-                            "contracts": rows,
-                            "security_type": security_type.value,
-                            "max_page": pages,
-                        },
-                    }
-                )
-            )
+            rows = [synthetic_contract(security_type, n)
+                    for n in range(page * PAGE_SIZE, min((page + 1) * PAGE_SIZE, count))]
+            replies.append(msgpack.packb({"status": {"status_code": 200}, "response": {
+                "contracts": rows, "security_type": security_type.value, "max_page": pages}}))
         master[security_type] = replies
     return master
 
@@ -203,11 +167,8 @@ def main():
 
     best, base = min(timings), min(baselines)
     print("contracts                   {:>10,} in {} pages of {:,}".format(count, pages, PAGE_SIZE))
-    print(
-        "download to fetched, best   {:>10.3f} s   (median {:.3f} s over {} runs)".format(
-            best, statistics.median(timings), args.runs
-        )
-    )
+    print("download to fetched, best   {:>10.3f} s   (median {:.3f} s over {} runs)".format(
+        best, statistics.median(timings), args.runs))
     print("  of which contracts file   {:>10.3f} s".format(best - without_file))
     print("baseline: decode the pages  {:>10.3f} s".format(base))
     print("ratio download / baseline   {:>10.2f}".format(best / base))
