@@ -26,12 +26,12 @@ class PyTWCASign:
     def subject(self) -> str: ...
 
 def issue_demo_certificate(
-    path: str | bytes | os.PathLike[str] | os.PathLike[bytes],
+    path: Union[str, bytes, os.PathLike[str], os.PathLike[bytes]],
     password: str,
     person_id: str,
     days: int = 30,
 ) -> str:
-    """Write a PKCS#12 file for person_id issued by the demo authority (paper trading only); returns the path."""
+    """Write a PKCS#12 file for person_id from the demo authority (paper trading only); returns the path."""
 
 def demo_authority_pem() -> str:
     """The demo authority's certificate in PEM, the same in every process."""
