@@ -172,18 +172,9 @@ class DemoPerson(BaseModel):
     futures_account: Dict[str, Any]
 
 
-class DemoCredentials(BaseModel):
+class DemoCredentials(DemoPerson):
     """``DEMO``: the demo person (signed accounts) and a second person for isolation."""
 
-    model_config = ConfigDict(frozen=True)
-
-    person_id: str
-    password: str = Field(repr=False)
-    api_key: str
-    api_secret: str = Field(repr=False)
-    simulation_token: str = Field(repr=False)
-    stock_account: Dict[str, Any]
-    futures_account: Dict[str, Any]
     second: DemoPerson
     host: str = "paper://"
 

@@ -4,8 +4,7 @@ import datetime
 from collections import OrderedDict
 
 import pytest
-from quorvex.constant import QuoteType, QuoteVersion, ScannerType, TicksQueryType
-from quorvex.contracts import Stock
+from quorvex.constant import QuoteType, QuoteVersion, ScannerType
 
 from .feed_support import HARBOR, INDEX_FUTURE, PREVIOUS_DAY, TRADING_DAY, TSMC, Received, paper_api
 
@@ -39,29 +38,6 @@ def test_kbars_aggregate_the_ticks_exactly(closing):
         assert kbars.Volume[i] == sum(volume for _, volume in trades)
         # A board lot is 1,000 shares.
         assert kbars.Amount[i] == pytest.approx(sum(close * volume * 1000 for close, volume in trades))
-
-
-def test_daily_quotes_close_the_day_of_the_bars(closing):
-    quotes = closing.daily_quotes(datetime.date.fromisoformat(PREVIOUS_DAY), False)
-    row = quotes.Code.index(HARBOR.code)
-    kbars = closing.kbars(HARBOR, PREVIOUS_DAY, PREVIOUS_DAY)
-    assert quotes.Date[row] == PREVIOUS_DAY
-    assert quotes.Open[row] == kbars.Open[0] and quotes.Close[row] == kbars.Close[-1]
-    assert quotes.High[row] == max(kbars.High) and quotes.Low[row] == min(kbars.Low)
-    assert quotes.Volume[row] == sum(kbars.Volume)
-    # The next day's change counts from this close.
-    snapshot = closing.snapshots([HARBOR])[0]
-    assert snapshot.change_price == pytest.approx(snapshot.close - quotes.Close[row])
-
-
-def test_tick_queries_slice_the_day(closing):
-    whole = closing.ticks(TSMC, PREVIOUS_DAY)
-    last = closing.ticks(TSMC, PREVIOUS_DAY, TicksQueryType.LastCount, last_cnt=5)
-    assert last.ts == whole.ts[-5:] and last.close == whole.close[-5:]
-    ranged = closing.ticks(TSMC, PREVIOUS_DAY, TicksQueryType.RangeTime, "10:00:00", "10:05:00")
-    of_day = [(ts // 10**9) % 86400 for ts in ranged.ts]
-    assert ranged.ts and all(10 * 3600 <= s <= 10 * 3600 + 300 for s in of_day)
-    assert set(ranged.ts) <= set(whole.ts)
 
 
 @pytest.mark.parametrize(
@@ -121,13 +97,6 @@ def test_scanners_order_and_count(closing, scanner, field, ascending, count):
         assert row.date == PREVIOUS_DAY and row.name
 
 
-def test_scanners_rank_change_percent_like_the_snapshots(closing):
-    rows = closing.scanners(ScannerType.ChangePercentRank, False, TRADING_DAY, 3)
-    snapshots = {s.code: s for s in closing.snapshots([Stock(code=row.code, exchange="TSE") for row in rows])}
-    for row in rows:
-        assert row.rank_value == pytest.approx(snapshots[row.code].change_rate)
-
-
 def test_credit_enquiries_name_each_stock(closing):
     rows = closing.credit_enquires([TSMC, HARBOR])
     assert [row.stock_id for row in rows] == [TSMC.code, HARBOR.code]
@@ -135,3 +104,23 @@ def test_credit_enquiries_name_each_stock(closing):
         row.margin_unit >= 0 and row.short_unit >= 0 and row.update_time.startswith(TRADING_DAY)
         for row in rows
     )
+
+
+def test_short_stock_sources_are_for_live_sessions(closing):
+    assert closing.short_stock_sources([TSMC]) == []  # the client itself refuses in simulation
+    # The broker refuses a simulation session too, should a request reach it.
+    reply = closing.session.request(
+        "api/v1/data/short_stock_sources",
+        {"contracts": [TSMC.dict()]},
+        corrid=closing.session._gen_reqid(),
+        timeout=5000,
+        cb=None,
+    )
+    assert reply["status"]["status_code"] == 403
+    live = paper_api(TRADING_DAY + "T10:00", 1, simulation=False)
+    try:
+        rows = live.short_stock_sources([TSMC, HARBOR])
+    finally:
+        live.logout()
+    assert [row.code for row in rows] == [TSMC.code, HARBOR.code]
+    assert all(row.short_stock_source > 0 and row.short_stock_source % 1000 == 0 for row in rows)

@@ -9,7 +9,7 @@ from quorvex.backend.solace.quote import QuoteSTKv1
 from quorvex.backend.solace.tick import TickFOPv1, TickSTKv1
 from quorvex.constant import Exchange, QuoteType, QuoteVersion
 
-from .feed_support import INDEX_FUTURE, TRADING_DAY, TSMC, Received, paper_api
+from .feed_support import INDEX_FUTURE, TRADING_DAY, TSMC, Received, paper_api, subscribed
 
 DAY = datetime.date.fromisoformat(TRADING_DAY)
 
@@ -42,11 +42,8 @@ TYPED = [
 def test_typed_records_reach_their_handlers(market, quote_type, odd, contract, setter, record, exchange):
     received = Received()
     getattr(market, setter)(received)
-    market.subscribe(contract, QuoteType(quote_type), odd, QuoteVersion.v1)
-    try:
+    with subscribed(market, contract, QuoteType(quote_type), odd, QuoteVersion.v1):
         calls = received.wait(2)
-    finally:
-        market.unsubscribe(contract, QuoteType(quote_type), odd, QuoteVersion.v1)
     for got_exchange, got in calls:
         assert got_exchange == exchange
         assert isinstance(got, record)
@@ -72,11 +69,8 @@ def test_typed_records_reach_their_handlers(market, quote_type, odd, contract, s
 def test_untyped_messages_reach_the_quote_callback(market, odd, topic_end, keys):
     received = Received()
     market.set_quote_callback(received)
-    market.subscribe(TSMC, QuoteType.Tick, odd, QuoteVersion.v0)
-    try:
+    with subscribed(market, TSMC, QuoteType.Tick, odd, QuoteVersion.v0):
         calls = received.wait(1)
-    finally:
-        market.unsubscribe(TSMC, QuoteType.Tick, odd, QuoteVersion.v0)
     topic, message = calls[0]
     assert topic.startswith("TIC/v0/") and topic.endswith(topic_end)
     assert keys <= set(message)
@@ -85,27 +79,9 @@ def test_untyped_messages_reach_the_quote_callback(market, odd, topic_end, keys)
 def test_unsubscribing_stops_the_records(market):
     received = Received()
     market.set_on_tick_stk_v1_callback(received)
-    market.subscribe(TSMC, QuoteType.Tick, False, QuoteVersion.v1)
-    received.wait(3)
-    market.unsubscribe(TSMC, QuoteType.Tick, False, QuoteVersion.v1)
+    with subscribed(market, TSMC, QuoteType.Tick, False, QuoteVersion.v1):
+        received.wait(3)
     time.sleep(0.3)  # what was already on its way
     settled = len(received)
     time.sleep(1.0)  # a market minute: about thirty trades of this stock
     assert len(received) == settled
-
-
-def test_published_ticks_are_in_the_history(market):
-    received = Received()
-    market.set_on_tick_stk_v1_callback(received)
-    market.subscribe(TSMC, QuoteType.Tick, False, QuoteVersion.v1)
-    try:
-        calls = received.wait(5)
-    finally:
-        market.unsubscribe(TSMC, QuoteType.Tick, False, QuoteVersion.v1)
-    ticks = market.ticks(TSMC, TRADING_DAY)
-    epoch = datetime.datetime(1970, 1, 1)
-    history = {(ts, close, volume) for ts, close, volume in zip(ticks.ts, ticks.close, ticks.volume)}
-    for _, tick in calls:
-        # History time stamps read as UTC give Taipei wall-clock time, as the record's datetime.
-        ts = (tick.datetime - epoch) // datetime.timedelta(microseconds=1) * 1000
-        assert (ts, tick.close, tick.volume) in history

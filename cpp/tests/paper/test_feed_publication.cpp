@@ -197,35 +197,6 @@ TEST_F(FeedTest, AfterHoursSessionPublishesOnSessionN) {
   EXPECT_EQ(topics(), std::set<std::string>{"TIC/v1/FOP/N/TFE/" + code});
 }
 
-TEST_F(FeedTest, TheBrokersTradeAppearsAsATick) {
-  const Contract& c = contract("2412");
-  subscribe("TIC/v1/STK/*/TSE/2412");
-  run_market(1);
-  published_.clear();
-  OwnTrade trade;
-  trade.code = c.code;
-  trade.deal = 7;
-  trade.ts = clock_.ts();
-  trade.price = c.reference;
-  trade.quantity = 321;
-  trade.aggressor = Side::Buy;
-  ASSERT_TRUE(ledger_.record(trade));
-  feed_.wake();
-  ASSERT_TRUE(eventually([&] {
-    for (const auto& [topic, message] : decoded()) {
-      if (message.get("content").at(9).as_int() == 321) return true;
-    }
-    return false;
-  }));
-  for (const auto& [topic, message] : decoded()) {
-    const Value& content = message.get("content");
-    if (content.at(9).as_int() != 321) continue;
-    EXPECT_DOUBLE_EQ(content.at(3).as_double(), c.reference.to_double());
-    EXPECT_EQ(content.at(11).as_int(), 1);  // a buyer took the ask
-    EXPECT_EQ(content.at(1).as_int(), trade.ts / 1000);
-  }
-}
-
 class FeedWithRestingOrders : public FeedTest {
  protected:
   FeedWithRestingOrders()
@@ -264,7 +235,7 @@ TEST_F(FeedWithRestingOrders, ShowInTheBidAsksWhereTheyDoNotCrossTheMarket) {
   EXPECT_EQ(content.at(6).at(0).as_int(), now.book.asks[0].volume + 700);
 }
 
-TEST(FeedLifecycle, StopsCleanlyAndCountsPublisherFailures) {
+TEST(FeedLifecycle, StopsCleanlyStartsAgainAndCountsPublisherFailures) {
   const MarketModel model(small_master(), kSeed);
   TestClock clock(taipei(kTradingDay, 10, 0));
   TradeLedger ledger;
@@ -287,65 +258,29 @@ TEST(FeedLifecycle, StopsCleanlyAndCountsPublisherFailures) {
   EXPECT_EQ(calls.load(), after_stop);
   feed->stop();  // idempotent
 
-  // Started again, it has forgotten the old bus's subscriptions until the new one tells it.
+  // Started again, it has forgotten the old bus's subscriptions until the new one tells it;
+  // told a market minute before it runs, it sends every trade since the subscription, and none
+  // from before.
+  feed->on_subscription("TIC/v1/STK/*/TSE/2330", true);
+  const Timestamp subscribed = clock.ts();
+  clock.advance(60 * kNanosPerSecond);
   RecordingPublisher again;
   const std::uint64_t rounds = feed->stats().rounds;
   feed->start(again.publisher());
-  clock.advance(60 * kNanosPerSecond);
-  ASSERT_TRUE(eventually([&] {
-    feed->wake();
-    return feed->stats().rounds > rounds + 2;
-  }));
-  EXPECT_EQ(again.size(), 0u);
-  feed->on_subscription("TIC/v1/STK/*/TSE/2330", true);
-  ASSERT_TRUE(eventually([&] { return feed->stats().streams == 1; }));
-  clock.advance(60 * kNanosPerSecond);
-  ASSERT_TRUE(eventually([&] {
-    feed->wake();
-    return again.size() > 0;
-  }));
+  ASSERT_TRUE(eventually([&] { return feed->stats().rounds > rounds + 2; }));
   feed.reset();
+  std::vector<Timestamp> expected;
+  for (const TickRow& r : MarketHistory(model, clock, ledger).ticks(contract("2330"), kTradingDay, {})) {
+    if (r.ts > subscribed) expected.push_back(r.ts);
+  }
+  std::vector<Timestamp> sent;
+  for (const auto& [topic, payload] : again.messages()) sent.push_back(decode(payload).get("content").at(1).as_int() * 1000);
+  ASSERT_FALSE(expected.empty());
+  EXPECT_EQ(sent, expected);
 
   // Never started: destroying it is immediate.
   QuoteFeed idle(model, clock, ledger);
   idle.on_subscription("TIC/v1/>", true);
-}
-
-TEST(FeedJoining, ASubscriberGetsEveryTradeSinceItSubscribed) {
-  // The feed learns of the subscription only after a market minute has passed: the trades of
-  // that minute still reach the subscriber, and none from before.
-  const MarketModel model(small_master(), kSeed);
-  TestClock clock(taipei(kTradingDay, 10, 0));
-  TradeLedger ledger;
-  QuoteFeed feed(model, clock, ledger, RestingDepth{}, FeedOptions{std::chrono::microseconds(200)});
-  feed.on_subscription("TIC/v1/STK/*/TSE/2330", true);
-  const Timestamp subscribed = clock.ts();
-  clock.advance(60 * kNanosPerSecond);
-  RecordingPublisher published;
-  feed.start(published.publisher());
-  ASSERT_TRUE(eventually([&] { return feed.stats().rounds > 2; }));
-  feed.stop();
-
-  const MarketHistory history(model, clock, ledger);
-  std::vector<Timestamp> expected;
-  for (const TickRow& r : history.ticks(contract("2330"), kTradingDay, {})) {
-    if (r.ts > subscribed) expected.push_back(r.ts);
-  }
-  std::vector<Timestamp> sent;
-  for (const auto& [topic, payload] : published.messages()) sent.push_back(decode(payload).get("content").at(1).as_int() * 1000);
-  ASSERT_FALSE(expected.empty());
-  EXPECT_EQ(sent, expected);
-}
-
-TEST(FeedTopics, FollowTheTopicForms) {
-  const Contract& stock = contract("2330");
-  EXPECT_EQ(quote_topic(QuoteTopic::TickV1, Market::Stock, false, stock), "TIC/v1/STK/D/TSE/2330");
-  EXPECT_EQ(quote_topic(QuoteTopic::QuoteV2, Market::Stock, false, stock), "QUO/v2/STK/D/TSE/2330");
-  EXPECT_EQ(quote_topic(QuoteTopic::BidAskV0, Market::IntradayOdd, false, stock), "QUO/v0/ODD/D/TSE/2330/ODDLOT");
-  EXPECT_EQ(quote_topic(QuoteTopic::QuoteV2, Market::IntradayOdd, false, stock), "");
-  EXPECT_EQ(quote_topic(QuoteTopic::TickV1, Market::FuturesOptions, true, front_future()),
-            "TIC/v1/FOP/N/TFE/" + front_future().code);
-  EXPECT_EQ(quote_topic(QuoteTopic::TickV1, Market::Index, false, contract("001")), "");
 }
 
 }  // namespace

@@ -116,14 +116,6 @@ TEST(DayPrices, ChainFromTheMastersDayEachCloseBeingTheNextReference) {
   }
 }
 
-TEST(DayPrices, WeekendsHaveNoneAndNoTrades) {
-  const MarketModel model(small_master(), kSeed);
-  const Date saturday{2026, 1, 10};
-  EXPECT_FALSE(model.day_prices(contract("2330"), saturday));
-  EXPECT_TRUE(model.tape(contract("2330"), Market::Stock, saturday).done());
-  EXPECT_TRUE(trading_sessions(Market::FuturesOptions, saturday).empty());
-}
-
 struct DayAtCase {
   Market market;
   Date date;

@@ -326,3 +326,38 @@ TEST_F(OrderServices, CombinationsRestUntilTheirLegsCanTradeAndCancelOnce) {
 
 }  // namespace
 }  // namespace quorvex::paper::testing
+
+namespace quorvex::paper::testing {
+namespace {
+
+// Trading on the engine from outside a request (a market simulator's thread) reaches the
+// client once settled, and every client fill is heard by the deal listeners.
+TEST_F(OrderServices, FillsFromOutsideARequestAreSettledReportedAndHeard) {
+  std::vector<MarketDeal> heard;
+  broker.core().add_deal_listener([&](const MarketDeal& d) { heard.push_back(d); });
+  const Value resting = place(b, "2330", order_of(kStockB, "Buy", 1000, 1));
+  ASSERT_EQ(resting.get("response").get("status").get_string("status"), "Submitted") << resting;
+  b.inbox->wait_for(1);
+  b.inbox->take();
+
+  OrderTicket sell;
+  sell.account = "market";
+  sell.code = "2330";
+  sell.side = Side::Sell;
+  sell.price = Price::from_whole(1000);
+  sell.quantity = 1;
+  ASSERT_TRUE(broker.core().engine().place(sell));
+  broker.broker().settle();
+
+  const std::vector<Pushed> pushed = b.inbox->wait_for(1);
+  ASSERT_EQ(words_of(pushed), (std::vector<std::string>{"DEAL"}));
+  EXPECT_EQ(pushed[0].message.get_double("price"), 1000.0);
+  ASSERT_EQ(heard.size(), 1u);
+  EXPECT_EQ(heard[0].contract->code, "2330");
+  EXPECT_EQ(heard[0].side, Side::Buy);
+  const Value listed = broker.request(b, "api/v1/order/update_status", Value::map({{"account", kStockB}}));
+  EXPECT_EQ(listed.get("response").at(0).get("status").get_string("status"), "Filled");
+}
+
+}  // namespace
+}  // namespace quorvex::paper::testing

@@ -362,6 +362,10 @@ void PaperMarketData::on_order_event(const OrderEvent& event) {
   feed_.book_changed(event.code, event.board);
 }
 
+void PaperMarketData::record_trade(const OwnTrade& trade) {
+  if (ledger_.record(trade)) feed_.book_changed(trade.code, trade.board);
+}
+
 Value PaperMarketData::answer(std::string_view service, const Value& payload, bool paper_session) const {
   try {
     if (!payload.is_map()) refuse(kBadRequest, "the request must be a map of fields, got " + describe(payload));

@@ -7,11 +7,32 @@
 #include "quorvex/paper/feed/market_clock.hpp"
 
 namespace quorvex::paper {
+namespace {
+
+// The engine's resting orders of a book, the best levels a side; nullopt for a book with none.
+RestingDepth resting_depth(const MatchingEngine& engine) {
+  return [&engine](const std::string& code, Board board) -> std::optional<BookSnapshot> {
+    Result<BookSnapshot> book = engine.book(code, board, kBookDepth);
+    if (!book || (book->bids.empty() && book->asks.empty())) return std::nullopt;
+    return std::move(book).value();
+  };
+}
+
+}  // namespace
 
 MarketDataLink::MarketDataLink(BrokerCore& core, MarketDataOptions options)
-    : data_(core.contracts(), core.market_clock(),
-            [&core](const std::string& code, Board board) { return core.resting_depth(code, board); }, options) {
-  core.watch_order_events([this](const OrderEvent& event) { data_.on_order_event(event); });
+    : data_(core.contracts(), core.market_clock(), resting_depth(core.engine()), options) {
+  core.add_deal_listener([this](const MarketDeal& deal) {
+    OwnTrade trade;
+    trade.code = deal.contract->code;
+    trade.board = deal.board;
+    trade.deal = deal.deal;
+    trade.ts = deal.ts;
+    trade.price = deal.price;
+    trade.quantity = deal.quantity;
+    trade.aggressor = deal.aggressor ? deal.side : opposite(deal.side);
+    data_.record_trade(trade);
+  });
   for (const std::string_view service : kMarketDataServices) {
     core.add_service(
         "api/v1/data/" + std::string(service),

@@ -93,6 +93,19 @@ void diffs(Writer& w, const std::array<BookLevel, kBookDepth>& side, const std::
 
 std::int64_t micros(Timestamp ts) { return ts / 1000; }
 
+// The run both tick layouts share: amount, total_amount, volume, total_volume, tick_type,
+// chg_type, price_chg, pct_chg.
+void trade_fields(Writer& w, const QuoteState& s) {
+  w.real(to_dollars(s.amount));
+  w.real(to_dollars(s.total_amount));
+  w.integer(s.volume);
+  w.integer(s.total_volume);
+  w.integer(static_cast<int>(s.tick_type));
+  w.integer(static_cast<int>(s.change_type()));
+  w.real(price_change(s));
+  w.real(s.percent_change());
+}
+
 // Elements 0 to 20 of the stock tick (and of the joined quote).
 void stock_tick_fields(Writer& w, const QuoteFrame& f) {
   const QuoteState& s = *f.state;
@@ -103,14 +116,7 @@ void stock_tick_fields(Writer& w, const QuoteFrame& f) {
   w.real(dollars(s.high));
   w.real(dollars(s.low));
   w.real(s.average_price());
-  w.real(to_dollars(s.amount));
-  w.real(to_dollars(s.total_amount));
-  w.integer(s.volume);
-  w.integer(s.total_volume);
-  w.integer(static_cast<int>(s.tick_type));
-  w.integer(static_cast<int>(s.change_type()));
-  w.real(price_change(s));
-  w.real(s.percent_change());
+  trade_fields(w, s);
   w.integer(s.bid_side_total_vol);
   w.integer(s.ask_side_total_vol);
   w.integer(s.bid_side_total_cnt);
@@ -148,14 +154,7 @@ void tick_v1(Writer& w, Market market, const QuoteFrame& f) {
   w.real(dollars(s.close));
   w.real(dollars(s.high));
   w.real(dollars(s.low));
-  w.real(to_dollars(s.amount));
-  w.real(to_dollars(s.total_amount));
-  w.integer(s.volume);
-  w.integer(s.total_volume);
-  w.integer(static_cast<int>(s.tick_type));
-  w.integer(static_cast<int>(s.change_type()));
-  w.real(price_change(s));
-  w.real(s.percent_change());
+  trade_fields(w, s);
   w.boolean(false);  // simtrade
 }
 
@@ -258,28 +257,27 @@ void tick_v0(Writer& w, Market market, const QuoteFrame& f) {
   w.integer(0);
 }
 
+// One side of an untyped book: "<Side>Price", "<Side>Volume" and, for board lots, "Diff<Side>Vol".
+void side_v0(Writer& w, const std::string& side_name, const std::array<BookLevel, kBookDepth>& side,
+             const std::array<BookLevel, kBookDepth>* before) {
+  w.text(side_name + "Price");
+  prices(w, side);
+  w.text(side_name + "Volume");
+  volumes(w, side);
+  if (before != nullptr) {
+    w.text("Diff" + side_name + "Vol");
+    diffs(w, side, *before);
+  }
+}
+
 void bidask_v0(Writer& w, Market market, const QuoteFrame& f) {
   const bool odd = market == Market::IntradayOdd;
   w.map(odd ? 8 : 10);
   w.text("Code");
   w.text(f.contract->code);
   date_and_time(w, f.ts);
-  w.text("BidPrice");
-  prices(w, f.book.bids);
-  w.text("BidVolume");
-  volumes(w, f.book.bids);
-  if (!odd) {
-    w.text("DiffBidVol");
-    diffs(w, f.book.bids, f.previous_book.bids);
-  }
-  w.text("AskPrice");
-  prices(w, f.book.asks);
-  w.text("AskVolume");
-  volumes(w, f.book.asks);
-  if (!odd) {
-    w.text("DiffAskVol");
-    diffs(w, f.book.asks, f.previous_book.asks);
-  }
+  side_v0(w, "Bid", f.book.bids, odd ? nullptr : &f.previous_book.bids);
+  side_v0(w, "Ask", f.book.asks, odd ? nullptr : &f.previous_book.asks);
   w.text("Simtrade");
   w.integer(0);
 }

@@ -92,7 +92,6 @@ class QuoteFeed::Streams {
   }
 
   void book_changed(const std::string& code, Board board) {
-    engaged_.emplace(code, board);
     const Contract* c = model_.contracts().find(code);
     if (c == nullptr || c->code != code) return;
     const Market market = board == Board::IntradayOdd ? Market::IntradayOdd : board_market(*c);
@@ -204,7 +203,7 @@ class QuoteFeed::Streams {
 
   QuoteBook book_of(const Stream& s) {
     const QuoteBook market_book = s.day->state().book();
-    if (!depth_ || engaged_.count({s.contract->code, board_of(s.market)}) == 0) return market_book;
+    if (!depth_) return market_book;
     const std::optional<BookSnapshot> resting = depth_(s.contract->code, board_of(s.market));
     return resting ? merge_resting(market_book, resting->bids, resting->asks) : market_book;
   }
@@ -214,15 +213,22 @@ class QuoteFeed::Streams {
     frame.contract = s.contract;
     frame.state = &s.day->state();
     frame.ts = ts;
-    frame.book = book_of(s);
-    frame.previous_book = s.published_book;
+    // Shaping the book costs more than a tick: only for streams that publish it.
+    constexpr TopicMask kBookTopics = bit(QuoteTopic::BidAskV1, false) | bit(QuoteTopic::BidAskV1, true) |
+                                      bit(QuoteTopic::QuoteV2, false) | bit(QuoteTopic::QuoteV2, true) |
+                                      bit(QuoteTopic::BidAskV0, false) | bit(QuoteTopic::BidAskV0, true);
+    const bool with_book = (s.mask & kBookTopics) != 0;
+    if (with_book) {
+      frame.book = book_of(s);
+      frame.previous_book = s.published_book;
+    }
     if (s.underlying) frame.underlying = s.underlying->price_until(ts);
     for (QuoteTopic topic : kQuoteTopics) {
       if ((s.mask & bit(topic, night)) == 0 || (is_tick(topic) && !with_tick)) continue;
       outbox_.emplace_back(&s.topics[static_cast<std::size_t>(topic) * 2 + (night ? 1 : 0)],
                            encode_quote(topic, s.market, frame));
     }
-    s.published_book = frame.book;
+    if (with_book) s.published_book = frame.book;
   }
 
   void produce(Stream& s, Timestamp now, bool new_trades) {
@@ -270,7 +276,6 @@ class QuoteFeed::Streams {
   std::map<std::string, std::vector<std::pair<StreamKey, TopicMask>>> by_filter_;
   std::unordered_map<StreamKey, std::map<std::string, TopicMask>, StreamKeyHash> covered_by_;
   std::unordered_map<StreamKey, Stream, StreamKeyHash> live_;
-  std::set<std::pair<std::string, Board>> engaged_;  // books the broker has orders in
   std::vector<std::pair<const std::string*, std::string>> outbox_;
 };
 

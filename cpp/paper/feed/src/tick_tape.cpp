@@ -185,16 +185,16 @@ TapeTrade TickTape::next() {
         if (bid_ >= high_) t.side = TickSide::Sell;
       }
     }
-    if (opening || closing) {
-      // Auctions trade at one price with the book meeting there.
-      t.price = at(bid_);
-      t.volume = static_cast<Quantity>(plan_.volume_mean * (opening ? 25 : 15) * (0.5 + rng_->unit())) + 1;
-    } else {
-      t.price = at(t.side == TickSide::Buy ? bid_ + 1 : bid_);
-      t.volume = continuous_volume();
-    }
     t.bid = bid_ >= low_ ? at(bid_) : Price();
     t.ask = bid_ < high_ ? at(bid_ + 1) : Price();
+    if (opening || closing) {
+      // Auctions trade at one price with the book meeting there.
+      t.price = t.bid;
+      t.volume = static_cast<Quantity>(plan_.volume_mean * (opening ? 25 : 15) * (0.5 + rng_->unit())) + 1;
+    } else {
+      t.price = t.side == TickSide::Buy ? t.ask : t.bid;
+      t.volume = continuous_volume();
+    }
     session_opened_ = true;
   }
 

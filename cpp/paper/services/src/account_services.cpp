@@ -14,23 +14,9 @@ namespace {
 Value side_text(Side side) { return Value(to_text(side)); }
 Value cond_text(StockOrderCond cond) { return Value(to_text(cond)); }
 
-Value stock_position(const StockPosition& p) {
-  return Value::map({{"id", static_cast<std::int64_t>(p.id)},
-                     {"code", p.code},
-                     {"direction", side_text(p.direction)},
-                     {"quantity", p.quantity},
-                     {"price", p.price},
-                     {"last_price", wire::price_number(p.last_price)},
-                     {"pnl", wire::amount(p.pnl)},
-                     {"yd_quantity", p.yd_quantity},
-                     {"cond", cond_text(p.cond)},
-                     {"margin_purchase_amount", wire::amount(p.margin_purchase_amount)},
-                     {"collateral", wire::amount(p.collateral)},
-                     {"short_sale_margin", wire::amount(p.short_sale_margin)},
-                     {"interest", wire::amount(p.interest)}});
-}
-
-Value future_position(const FuturePosition& p) {
+// The fields every position row has; stock rows add their condition and financing.
+template <typename Position>
+Value position_row(const Position& p) {
   return Value::map({{"id", static_cast<std::int64_t>(p.id)},
                      {"code", p.code},
                      {"direction", side_text(p.direction)},
@@ -40,7 +26,23 @@ Value future_position(const FuturePosition& p) {
                      {"pnl", wire::amount(p.pnl)}});
 }
 
-Value stock_lot(const StockPositionDetail& d) {
+Value stock_position(const StockPosition& p) {
+  Value row = position_row(p);
+  core::Map& m = row.as_map();
+  m.append_new("yd_quantity", p.yd_quantity);
+  m.append_new("cond", cond_text(p.cond));
+  m.append_new("margin_purchase_amount", wire::amount(p.margin_purchase_amount));
+  m.append_new("collateral", wire::amount(p.collateral));
+  m.append_new("short_sale_margin", wire::amount(p.short_sale_margin));
+  m.append_new("interest", wire::amount(p.interest));
+  return row;
+}
+
+Value future_position(const FuturePosition& p) { return position_row(p); }
+
+// The fields every open lot has.
+template <typename Lot>
+Value lot_row(const Lot& d) {
   return Value::map({{"date", d.date.to_string()},
                      {"code", d.code},
                      {"quantity", d.quantity},
@@ -50,26 +52,24 @@ Value stock_lot(const StockPositionDetail& d) {
                      {"direction", side_text(d.direction)},
                      {"pnl", wire::amount(d.pnl)},
                      {"currency", "TWD"},
-                     {"fee", wire::amount(d.fee)},
-                     {"cond", cond_text(d.cond)},
-                     {"ex_dividends", wire::amount(d.ex_dividend_amt)},
-                     {"interest", wire::amount(d.interest)},
-                     {"margintrading_amt", wire::amount(d.margintrading_amt)},
-                     {"collateral", wire::amount(d.collateral)}});
+                     {"fee", wire::amount(d.fee)}});
+}
+
+Value stock_lot(const StockPositionDetail& d) {
+  Value row = lot_row(d);
+  core::Map& m = row.as_map();
+  m.append_new("cond", cond_text(d.cond));
+  m.append_new("ex_dividends", wire::amount(d.ex_dividend_amt));
+  m.append_new("interest", wire::amount(d.interest));
+  m.append_new("margintrading_amt", wire::amount(d.margintrading_amt));
+  m.append_new("collateral", wire::amount(d.collateral));
+  return row;
 }
 
 Value future_lot(const FuturePositionDetail& d) {
-  return Value::map({{"date", d.date.to_string()},
-                     {"code", d.code},
-                     {"quantity", d.quantity},
-                     {"price", wire::price_number(d.price)},
-                     {"last_price", wire::price_number(d.last_price)},
-                     {"dseq", d.dseq},
-                     {"direction", side_text(d.direction)},
-                     {"pnl", wire::amount(d.pnl)},
-                     {"currency", "TWD"},
-                     {"fee", wire::amount(d.fee)},
-                     {"entry_quantity", d.quantity}});
+  Value row = lot_row(d);
+  row.as_map().append_new("entry_quantity", d.quantity);
+  return row;
 }
 
 Value stock_realised(const StockProfitLoss& r) {
@@ -98,38 +98,42 @@ Value future_realised(const FutureProfitLoss& r) {
                      {"fee", wire::amount(r.fee)}});
 }
 
-Value stock_realised_lot(const StockProfitDetail& d) {
+// The fields every lot a closing consumed has.
+template <typename Detail>
+Value closed_lot_row(const Detail& d) {
   return Value::map({{"date", d.date.to_string()},
                      {"code", d.code},
                      {"quantity", d.quantity},
                      {"dseq", d.dseq},
                      {"fee", wire::amount(d.fee)},
                      {"tax", wire::amount(d.tax)},
-                     {"currency", "TWD"},
-                     {"price", wire::price_number(d.price)},
-                     {"cost", wire::amount(d.cost)},
-                     {"rep_margintrading_amt", wire::amount(d.rep_margintrading_amt)},
-                     {"rep_collateral", wire::amount(d.rep_collateral)},
-                     {"rep_margin", wire::amount(d.rep_margin)},
-                     {"shortselling_fee", wire::amount(d.shortselling_fee)},
-                     {"ex_dividend_amt", wire::amount(d.ex_dividend_amt)},
-                     {"interest", wire::amount(d.interest)},
-                     {"trade_type", d.trade_type},
-                     {"cond", cond_text(d.cond)}});
+                     {"currency", "TWD"}});
+}
+
+Value stock_realised_lot(const StockProfitDetail& d) {
+  Value row = closed_lot_row(d);
+  core::Map& m = row.as_map();
+  m.append_new("price", wire::price_number(d.price));
+  m.append_new("cost", wire::amount(d.cost));
+  m.append_new("rep_margintrading_amt", wire::amount(d.rep_margintrading_amt));
+  m.append_new("rep_collateral", wire::amount(d.rep_collateral));
+  m.append_new("rep_margin", wire::amount(d.rep_margin));
+  m.append_new("shortselling_fee", wire::amount(d.shortselling_fee));
+  m.append_new("ex_dividend_amt", wire::amount(d.ex_dividend_amt));
+  m.append_new("interest", wire::amount(d.interest));
+  m.append_new("trade_type", d.trade_type);
+  m.append_new("cond", cond_text(d.cond));
+  return row;
 }
 
 Value future_realised_lot(const FutureProfitDetail& d) {
-  return Value::map({{"date", d.date.to_string()},
-                     {"code", d.code},
-                     {"quantity", d.quantity},
-                     {"dseq", d.dseq},
-                     {"fee", wire::amount(d.fee)},
-                     {"tax", wire::amount(d.tax)},
-                     {"currency", "TWD"},
-                     {"direction", side_text(d.direction)},
-                     {"entry_price", wire::price_number(d.entry_price)},
-                     {"cover_price", wire::price_number(d.cover_price)},
-                     {"pnl", wire::amount(d.pnl)}});
+  Value row = closed_lot_row(d);
+  core::Map& m = row.as_map();
+  m.append_new("direction", side_text(d.direction));
+  m.append_new("entry_price", wire::price_number(d.entry_price));
+  m.append_new("cover_price", wire::price_number(d.cover_price));
+  m.append_new("pnl", wire::amount(d.pnl));
+  return row;
 }
 
 Value total_of(const ProfitLossTotal& t) {

@@ -70,7 +70,7 @@ std::shared_ptr<const core::Clock> clock_of(const PaperBrokerConfig& config) {
 ContractMasterConfig master_config(const PaperBrokerConfig& config, const core::Clock& clock) {
   ContractMasterConfig master = config.contracts;
   if (!config.use_config_trading_day) {
-    Date day = taipei_date(nanos_of(clock.now()));
+    Date day = taipei_date(to_timestamp(clock.now()));
     while (!day.is_business_day()) day = day.plus_days(-1);
     master.trading_day = day;
   }
@@ -103,11 +103,8 @@ BrokerCore::State::State(PaperBrokerConfig config)
       directory(config),
       engine(master, market_clock, engine_config(config),
              [this](const OrderEvent& event) {
-               {
-                 std::lock_guard<std::mutex> lock(events_mutex);
-                 pending_events.push_back(event);
-               }
-               if (order_watcher) order_watcher(event);
+               std::lock_guard<std::mutex> lock(events_mutex);
+               pending_events.push_back(event);
              }),
       reservations(master) {
   if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
@@ -233,7 +230,7 @@ void BrokerCore::handle(const Caller& caller, const std::string& topic, std::str
   // Under the lock, so that messages leave in the order their requests were decided.
   if (reply_to) out.push(Outgoing{std::move(reply_to), {}, topic, std::move(reply)});
   for (Report& report : request.reports) {
-    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), core::encode(report.message)});
+    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
   }
 }
 
@@ -260,16 +257,24 @@ std::vector<std::string> BrokerCore::topics() const {
   return topics;
 }
 
-void BrokerCore::watch_order_events(OrderEventHandler watcher) {
+void BrokerCore::settle(Outbox& out) {
+  static const std::string kNoTopic;
   std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->order_watcher = std::move(watcher);
+  const Caller nobody;
+  const core::Value nothing;
+  Request request(nobody, kNoTopic, nothing);
+  state_->settle_events(request);
+  for (Report& report : request.reports) {
+    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
+  }
 }
 
-std::optional<BookSnapshot> BrokerCore::resting_depth(const std::string& code, Board board) const {
-  Result<BookSnapshot> book = state_->engine.book(code, board, 5);
-  if (!book || (book->bids.empty() && book->asks.empty())) return std::nullopt;
-  return std::move(book).value();
+void BrokerCore::add_deal_listener(DealListener listener) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->deal_listeners.push_back(std::move(listener));
 }
+
+MatchingEngine& BrokerCore::engine() { return state_->engine; }
 
 const ContractMaster& BrokerCore::contracts() const { return state_->master; }
 const core::Clock& BrokerCore::market_clock() const { return state_->market_clock; }

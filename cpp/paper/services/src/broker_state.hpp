@@ -43,11 +43,6 @@ class ScaledClock final : public core::Clock {
   time_point start_;
 };
 
-// Nanoseconds since the epoch of a clock reading.
-inline Timestamp nanos_of(core::Clock::time_point t) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
-}
-
 // What the broker knows of an order beyond the engine's record: whose it is, who placed it,
 // the order fields the engine does not keep, and its fills and cancels as reported so far.
 struct OrderInfo {
@@ -107,7 +102,7 @@ struct ComboOrder {
 struct Report {
   std::string session_id;
   std::string topic;
-  core::Value message;
+  std::string payload;  // msgpack
 };
 
 // One request as the services see it.
@@ -165,7 +160,7 @@ struct BrokerCore::State {
   // The account a payload names, which must be one of the session person's accounts.
   const Account& owned_account(const Request& request, const wire::Field& account) const;
   const Contract& known_contract(const wire::Field& contract) const;
-  Timestamp now() const { return nanos_of(clock->now()); }
+  Timestamp now() const { return to_timestamp(clock->now()); }
   Date today() const { return taipei_date(now()); }
 
   // ---- service families ----
@@ -197,15 +192,26 @@ struct BrokerCore::State {
 
   // Orders: the checks every order operation shares, and what their replies and reports say.
   OrderInfo& owned_order(const Request& request, OrderId id);
+  // The order a cancel or change names: the person's own, signed where it must be.
+  OrderId named_order(const Request& request);
+  // The reply to an engine operation on an order, once its events are booked and reported.
+  core::Value conclude(Request& request, OrderId id, const Result<OrderReceipt>& done);
+  // Holds (and releases) the funds, holdings or margin `quantity` of an order needs at `at`.
+  Outcome hold_for(OrderId id, const OrderInfo& info, Price at, Quantity quantity);
+  void release_hold(OrderId id, const OrderInfo& info);
   void check_order_signature(const Request& request, const Account& account, const wire::Field& order) const;
-  core::Value order_reply(OrderId id);
-  core::Value order_block(OrderId id, const OrderInfo& info) const;
-  core::Value status_block(OrderId id, const OrderInfo& info) const;
+  // Answers the request with {"order": ..., "status": ...}; the response is left empty.
+  core::Value order_reply(Request& request, OrderId id);
+  void write_order(wire::Writer& w, OrderId id, const OrderInfo& info);
+  void write_status(wire::Writer& w, OrderId id, const OrderInfo& info) const;
+  // Encoded once: the contract dict and the account dict are in every order block and report.
+  const std::string& contract_bytes(const Contract& contract);
+  const std::string& account_bytes(const Account& account);
   // Books fills and queues reports for the engine's events so far.
   void settle_events(Request& request);
   void settle_event(Request& request, const OrderEvent& event);
   void report(Request& request, const Account& account, const std::string& placing_session, bool futures,
-              bool deal, core::Value message);
+              bool deal, std::string payload);
   void work_combos(Request& request, const Account* only_account);
   void report_combo(Request& request, const ComboOrder& combo, const char* operation);
   core::Value combo_entry(const ComboOrder& combo) const;
@@ -258,12 +264,14 @@ struct BrokerCore::State {
   // The engine's events land here (from whichever thread delivers them) until settled.
   std::mutex events_mutex;
   std::vector<OrderEvent> pending_events;
-  OrderEventHandler order_watcher;  // BrokerCore::watch_order_events
   std::unordered_map<OrderId, OrderInfo> orders;
   std::map<OrderId, ComboOrder> combos;
   std::unordered_map<const Account*, StockAccountBook> stock_books;
   std::unordered_map<const Account*, FuturesAccountBook> futures_books;
+  std::unordered_map<const Contract*, std::string> contract_encodings;
+  std::unordered_map<const Account*, std::string> account_encodings;
   ReservationDesk reservations;
+  std::vector<DealListener> deal_listeners;
 };
 
 }  // namespace quorvex::paper

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "broker_state.hpp"
+#include "quorvex/core/codec.hpp"
 #include "quorvex/sign/verify.hpp"
 
 namespace quorvex::paper {
@@ -16,8 +17,6 @@ using wire::field;
 
 namespace {
 
-// Order and reservation signatures that are missing or do not verify.
-constexpr int kSignatureRefused = 74090;
 // How far an order stamp's time may lie from the broker clock.
 constexpr std::int64_t kStampToleranceSeconds = 24 * 3600;
 
@@ -34,17 +33,6 @@ Enum parsed(const Field& f, std::optional<Enum> (*from_text)(std::string_view), 
   const std::optional<Enum> value = from_text(text);
   if (!value) wire::refuse(wire::kBadRequest, "field '" + f.path() + "' is '" + text + "'; expected " + expected);
   return *value;
-}
-
-Value deal_list(const std::vector<Deal>& deals) {
-  Value list = Value::array({});
-  for (const Deal& d : deals) {
-    list.push_back(Value::map({{"seq", id_text(d.id)},
-                               {"price", wire::price_number(d.price)},
-                               {"quantity", d.quantity},
-                               {"ts", wire::epoch_seconds(d.ts)}}));
-  }
-  return list;
 }
 
 // Shares of a stock quantity: board lots on the Common and Fixing boards, shares on the odd-lot ones.
@@ -73,6 +61,29 @@ OrderId order_id_of(const Field& order) {
 Price bounding_price(const OrderTicket& ticket, const Contract& contract) {
   if (ticket.price_type == PriceType::Limit) return ticket.price;
   return ticket.side == Side::Buy ? contract.limit_up : contract.limit_down;
+}
+
+// One fill as the deal report tells it; `detailed` adds the order lot and condition (stocks) or
+// the contract's delivery and strike (derivatives).
+std::string deal_report(OrderId id, const Account& account, Side side, const Contract& contract, const OrderEvent& e,
+                        const std::string& custom_field, bool detailed, std::string_view order_cond = "Cash") {
+  const bool derivative = contract.is_derivative();
+  wire::Writer w;
+  w.map(12 + (detailed ? (derivative ? 4 : 2) : 0));
+  w.key("id").text(id_text(id)).key("seqno").text(order_seqno(id)).key("ordno").text(order_ordno(id));
+  w.key("exchange_seq").text(id_text(e.deal_id));
+  w.key("broker_id").text(account.config.broker_id).key("account_id").text(account.config.account_id);
+  w.key("action").text(to_text(side)).key("code").text(contract.code);
+  w.key("price").number(wire::price_number(e.deal_price)).key("quantity").integer(e.quantity);
+  w.key("ts").number(wire::epoch_seconds(e.ts)).key("custom_field").text(custom_field);
+  if (detailed && derivative) {
+    w.key("security_type").text(to_text(contract.security_type)).key("delivery_month").text(contract.delivery_month);
+    w.key("strike_price").number(wire::price_number(contract.strike_price));
+    w.key("option_right").text(to_text(contract.option_right));
+  } else if (detailed) {
+    w.key("order_lot").text(to_text(e.board)).key("order_cond").text(order_cond);
+  }
+  return w.take();
 }
 
 }  // namespace
@@ -124,6 +135,25 @@ MarkPrice BrokerCore::State::marks() const {
   return [this](std::string_view code) { return mark_price(code); };
 }
 
+Outcome BrokerCore::State::hold_for(OrderId id, const OrderInfo& info, Price at, Quantity quantity) {
+  const Account& account = *info.account;
+  const Contract& contract = *info.contract;
+  if (account.is_stock()) {
+    return stock_book(account).reserve_for_order(id, contract, info.ticket.side, info.cond, at,
+                                                 shares_of(info.ticket.board, quantity, contract));
+  }
+  return futures_book(account).reserve_for_order(id, contract, info.ticket.side, info.octype, at, quantity, marks(),
+                                                 today());
+}
+
+void BrokerCore::State::release_hold(OrderId id, const OrderInfo& info) {
+  if (info.account->is_stock()) {
+    stock_book(*info.account).release_order(id);
+  } else {
+    futures_book(*info.account).release_order(id);
+  }
+}
+
 // ---- shared checks ----
 
 OrderInfo& BrokerCore::State::owned_order(const Request& request, OrderId id) {
@@ -147,7 +177,7 @@ void BrokerCore::State::check_order_signature(const Request& request, const Acco
   if (ca.empty()) {
     wire::refuse(wire::kForbidden, where + " needs the holder's certificate signature in order.ca; expected an order "
                                            "signed with an activated certificate",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
   sign::VerifyOptions options;
   options.at = static_cast<std::time_t>(now() / kNanosPerSecond);
@@ -155,62 +185,92 @@ void BrokerCore::State::check_order_signature(const Request& request, const Acco
   if (!v) {
     wire::refuse(wire::kForbidden, "the order signature for " + where + " is not valid: " + v.error +
                                        "; expected a signature by " + account.holder->person_id + "'s certificate",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
   const std::int64_t skew = static_cast<std::int64_t>(v.stamp->signed_at) - static_cast<std::int64_t>(*options.at);
   if (skew > kStampToleranceSeconds || skew < -kStampToleranceSeconds) {
     wire::refuse(wire::kForbidden, "the order signature for " + where +
                                        " was made more than a day from the broker clock; expected a fresh signature",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
 }
 
 // ---- reply and report blocks ----
 
-Value BrokerCore::State::order_block(OrderId id, const OrderInfo& info) const {
+const std::string& BrokerCore::State::contract_bytes(const Contract& contract) {
+  auto it = contract_encodings.find(&contract);
+  if (it == contract_encodings.end()) {
+    it = contract_encodings.emplace(&contract, core::encode(wire::contract_value(contract))).first;
+  }
+  return it->second;
+}
+
+const std::string& BrokerCore::State::account_bytes(const Account& account) {
+  auto it = account_encodings.find(&account);
+  if (it == account_encodings.end()) it = account_encodings.emplace(&account, core::encode(account.wire())).first;
+  return it->second;
+}
+
+void BrokerCore::State::write_order(wire::Writer& w, OrderId id, const OrderInfo& info) {
   const bool stock = info.account->is_stock();
-  return Value::map({{"id", id_text(id)},
-                     {"seqno", order_seqno(id)},
-                     {"ordno", order_ordno(id)},
-                     {"account", info.account->wire()},
-                     {"action", to_text(info.ticket.side)},
-                     {"price", wire::price_number(info.ticket.price)},
-                     {"quantity", info.ticket.quantity},
-                     {"price_type", to_text(info.ticket.price_type)},
-                     {"order_type", to_text(info.ticket.order_type)},
-                     {"order_lot", to_text(info.ticket.board)},
-                     {"order_cond", stock ? to_text(info.cond) : to_text(StockOrderCond::Cash)},
-                     {"octype", stock ? to_text(FuturesOCType::Auto) : to_text(info.octype)},
-                     {"daytrade_short", info.daytrade_short},
-                     {"custom_field", info.custom_field}});
+  w.map(14);
+  w.key("id").text(id_text(id));
+  w.key("seqno").text(order_seqno(id));
+  w.key("ordno").text(order_ordno(id));
+  w.key("account").raw(account_bytes(*info.account));
+  w.key("action").text(to_text(info.ticket.side));
+  w.key("price").number(wire::price_number(info.ticket.price));
+  w.key("quantity").integer(info.ticket.quantity);
+  w.key("price_type").text(to_text(info.ticket.price_type));
+  w.key("order_type").text(to_text(info.ticket.order_type));
+  w.key("order_lot").text(to_text(info.ticket.board));
+  w.key("order_cond").text(stock ? to_text(info.cond) : to_text(StockOrderCond::Cash));
+  w.key("octype").text(stock ? to_text(FuturesOCType::Auto) : to_text(info.octype));
+  w.key("daytrade_short").flag(info.daytrade_short);
+  w.key("custom_field").text(info.custom_field);
 }
 
-Value BrokerCore::State::status_block(OrderId id, const OrderInfo& info) const {
-  return Value::map({{"id", id_text(id)},
-                     {"status", to_text(info.status())},
-                     {"status_code", ""},
-                     {"web_id", ""},
-                     {"order_ts", wire::epoch_seconds(info.order_ts)},
-                     {"order_quantity", info.ticket.quantity},
-                     {"deal_quantity", info.dealt},
-                     {"cancel_quantity", info.cancelled},
-                     {"modified_price", wire::price_number(info.modified_price)},
-                     {"msg", info.msg},
-                     {"deals", deal_list(info.deals)}});
+void BrokerCore::State::write_status(wire::Writer& w, OrderId id, const OrderInfo& info) const {
+  w.map(11);
+  w.key("id").text(id_text(id));
+  w.key("status").text(to_text(info.status()));
+  w.key("status_code").text("");
+  w.key("web_id").text("");
+  w.key("order_ts").number(wire::epoch_seconds(info.order_ts));
+  w.key("order_quantity").integer(info.ticket.quantity);
+  w.key("deal_quantity").integer(info.dealt);
+  w.key("cancel_quantity").integer(info.cancelled);
+  w.key("modified_price").number(wire::price_number(info.modified_price));
+  w.key("msg").text(info.msg);
+  w.key("deals").array(static_cast<std::uint32_t>(info.deals.size()));
+  for (const Deal& d : info.deals) {
+    w.map(4);
+    w.key("seq").text(id_text(d.id));
+    w.key("price").number(wire::price_number(d.price));
+    w.key("quantity").integer(d.quantity);
+    w.key("ts").number(wire::epoch_seconds(d.ts));
+  }
 }
 
-Value BrokerCore::State::order_reply(OrderId id) {
+Value BrokerCore::State::order_reply(Request& request, OrderId id) {
   const OrderInfo& info = orders.at(id);
-  return Value::map({{"order", order_block(id, info)}, {"status", status_block(id, info)}});
+  wire::Writer w;
+  w.map(2).key("order");
+  write_order(w, id, info);
+  w.key("status");
+  write_status(w, id, info);
+  request.encoded_reply = wire::ok_reply_bytes(w.bytes());
+  return Value();
 }
 
 void BrokerCore::State::report(Request& request, const Account& account, const std::string& placing_session,
-                               bool futures, bool deal, Value message) {
+                               bool futures, bool deal, std::string payload) {
   const char* word = deal ? (futures ? "FDEAL" : "DEAL") : (futures ? "FORDER" : "ORDER");
   const std::vector<std::string> targets = sessions.report_sessions(&account, placing_session);
   for (std::size_t i = 0; i < targets.size(); ++i) {
-    const std::string topic = "report/v1/" + account.key + "/" + word;
-    request.reports.push_back(Report{targets[i], topic, i + 1 == targets.size() ? std::move(message) : message});
+    std::string topic = "report/v1/" + account.key + "/" + word;
+    request.reports.push_back(
+        Report{targets[i], std::move(topic), i + 1 == targets.size() ? std::move(payload) : payload});
   }
 }
 
@@ -235,13 +295,7 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
   const Account& account = *info.account;
   const Contract& contract = *info.contract;
   const bool futures = !account.is_stock();
-  auto release = [&] {
-    if (futures) {
-      futures_book(account).release_order(e.order_id);
-    } else {
-      stock_book(account).release_order(e.order_id);
-    }
-  };
+  auto release = [&] { release_hold(e.order_id, info); };
 
   switch (e.kind) {
     case OrderEventKind::Accepted: break;
@@ -266,6 +320,9 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
       }
       // A fill the books cannot take would be the broker's own fault; the order says so.
       if (!refused.empty()) info.msg = "the books refused a fill: " + refused;
+      const MarketDeal deal{&contract, info.ticket.side, e.deal_price, e.quantity, info.ticket.board, e.ts,
+                            e.deal_id, e.aggressor};
+      for (const DealListener& listener : deal_listeners) listener(deal);
       if (e.remaining == 0) release();
       break;
     }
@@ -295,56 +352,29 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
     if (e.kind != OrderEventKind::Filled) return;
     ComboOrder& combo = combos.at(*info.combo);
     combo.deals.push_back({contract.code, info.deals.back()});
-    Value deal = Value::map({{"id", id_text(combo.id)},
-                             {"seqno", order_seqno(combo.id)},
-                             {"ordno", order_ordno(combo.id)},
-                             {"exchange_seq", id_text(e.deal_id)},
-                             {"broker_id", account.config.broker_id},
-                             {"account_id", account.config.account_id},
-                             {"action", to_text(info.ticket.side)},
-                             {"code", contract.code},
-                             {"price", wire::price_number(e.deal_price)},
-                             {"quantity", e.quantity},
-                             {"ts", wire::epoch_seconds(e.ts)},
-                             {"custom_field", combo.custom_field}});
+    std::string deal = deal_report(combo.id, account, info.ticket.side, contract, e, combo.custom_field, false);
     report(request, account, combo.placing_session, true, true, std::move(deal));
     return;
   }
 
   if (e.kind == OrderEventKind::Filled) {
-    Value deal = Value::map({{"id", id_text(e.order_id)},
-                             {"seqno", order_seqno(e.order_id)},
-                             {"ordno", order_ordno(e.order_id)},
-                             {"exchange_seq", id_text(e.deal_id)},
-                             {"broker_id", account.config.broker_id},
-                             {"account_id", account.config.account_id},
-                             {"action", to_text(info.ticket.side)},
-                             {"code", contract.code},
-                             {"price", wire::price_number(e.deal_price)},
-                             {"quantity", e.quantity},
-                             {"ts", wire::epoch_seconds(e.ts)},
-                             {"custom_field", info.custom_field}});
-    if (futures) {
-      deal.set("security_type", to_text(contract.security_type));
-      deal.set("delivery_month", contract.delivery_month);
-      deal.set("strike_price", wire::price_number(contract.strike_price));
-      deal.set("option_right", to_text(contract.option_right));
-    } else {
-      deal.set("order_lot", to_text(info.ticket.board));
-      deal.set("order_cond", to_text(info.cond));
-    }
+    std::string deal =
+        deal_report(e.order_id, account, info.ticket.side, contract, e, info.custom_field, true, to_text(info.cond));
     report(request, account, info.placing_session, futures, true, std::move(deal));
     return;
   }
   const std::string op_code = e.kind == OrderEventKind::Refused && e.reason
                                   ? std::to_string(static_cast<int>(*e.reason))
                                   : std::string("00");
-  Value message = Value::map({{"operation", Value::map({{"op_type", to_text(e.operation)},
-                                                        {"op_code", op_code},
-                                                        {"op_msg", e.text}})},
-                              {"order", order_block(e.order_id, info)},
-                              {"status", status_block(e.order_id, info)},
-                              {"contract", wire::contract_value(contract)}});
+  wire::Writer w;
+  w.map(4).key("operation").map(3);
+  w.key("op_type").text(to_text(e.operation)).key("op_code").text(op_code).key("op_msg").text(e.text);
+  w.key("order");
+  write_order(w, e.order_id, info);
+  w.key("status");
+  write_status(w, e.order_id, info);
+  w.key("contract").raw(contract_bytes(contract));
+  std::string message = w.take();
   report(request, account, info.placing_session, futures, false, std::move(message));
 }
 
@@ -392,14 +422,8 @@ Value BrokerCore::State::place_order(Request& request) {
 
   // Funds or holdings are held under the order's id before it can trade.
   const OrderId id = engine.issue_order_id();
-  const Price bound = bounding_price(t, contract);
-  const Outcome held = account.is_stock()
-                           ? stock_book(account).reserve_for_order(id, contract, t.side, info.cond, bound,
-                                                                   shares_of(t.board, t.quantity, contract))
-                           : futures_book(account).reserve_for_order(id, contract, t.side, info.octype, bound,
-                                                                     t.quantity, marks(), today());
-  if (held) wire::refuse(*held);
-  info.order_ts = nanos_of(market_clock.now());
+  if (const Outcome held = hold_for(id, info, bounding_price(t, contract), t.quantity)) wire::refuse(*held);
+  info.order_ts = to_timestamp(market_clock.now());
   orders.emplace(id, std::move(info));
   const Result<OrderReceipt> placed = engine.place(orders.at(id).ticket, id);
   if (placed) orders.at(id).order_ts = placed->order_ts;
@@ -410,88 +434,80 @@ Value BrokerCore::State::place_order(Request& request) {
     failed.msg = placed.refusal().text;
     wire::refuse(placed.refusal());
   }
-  return order_reply(id);
+  return order_reply(request, id);
+}
+
+OrderId BrokerCore::State::named_order(const Request& request) {
+  const Field order = field(request.payload, "order");
+  const OrderId id = order_id_of(order);
+  check_order_signature(request, *owned_order(request, id).account, order);
+  return id;
+}
+
+Value BrokerCore::State::conclude(Request& request, OrderId id, const Result<OrderReceipt>& done) {
+  settle_events(request);
+  if (!done) wire::refuse(done.refusal());
+  return order_reply(request, id);
 }
 
 Value BrokerCore::State::cancel_order(Request& request) {
-  const Field order = field(request.payload, "order");
-  const OrderId id = order_id_of(order);
-  OrderInfo& info = owned_order(request, id);
-  check_order_signature(request, *info.account, order);
-  const Result<OrderReceipt> done = engine.cancel(id);
-  settle_events(request);
-  if (!done) wire::refuse(done.refusal());
-  return order_reply(id);
+  const OrderId id = named_order(request);
+  return conclude(request, id, engine.cancel(id));
 }
 
 Value BrokerCore::State::update_price(Request& request) {
-  const Field order = field(request.payload, "order");
-  const OrderId id = order_id_of(order);
-  OrderInfo& info = owned_order(request, id);
-  check_order_signature(request, *info.account, order);
+  const OrderId id = named_order(request);
+  const OrderInfo& info = orders.at(id);
   const Price price = field(request.payload, "price").price();
-  const Account& account = *info.account;
-  const Contract& contract = *info.contract;
+  if (info.ticket.price_type != PriceType::Limit) return conclude(request, id, engine.change_price(id, price));
   // The hold follows the new price: more funds for a dearer buy, refused when they are not there.
   auto hold_at = [&](Price at) -> Outcome {
-    OrderTicket rest = info.ticket;
-    rest.quantity = info.remaining();
-    if (rest.quantity <= 0) return std::nullopt;
-    if (account.is_stock()) {
-      StockAccountBook& book = stock_book(account);
-      book.release_order(id);
-      return book.reserve_for_order(id, contract, rest.side, info.cond, at,
-                                    shares_of(rest.board, rest.quantity, contract));
-    }
-    FuturesAccountBook& book = futures_book(account);
-    book.release_order(id);
-    return book.reserve_for_order(id, contract, rest.side, info.octype, at, rest.quantity, marks(), today());
+    release_hold(id, info);
+    return info.remaining() > 0 ? hold_for(id, info, at, info.remaining()) : std::nullopt;
   };
   const Price before = info.modified_price.is_zero() ? info.ticket.price : info.modified_price;
-  if (info.ticket.price_type == PriceType::Limit) {
-    if (const Outcome held = hold_at(price)) {
-      hold_at(before);
-      wire::refuse(*held);
-    }
+  if (const Outcome held = hold_at(price)) {
+    hold_at(before);
+    wire::refuse(*held);
   }
   const Result<OrderReceipt> done = engine.change_price(id, price);
-  if (!done && info.ticket.price_type == PriceType::Limit) hold_at(before);
-  settle_events(request);
-  if (!done) wire::refuse(done.refusal());
-  return order_reply(id);
+  if (!done) hold_at(before);
+  return conclude(request, id, done);
 }
 
 Value BrokerCore::State::update_qty(Request& request) {
-  const Field order = field(request.payload, "order");
-  const OrderId id = order_id_of(order);
-  OrderInfo& info = owned_order(request, id);
-  check_order_signature(request, *info.account, order);
+  const OrderId id = named_order(request);
   const Quantity by = field(request.payload, "quantity").integer();
   if (by <= 0) {
     wire::refuse(wire::kBadRequest, "field 'quantity' is " + std::to_string(by) +
                                         "; expected how many units to take off the order, at least 1",
                  static_cast<int>(RefusalCode::InvalidQuantity));
   }
-  const Result<OrderReceipt> done = engine.reduce_quantity(id, by);
-  settle_events(request);
-  if (!done) wire::refuse(done.refusal());
-  return order_reply(id);
+  return conclude(request, id, engine.reduce_quantity(id, by));
 }
 
 Value BrokerCore::State::update_status(Request& request) {
   const Account& account = owned_account(request, field(request.payload, "account"));
   const std::string seqno = field(request.payload, "seqno").text_or("");
   settle_events(request);
-  Value entries = Value::array({});
+  std::vector<OrderId> listed;
   for (const OrderRecord& record : engine.orders_of(account.key)) {
     const auto it = orders.find(record.id);
     if (it == orders.end() || it->second.combo) continue;
     if (!seqno.empty() && seqno != order_seqno(record.id)) continue;
-    entries.push_back(Value::map({{"contract", wire::contract_value(*it->second.contract)},
-                                  {"order", order_block(record.id, it->second)},
-                                  {"status", status_block(record.id, it->second)}}));
+    listed.push_back(record.id);
   }
-  return entries;
+  wire::Writer w;
+  w.array(static_cast<std::uint32_t>(listed.size()));
+  for (OrderId id : listed) {
+    const OrderInfo& info = orders.at(id);
+    w.map(3).key("contract").raw(contract_bytes(*info.contract)).key("order");
+    write_order(w, id, info);
+    w.key("status");
+    write_status(w, id, info);
+  }
+  request.encoded_reply = wire::ok_reply_bytes(w.bytes());
+  return Value();
 }
 
 // ---- combination orders ----
@@ -594,38 +610,36 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
         continue;
       }
     } else {
-      FuturesAccountBook& book = futures_book(*combo.account);
-      std::vector<OrderId> legs;
+      std::vector<std::pair<OrderId, OrderInfo>> legs;
       std::optional<Refusal> refused;
       for (const Plan& p : plan) {
+        OrderInfo info;
+        info.account = combo.account;
+        info.contract = p.contract;
+        info.placing_session = combo.placing_session;
+        info.ticket = OrderTicket{combo.account->key, p.contract->code, Board::Common, p.side,
+                                  PriceType::Limit, OrderType::IOC, p.worst, wanted};
+        info.octype = combo.octype;
+        info.order_ts = to_timestamp(market_clock.now());
+        info.combo = id;
         const OrderId leg_id = engine.issue_order_id();
-        if (Outcome held = book.reserve_for_order(leg_id, *p.contract, p.side, combo.octype, p.worst, wanted, marks(),
-                                                  today())) {
+        if (Outcome held = hold_for(leg_id, info, p.worst, wanted)) {
           refused = std::move(*held);
           break;
         }
-        legs.push_back(leg_id);
+        legs.emplace_back(leg_id, std::move(info));
       }
       if (refused) {
-        for (OrderId leg_id : legs) book.release_order(leg_id);
+        for (const auto& [leg_id, info] : legs) release_hold(leg_id, info);
         finish(combo.dealt > 0 ? Status::Cancelled : Status::Failed, refused->text);
       } else {
-        for (std::size_t i = 0; i < plan.size(); ++i) {
-          OrderInfo info;
-          info.account = combo.account;
-          info.contract = plan[i].contract;
-          info.placing_session = combo.placing_session;
-          info.ticket = OrderTicket{combo.account->key, plan[i].contract->code, Board::Common, plan[i].side,
-                                    PriceType::Limit, OrderType::IOC, plan[i].worst, wanted};
-          info.octype = combo.octype;
-          info.order_ts = nanos_of(market_clock.now());
-          info.combo = id;
-          orders.emplace(legs[i], std::move(info));
-          engine.place(orders.at(legs[i]).ticket, legs[i]);
+        for (auto& [leg_id, info] : legs) {
+          const OrderTicket& ticket = orders.emplace(leg_id, std::move(info)).first->second.ticket;
+          engine.place(ticket, leg_id);
         }
         settle_events(request);
         Quantity filled = wanted;
-        for (OrderId leg_id : legs) filled = std::min(filled, orders.at(leg_id).dealt);
+        for (const auto& leg : legs) filled = std::min(filled, orders.at(leg.first).dealt);
         combo.dealt += filled;
         if (combo.dealt == combo.quantity) {
           combo.status = Status::Filled;
@@ -641,7 +655,7 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
 void BrokerCore::State::report_combo(Request& request, const ComboOrder& combo, const char* operation) {
   Value message = combo_entry(combo);
   message.set("operation", Value::map({{"op_type", operation}, {"op_code", "00"}, {"op_msg", combo.msg}}));
-  report(request, *combo.account, combo.placing_session, true, false, std::move(message));
+  report(request, *combo.account, combo.placing_session, true, false, core::encode(message));
 }
 
 Value BrokerCore::State::place_comboorder(Request& request) {
@@ -684,7 +698,7 @@ Value BrokerCore::State::place_comboorder(Request& request) {
                  static_cast<int>(RefusalCode::InvalidQuantity));
   }
   combo.id = engine.issue_order_id();
-  combo.order_ts = nanos_of(market_clock.now());
+  combo.order_ts = to_timestamp(market_clock.now());
   const OrderId id = combo.id;
   report_combo(request, combos.emplace(id, std::move(combo)).first->second, "New");
   work_combos(request, &account);

@@ -40,7 +40,9 @@ struct PaperBroker::Link {
   Link(BrokerCore& core, const std::string& bus_name) : core(core) {
     bus::ResponderOptions options;
     options.client_name = "paper-broker";
-    options.dispatch = bus::Dispatch::Inline;
+    // On the responder's own thread, not the requester's: a client that files its placeholder
+    // just after sending a non-blocking request must get that moment before the reply lands.
+    options.dispatch = bus::Dispatch::Worker;
     responder = std::make_unique<bus::Responder>("inproc://" + bus_name, std::move(options));
     sender = std::make_unique<ResponderSender>(*responder);
     responder->serve("api/v1/>", [this](const bus::ServiceRequest& request) { serve(request); });
@@ -85,6 +87,12 @@ void PaperBroker::close() {
 bool PaperBroker::attached() const { return static_cast<bool>(link_); }
 const std::string& PaperBroker::bus_name() const { return bus_name_; }
 BrokerCore& PaperBroker::core() { return *core_; }
+
+void PaperBroker::settle() {
+  if (!link_) return;
+  core_->settle(link_->outbox);
+  for (const std::string& gone : link_->outbox.drain(*link_->sender)) core_->session_closed(gone);
+}
 
 // ---- the paper:// scheme ----
 

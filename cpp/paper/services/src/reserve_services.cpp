@@ -9,12 +9,6 @@ using core::Value;
 using wire::Field;
 using wire::field;
 
-namespace {
-
-constexpr int kSignatureRefused = 74090;
-
-}  // namespace
-
 void BrokerCore::State::serve_reservations() {
   serve("api/v1/order/reserve_stock", Access::LiveOnly, bound(&State::reserve_stock));
   serve("api/v1/order/reserve_earmarking", Access::LiveOnly, bound(&State::reserve_earmarking));
@@ -32,7 +26,7 @@ void BrokerCore::State::check_request_signature(const Account& account, const Fi
   if (!ca.value().is_map()) {
     wire::refuse(wire::kForbidden, where + " needs the signed text and its signature in order.ca ({signature, "
                                            "plain_text}); expected a request signed with an activated certificate",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
   const std::string text = ca["plain_text"].text();
   const sign::Verification v =
@@ -40,12 +34,12 @@ void BrokerCore::State::check_request_signature(const Account& account, const Fi
   if (!v) {
     wire::refuse(wire::kForbidden, "the request signature for " + where + " is not valid: " + v.error +
                                        "; expected a signature by " + account.holder->person_id + "'s certificate",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
   if (text.find(contract.code) == std::string::npos || text.find(std::to_string(shares)) == std::string::npos) {
     wire::refuse(wire::kForbidden, "the signed text does not name " + contract.code + " and " +
                                        std::to_string(shares) + " shares; expected the text signed for this request",
-                 kSignatureRefused);
+                 wire::kSignatureRefused);
   }
 }
 

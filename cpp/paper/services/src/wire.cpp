@@ -2,7 +2,10 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <limits>
+
+#include "quorvex/core/codec.hpp"
 
 namespace quorvex::paper::wire {
 
@@ -150,6 +153,109 @@ Value contract_value(const Contract& c) {
   m.append_new("option_right", to_text(c.option_right));
   m.append_new("target_code", std::string());
   return Value(std::move(m));
+}
+
+namespace {
+
+void put_be(std::string& out, std::uint64_t value, int bytes) {
+  for (int i = bytes - 1; i >= 0; --i) out += static_cast<char>((value >> (8 * i)) & 0xff);
+}
+
+void put_header(std::string& out, std::uint32_t n, std::uint8_t fix, std::uint32_t fix_max, std::uint8_t tag16,
+                std::uint8_t tag32) {
+  if (n <= fix_max) {
+    out += static_cast<char>(fix | n);
+  } else if (n <= 0xffff) {
+    out += static_cast<char>(tag16);
+    put_be(out, n, 2);
+  } else {
+    out += static_cast<char>(tag32);
+    put_be(out, n, 4);
+  }
+}
+
+}  // namespace
+
+Writer& Writer::map(std::uint32_t entries) {
+  put_header(out_, entries, 0x80, 15, 0xde, 0xdf);
+  return *this;
+}
+
+Writer& Writer::array(std::uint32_t items) {
+  put_header(out_, items, 0x90, 15, 0xdc, 0xdd);
+  return *this;
+}
+
+Writer& Writer::text(std::string_view text) {
+  const auto n = static_cast<std::uint32_t>(text.size());
+  if (n <= 31) {
+    out_ += static_cast<char>(0xa0 | n);
+  } else if (n <= 0xff) {
+    out_ += static_cast<char>(0xd9);
+    put_be(out_, n, 1);
+  } else {
+    put_header(out_, n, 0xa0, 0, 0xda, 0xdb);
+  }
+  out_.append(text.data(), text.size());
+  return *this;
+}
+
+// The smallest form, as the core codec writes integers, so both encodings of a value agree.
+Writer& Writer::integer(std::int64_t v) {
+  if (v >= 0) {
+    if (v <= 0x7f) {
+      out_ += static_cast<char>(v);
+    } else if (v <= 0xff) {
+      out_ += static_cast<char>(0xcc);
+      put_be(out_, static_cast<std::uint64_t>(v), 1);
+    } else if (v <= 0xffff) {
+      out_ += static_cast<char>(0xcd);
+      put_be(out_, static_cast<std::uint64_t>(v), 2);
+    } else if (v <= 0xffffffffLL) {
+      out_ += static_cast<char>(0xce);
+      put_be(out_, static_cast<std::uint64_t>(v), 4);
+    } else {
+      out_ += static_cast<char>(0xcf);
+      put_be(out_, static_cast<std::uint64_t>(v), 8);
+    }
+  } else if (v >= -32) {
+    out_ += static_cast<char>(static_cast<std::int8_t>(v));
+  } else if (v >= -128) {
+    out_ += static_cast<char>(0xd0);
+    put_be(out_, static_cast<std::uint64_t>(v), 1);
+  } else if (v >= -32768) {
+    out_ += static_cast<char>(0xd1);
+    put_be(out_, static_cast<std::uint64_t>(v), 2);
+  } else if (v >= -2147483648LL) {
+    out_ += static_cast<char>(0xd2);
+    put_be(out_, static_cast<std::uint64_t>(v), 4);
+  } else {
+    out_ += static_cast<char>(0xd3);
+    put_be(out_, static_cast<std::uint64_t>(v), 8);
+  }
+  return *this;
+}
+
+Writer& Writer::number(double value) {
+  core::append_float64(out_, value);
+  return *this;
+}
+
+Writer& Writer::flag(bool value) {
+  out_ += static_cast<char>(value ? 0xc3 : 0xc2);
+  return *this;
+}
+
+Writer& Writer::raw(std::string_view encoded) {
+  out_.append(encoded.data(), encoded.size());
+  return *this;
+}
+
+std::string ok_reply_bytes(std::string_view response) {
+  Writer w;
+  w.bytes().reserve(response.size() + 32);
+  w.map(2).key("status").map(1).key("status_code").integer(kOk).key("response").raw(response);
+  return w.take();
 }
 
 }  // namespace quorvex::paper::wire

@@ -25,6 +25,9 @@ inline constexpr int kUnauthorized = 401;
 inline constexpr int kForbidden = 403;
 inline constexpr int kNotFound = 404;
 
+// The sts_code of order and reservation signatures that are missing, invalid or stale.
+inline constexpr int kSignatureRefused = 74090;
+
 [[noreturn]] void refuse(int status_code, std::string detail, int sts_code = 0);
 // A refusal of the domain core: unknown things are 404, everything else 400, with its sts_code.
 [[noreturn]] void refuse(const Refusal& refusal);
@@ -72,5 +75,30 @@ double epoch_seconds(Timestamp ts);
 
 // The raw contract dict the client's contract records are built from.
 Value contract_value(const Contract& contract);
+
+// Writes msgpack straight into bytes, for the replies and reports on the order path, where
+// building a Value tree first would cost more than the rest of the work. Maps and arrays are
+// announced with their entry counts; `raw` splices in a value encoded before (a cached
+// contract or account dict).
+class Writer {
+ public:
+  Writer& map(std::uint32_t entries);
+  Writer& array(std::uint32_t items);
+  Writer& key(std::string_view key) { return text(key); }
+  Writer& text(std::string_view text);
+  Writer& integer(std::int64_t value);
+  Writer& number(double value);
+  Writer& flag(bool value);
+  Writer& raw(std::string_view encoded);
+
+  std::string& bytes() { return out_; }
+  std::string take() { return std::move(out_); }
+
+ private:
+  std::string out_;
+};
+
+// The encoded reply {"status": {"status_code": 200}, "response": <encoded response>}.
+std::string ok_reply_bytes(std::string_view response);
 
 }  // namespace quorvex::paper::wire

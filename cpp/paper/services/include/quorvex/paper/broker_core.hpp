@@ -83,6 +83,21 @@ struct ServiceCall {
 // Extension services answer with the reply's `response` block, or throw ServiceRefused.
 using ServiceHandler = std::function<core::Value(const ServiceCall&)>;
 
+// A fill of a client's order, as the market saw it (a quote feed shows it as a trade).
+struct MarketDeal {
+  const Contract* contract = nullptr;
+  Side side = Side::Buy;  // the client's side
+  Price price;
+  Quantity quantity = 0;  // board lots (stocks), shares (odd-lot boards), contracts
+  Board board = Board::Common;
+  Timestamp ts = 0;
+  // The deal's number, the same in both reports of a deal between two clients, and whether this
+  // order took the liquidity: a feed shows each deal once, with the taker's side.
+  DealId deal = 0;
+  bool aggressor = false;
+};
+using DealListener = std::function<void(const MarketDeal&)>;
+
 // A refusal an extension service raises: the status code and the detail text of the reply.
 class ServiceRefused : public std::runtime_error {
  public:
@@ -117,13 +132,17 @@ class BrokerCore {
   // Every topic with a service, for carriers that serve exact topics.
   std::vector<std::string> topics() const;
 
-  // Every event of the matching engine, as it happens (the quote feed's trades and books).
-  // Runs with the core's lock held, so it must only queue. Replaces an earlier watcher.
-  void watch_order_events(OrderEventHandler watcher);
-  // The resting orders of a book, best five levels a side; nullopt for a book with none.
-  std::optional<BookSnapshot> resting_depth(const std::string& code, Board board) const;
+  // Books the engine's events that came from outside a request (another thread trading on
+  // the engine) and queues their reports in `out`.
+  void settle(Outbox& out);
+  // Hears every fill of a client order once it is booked, in order, under the core's lock:
+  // the listener must be quick and must not call back into the core.
+  void add_deal_listener(DealListener listener);
 
   const ContractMaster& contracts() const;
+  // The paper market itself: books, depth and last prices for quotes; operations on it from
+  // outside a request are booked at the next request or settle().
+  MatchingEngine& engine();
   // Market time: the broker clock sped up by the configured clock speed.
   const core::Clock& market_clock() const;
 

@@ -8,9 +8,9 @@
 //   session.connect({.host = "paper://trading"});  // starts the broker of bus "trading"
 //
 // Threading: attach() and close() may be called from any thread but not concurrently with each
-// other. Requests are decided on the requesting session's own thread (the responder dispatches
-// inline), serialised by the core; replies and reports leave in the order they were decided,
-// after the core's lock is released. close() waits for requests being decided.
+// other. Requests are decided one at a time on the broker's own responder thread, never on a
+// requester's; replies and reports leave in the order they were decided, after the core's lock
+// is released. close() waits for the request being decided.
 #pragma once
 
 #include <memory>
@@ -44,6 +44,9 @@ class PaperBroker {
   const std::string& bus_name() const;
 
   BrokerCore& core();
+  // Books what happened on the engine outside requests and sends its reports (see
+  // BrokerCore::settle); for whoever trades on the engine from its own thread.
+  void settle();
 
  private:
   struct Link;

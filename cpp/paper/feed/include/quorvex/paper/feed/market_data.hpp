@@ -43,6 +43,9 @@ class PaperMarketData {
   // Every event of the matching engine: clients' fills become trades on the feed, and any
   // change to a book republishes its bid/asks.
   void on_order_event(const OrderEvent& event);
+  // A client's fill, told once per deal or more (repeats of a deal are dropped): a trade on the
+  // feed, in history and snapshots.
+  void record_trade(const OwnTrade& trade);
   // The bus's subscription watcher: a filter gained its first subscriber or lost its last.
   void on_subscription(const std::string& filter, bool active) { feed_.on_subscription(filter, active); }
 

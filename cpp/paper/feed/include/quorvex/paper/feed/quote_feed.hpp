@@ -72,7 +72,8 @@ class QuoteFeed {
 
   // A subscription filter gained its first subscriber (true) or lost its last (false).
   void on_subscription(const std::string& filter, bool active);
-  // The broker's book of a contract changed: its bid/asks are published again.
+  // The broker's book of a contract changed (a fill, an order resting or leaving): its bid/asks
+  // are published again at once rather than with the stream's next trade.
   void book_changed(const std::string& code, Board board);
   // Starts the next round now, e.g. after a trade was recorded in the ledger.
   void wake();
