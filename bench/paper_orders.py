@@ -91,16 +91,6 @@ class Orders:
         self.contract = Stock(exchange="TSE", code="2330")
         self.fields = dict(action="Buy", price=900, quantity=1, account=api.default_stock_account,
                            order_type="IOC")
-        # The client files a non-blocking placement's trade just after sending; a reply that
-        # beats it to the callback thread waits for the filing, as it would behind a network.
-        handler = api._place_order_cb
-
-        def filed_first(topic, corrid, resp):
-            while corrid not in api._trades:
-                time.sleep(0)
-            return handler(topic, corrid, resp)
-
-        api._place_order_cb = filed_first
 
     def payload(self):
         return {"contract": self.contract.dict(), "order": Order(**self.fields).dict(), "tft": False}

@@ -166,3 +166,15 @@ def test_a_reply_without_response_leaves_the_columns_empty(api, query, args, top
     result = getattr(api, query)(*args, timeout=0, cb=delivered.append)
     api.session.deliver()
     assert delivered == [result] and all(value == [] for value in result.dict().values())
+
+
+@pytest.mark.parametrize("timeout", [5000, 0])
+@pytest.mark.parametrize("query, args, topic, record, reply", QUERIES)
+def test_a_request_the_session_fails_leaves_no_placeholder(api, timeout, query, args, topic, record, reply):
+    def fail(request):
+        raise TimeoutError("no reply within %d ms" % request.timeout)
+
+    api.session.reply(getattr(api, topic), fail)
+    with pytest.raises(TimeoutError):
+        getattr(api, query)(*args, timeout=timeout)
+    assert api._reqrep == {}

@@ -2,7 +2,9 @@
 
 import pytest
 
+from conftest import refused
 from orders_support import STOCK_ACCOUNT, TSMC, TXF, order, order_api, trade
+from quorvex.constant import Status
 
 
 @pytest.fixture
@@ -81,3 +83,29 @@ def test_reply_handlers_check_their_argument_types_first(api, handler, args, mes
     with pytest.raises(TypeError) as info:
         getattr(api, handler)(*args)
     assert str(info.value) == message and api._rep_callback_map == {"c": print}
+
+
+class _OnlyInactive:
+    Inactive = Status.Inactive
+
+
+def _place_refused(api):
+    api.session.reply("api/v1/order/place_order", refused(500))
+    api.place_order(TSMC, order())
+
+
+def _cancel_recorded_as_failed(api):
+    api.session.reply("api/v1/order/cancel_order", refused(400, sts_code=74006))
+    api.cancel_order(trade())
+
+
+@pytest.mark.parametrize("status_enum, call, missing", [
+    (type("NoMembers", (), {}), lambda api: api.place_order(TSMC, order()), "Inactive"),
+    (_OnlyInactive, _place_refused, "Failed"),
+    (type("NoMembers", (), {}), _cancel_recorded_as_failed, "Failed"),
+])
+def test_a_status_enumeration_without_the_member_is_an_error_not_a_crash(api, api_module, monkeypatch,
+                                                                         status_enum, call, missing):
+    monkeypatch.setattr(api_module, "Status", status_enum)
+    with pytest.raises(AttributeError, match=missing):
+        call(api)

@@ -69,7 +69,11 @@ def test_reply_status_keys_override_the_computed_ones(api):
 @pytest.mark.parametrize(
     "reply, status, logged",
     [
-        (refused(500, "price out of range"), Status.Failed, "price out of range"),
+        (
+            refused(500, "price out of range", order={"id": "", "ca": "MIIB-order-signature"}),
+            Status.Failed,
+            "price out of range",
+        ),
         ({"response": {}}, Status.Inactive, f"Topic: {TOPIC}, Status Code is None."),
         ({"status": {"status_code": None}}, Status.Inactive, "Status Code is None."),
     ],
@@ -79,15 +83,15 @@ def test_unsuccessful_reply_leaves_the_trade_under_its_correlation_id(api, caplo
     with caplog.at_level(logging.ERROR, logger="quorvex"):
         trade = api.place_order(TSMC, order())
     assert api._trades == {"corr-1": trade} and trade.status.status == status
-    assert logged in caplog.text
+    assert logged in caplog.text and "MIIB-order-signature" not in caplog.text
 
 
 def test_refused_token_is_logged_and_raised(api, caplog):
-    api.session.reply(TOPIC, refused(401, "token expired"))
+    api.session.reply(TOPIC, refused(401, "token expired", order={"ca": "MIIB-order-signature"}, token="tok-1"))
     with caplog.at_level(logging.ERROR, logger="quorvex"), pytest.raises(TokenError) as info:
         api.place_order(TSMC, order())
     assert (info.value.status_code, info.value.detail) == (401, "token expired")
-    assert "token expired" in caplog.text
+    assert "token expired" in caplog.text and "MIIB-order-signature" not in caplog.text and "tok-1" not in caplog.text
     assert api._trades["corr-1"].status.status == Status.Inactive
 
 

@@ -39,30 +39,12 @@ class Reports:
             return [state.value for state, _ in self.items]
 
 
-def later(api, query, *args, filed=None):
-    """Runs ``api.<query>(*args)`` non-blocking; returns (what it returned, what cb received).
-
-    A placement files its provisional trade just after sending; an in-process reply can reach
-    the callback thread first when the machine is busy. The reply handler is wrapped to wait
-    until ``filed(corrid)`` holds (by default: the placeholder is in ``_reqrep``), as a remote
-    broker's latency would, so the test sees the non-blocking path rather than that race.
-    """
-    name = "_{}_cb".format(query)
-    handler = getattr(api, name)
-    filed = filed or (lambda corrid: corrid in api._reqrep)
-
-    def filed_first(topic, corrid, resp):
-        wait_until(lambda: filed(corrid))
-        return handler(topic, corrid, resp)
-
+def later(api, query, *args):
+    """Runs ``api.<query>(*args)`` non-blocking; returns (what it returned, what cb received)."""
     got = []
     done = threading.Event()
-    setattr(api, name, filed_first)
-    try:
-        returned = getattr(api, query)(*args, timeout=0, cb=lambda r: (got.append(r), done.set()))
-        assert done.wait(3), "no reply to " + query
-    finally:
-        delattr(api, name)
+    returned = getattr(api, query)(*args, timeout=0, cb=lambda r: (got.append(r), done.set()))
+    assert done.wait(3), "no reply to " + query
     return returned, got[0]
 
 

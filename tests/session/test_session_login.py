@@ -206,6 +206,23 @@ def test_an_unusable_secret_is_named_without_being_shown(api, secret):
     assert api.session.requests == []
 
 
+@pytest.mark.parametrize(
+    "call, error",
+    [(lambda api: api.token_login(7, SECRET, True, 1), "Argument 'key' has incorrect type (expected str, got int)"),
+     (lambda api: api.token_login("k", SECRET.encode(), True, 1),
+      "Argument 'secret_key' has incorrect type (expected str, got bytes)"),
+     (lambda api: api.token_login("k", None, True, 1), "the secret key is missing"),
+     (lambda api: api.simulation_login(7, PERSON), "Argument 'token' has incorrect type (expected str, got int)"),
+     (lambda api: api.simulation_login("t", 7), "Argument 'person_id' has incorrect type (expected str, got int)")],
+    ids=["key", "secret-bytes", "secret-none", "token", "person_id"],
+)
+def test_other_logins_refuse_credentials_of_the_wrong_type(api, call, error):
+    with pytest.raises(TypeError) as raised:
+        call(api)
+    assert str(raised.value).startswith(error)
+    assert api.session.requests == [] and api._person_id is None
+
+
 def test_simulation_login_authenticates_with_the_callers_token(sim_api):
     sim_api.session.reply(
         sim_api.simulation_login_topic,

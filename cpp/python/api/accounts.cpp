@@ -44,7 +44,8 @@ nb::object account_payload(nb::handle account) { return attr(account, QV_NAME("d
 
 // The cache key of a queried account: broker id then account id, no separator.
 nb::object account_key(nb::handle account) {
-  return format("{}{}", attr(account, QV_NAME("broker_id")), attr(account, QV_NAME("account_id")));
+  nb::object broker_id = attr(account, QV_NAME("broker_id"));  // read in argument order, as Python would
+  return format("{}{}", broker_id, attr(account, QV_NAME("account_id")));
 }
 
 // The cache key of a reply's account, by plain concatenation of its two fields. Given the raw
@@ -151,7 +152,17 @@ void fill_cached_listing(nb::handle self, const CachedListing& listing, nb::hand
   } else {
     raise_resp_error(self, status_code, resp);
   }
-  if (truthy(cb)) cb(get_item(attr(self, listing.cache_attr), reply_account_key(account)));
+  if (!truthy(cb)) return;
+  // Reached without an account only when a substituted raise_resp_error let a refusal pass.
+  if (!account.is_valid()) {
+    nb::object message = format(
+        "local variable 'account' referenced before assignment: the refused reply (status {}) names no account "
+        "whose cached list could be given to the callback",
+        status_code);
+    PyErr_SetObject(PyExc_UnboundLocalError, message.ptr());
+    throw nb::python_error();
+  }
+  cb(get_item(attr(self, listing.cache_attr), reply_account_key(account)));
 }
 
 void cached_listing_handler(ApiClass& api, const CachedListing& listing) {
@@ -165,7 +176,7 @@ void cached_listing_handler(ApiClass& api, const CachedListing& listing) {
 
 // The cached item a detail query asks about: the first of the account's cached items whose
 // `id` equals `detail_id`. None when the query stops without sending: refused in simulation,
-// or the account never listed or holding no such item.
+// or the account never listed or holding no such item; the caller also stops on a falsy item.
 nb::object detail_target(nb::handle self, const char* method, const char* cache_attr, nb::handle key,
                          nb::handle detail_id) {
   if (refuse_in_simulation(self, method)) return nb::none();
@@ -236,7 +247,6 @@ void define_accounts(ApiClass& api) {
     nb::object acc_balance = get(reply.response, QV_NAME("acc_balance"), nb::int_(0));
     nb::object date = get(reply.response, QV_NAME("date"), local_now_text("%Y-%m-%d %H:%M:%S"));
     nb::object errmsg = get(reply.response, QV_NAME("errmsg"), nb::str(""));
-    if (truthy(errmsg)) log_error(errmsg);
     balance.attr("lazy_setter")("acc_balance"_a = acc_balance, "date"_a = date, "errmsg"_a = errmsg);
   });
 
@@ -324,7 +334,7 @@ void define_accounts(ApiClass& api) {
          nb::handle cb) -> nb::object {
         nb::object key = account_key(account);
         nb::object position = detail_target(self, "list_position_detail", "_positions", key, detail_id);
-        if (position.is_none()) return nb::list();
+        if (!truthy(position)) return nb::list();
         nb::dict payload;
         payload["account"] = account_payload(account);
         if (is_futures_key(key)) {
@@ -386,7 +396,7 @@ void define_accounts(ApiClass& api) {
          nb::handle cb) -> nb::object {
         nb::object key = account_key(account);
         nb::object item = detail_target(self, "list_profit_loss_detail", "_profit_loss", key, detail_id);
-        if (item.is_none()) return nb::list();
+        if (!truthy(item)) return nb::list();
         nb::dict payload;
         payload["account"] = account_payload(account);
         payload["stock"] = get_item(item, "code");

@@ -125,6 +125,9 @@ inline nb::object attr(nb::handle obj, const char* name) { return nb::getattr(ob
 nb::object module_attr(nb::handle name);
 inline nb::object module_attr(const char* name) { return module_attr(nb::handle(nb::str(name))); }
 void set_module(nb::handle module);
+// A builtin (`print`, `sum`) as module code sees it: the api module's attribute of that name
+// when one is set (a test's substitute), else the interpreter's own.
+nb::object builtin(nb::handle name);
 
 // mapping.get(key, default), with a fast path for exact dicts; any other object is asked
 // for its `get` method, so None fails with the interpreter's own AttributeError.
@@ -198,7 +201,8 @@ struct Query {
 // id when non-blocking, store the placeholder made by `make_placeholder` in _reqrep, send
 // with the query's handler, run the handler at once on the returned reply when blocking,
 // and return the placeholder. The placeholder is stored before the send so that a reply
-// handled on the messaging thread before request() returns still finds it.
+// handled on the messaging thread before request() returns still finds it, and taken back
+// out when the send raises, since no reply will come for it.
 nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb::handle payload,
                       nb::handle timeout, nb::handle cb, const std::function<nb::object()>& make_placeholder);
 

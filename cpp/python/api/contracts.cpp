@@ -158,7 +158,7 @@ void define_contracts(ApiClass& api) {
   api.method(
       "fetch_all_page",
       [](nb::handle /*self*/, nb::handle page_list) -> bool {
-        nb::object total = nb::module_::import_("builtins").attr("sum")(page_list);
+        nb::object total = builtin(QV_NAME("sum"))(page_list);
         return equals(total, nb::handle(nb::int_(nb::len(page_list))));
       },
       nb::arg("page_list"));

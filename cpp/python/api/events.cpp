@@ -31,18 +31,19 @@ bool is_library_logger(nb::handle logger) {
   return logger.ptr() == library_logger;
 }
 
-// Calls `handler(args...)` inside a fresh `logger.catch()` of the logging library: an error
-// is logged with its traceback and swallowed, so it never reaches the messaging thread.
+// Calls `self.<handler>(args...)` inside a fresh `logger.catch()` of the logging library: an
+// error, including a missing or non-callable handler, is logged with its traceback and
+// swallowed, so it never reaches the messaging thread.
 // Making the library's catcher costs about 20 us (it builds a class), far more than routing
 // a quote, and an entered one does nothing until an error leaves it; so with the library's
 // own logger the catcher is made and entered only once the handler has raised. Any other
 // `logger` (a substitute) gets its catcher made, entered and left around every call.
 template <typename... Args>
-void call_caught(nb::handle handler, Args&&... args) {
+void call_caught(nb::handle self, nb::handle handler, Args&&... args) {
   nb::object logger = module_attr(QV_NAME("logger"));
   if (is_library_logger(logger)) {
     try {
-      handler(std::forward<Args>(args)...);
+      attr(self, handler)(std::forward<Args>(args)...);
     } catch (nb::python_error& e) {
       nb::object catcher = logger.attr(QV_NAME("catch"))();
       catcher.attr(QV_NAME("__enter__"))();
@@ -53,7 +54,7 @@ void call_caught(nb::handle handler, Args&&... args) {
   nb::object catcher = logger.attr(QV_NAME("catch"))();
   catcher.attr(QV_NAME("__enter__"))();
   try {
-    handler(std::forward<Args>(args)...);
+    attr(self, handler)(std::forward<Args>(args)...);
   } catch (nb::python_error& e) {
     exit_with_error(catcher, e);
     return;
@@ -88,19 +89,19 @@ void define_events(ApiClass& api) {
   api.method(
       "on_msg_wrap",
       [](nb::handle self, nb::handle topic, nb::handle msg) {
-        call_caught(attr(self, QV_NAME("on_quote_wrap")), topic, msg);
+        call_caught(self, QV_NAME("on_quote_wrap"), topic, msg);
       },
       nb::arg("topic"), nb::arg("msg"));
 
   api.method(
       "on_event_wrap",
       [](nb::handle self, nb::handle resp_code, nb::handle event_code, nb::handle info, nb::handle event) {
-        call_caught(attr(self, QV_NAME("on_event_callback")), resp_code, event_code, info, event);
+        call_caught(self, QV_NAME("on_event_callback"), resp_code, event_code, info, event);
       },
       nb::arg("resp_code"), nb::arg("event_code"), nb::arg("info"), nb::arg("event"));
 
   api.method("on_session_down_wrap",
-             [](nb::handle self) { call_caught(attr(self, QV_NAME("on_session_down_callback"))); });
+             [](nb::handle self) { call_caught(self, QV_NAME("on_session_down_callback")); });
 
   api.method(
       "set_msg_callback",
@@ -177,7 +178,7 @@ void define_events(ApiClass& api) {
         nb::object order_id = get(order, QV_NAME("id"), nb::str(""));
         nb::object trade = get(attr(self, QV_NAME("_trades")), order_id, nb::none());
         if (truthy(trade)) {
-          nb::setattr(trade.attr("order"), "ordno", get(order, QV_NAME("ordno"), nb::str("")));
+          nb::setattr(attr(trade, "order"), "ordno", get(order, QV_NAME("ordno"), nb::str("")));
         }
       },
       nb::arg("msg"));

@@ -73,7 +73,7 @@ const char* category_attr(Category category, bool simulation) {
 
 template <typename... Args>
 void builtin_print(Args&&... args) {
-  nb::module_::import_("builtins").attr("print")(std::forward<Args>(args)...);
+  builtin(QV_NAME("print"))(std::forward<Args>(args)...);
 }
 
 // The nine printing handlers a new instance starts with, in the order they are set.

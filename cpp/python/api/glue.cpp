@@ -31,6 +31,14 @@ void set_module(nb::handle module) {
 
 nb::object module_attr(nb::handle name) { return checked(nb::steal(PyObject_GetAttr(g_module, name.ptr()))); }
 
+nb::object builtin(nb::handle name) {
+  PyObject* found = PyObject_GetAttr(g_module, name.ptr());
+  if (found) return nb::steal(found);
+  if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw nb::python_error();
+  PyErr_Clear();
+  return nb::getattr(nb::module_::import_("builtins"), name);
+}
+
 nb::object get(nb::handle mapping, nb::handle key, nb::handle dflt) {
   if (PyDict_CheckExact(mapping.ptr())) {
     PyObject* item = PyDict_GetItemWithError(mapping.ptr(), key.ptr());
@@ -147,14 +155,26 @@ nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb
                       nb::handle timeout, nb::handle cb,
                       const std::function<nb::object()>& make_placeholder) {
   const bool blocking = truthy(timeout);
-  if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
   nb::object topic = attr(self, query.topic_attr);
   nb::object handler = attr(self, query.handler_attr);
+  // Made first, so a record that cannot be built leaves nothing registered.
+  nb::object placeholder = make_placeholder();
+  if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
   // Stored before the send: a non-blocking reply may be handled on the messaging thread
   // before request() returns, and its handler must find the placeholder.
-  nb::object placeholder = make_placeholder();
-  set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);
-  nb::object resp = send_request(self, topic, payload, corrid, timeout, handler);
+  nb::object reqrep = attr(self, QV_NAME("_reqrep"));
+  set_item(reqrep, corrid, placeholder);
+  nb::object resp;
+  try {
+    resp = send_request(self, topic, payload, corrid, timeout, handler);
+  } catch (nb::python_error&) {
+    // A request that was never sent (or timed out waiting) gets no reply to collect it.
+    PyObject* key = corrid.ptr();
+    if (PyDict_Check(reqrep.ptr()) && PyDict_GetItem(reqrep.ptr(), key) == placeholder.ptr())
+      PyDict_DelItem(reqrep.ptr(), key);
+    PyErr_Clear();
+    throw;
+  }
   if (blocking) handler(topic, corrid, resp);
   return placeholder;
 }

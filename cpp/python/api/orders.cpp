@@ -84,6 +84,50 @@ nb::object overlay(nb::handle record, nb::handle block) {
   return fields;
 }
 
+// ---- replies as logged ------------------------------------------------------------
+
+// Keys whose values are credentials: an order's signature, a session token, a password.
+constexpr const char* kSecretKeys[] = {"ca", "signature", "token", "password", "secret_key"};
+constexpr const char* kHidden = "<hidden>";
+constexpr int kMaxLoggedDepth = 32;
+
+bool is_secret_key(nb::handle key) {
+  if (!PyUnicode_Check(key.ptr())) return false;
+  for (const char* secret : kSecretKeys) {
+    if (PyUnicode_CompareWithASCIIString(key.ptr(), secret) == 0) return true;
+  }
+  return false;
+}
+
+// `value` with every credential in its dicts and lists replaced by "<hidden>": the object
+// itself when it holds none, else a copy. A refused placement may echo the signed order.
+nb::object without_secrets(nb::handle value, int depth = 0) {
+  const bool is_dict = PyDict_Check(value.ptr());
+  const bool is_list = PyList_Check(value.ptr()) || PyTuple_Check(value.ptr());
+  if (!is_dict && !is_list) return nb::borrow(value);
+  if (depth >= kMaxLoggedDepth) return nb::str("...");
+  bool changed = false;
+  if (is_dict) {
+    nb::dict copy;
+    nb::object items = checked(PyDict_Items(value.ptr()));  // a snapshot: nothing here may resize it
+    for (nb::handle pair : items) {
+      nb::handle key = PyTuple_GET_ITEM(pair.ptr(), 0);
+      nb::handle item = PyTuple_GET_ITEM(pair.ptr(), 1);
+      nb::object shown = is_secret_key(key) && truthy(item) ? nb::str(kHidden) : without_secrets(item, depth + 1);
+      changed = changed || !shown.is(item);
+      copy[key] = shown;
+    }
+    return changed ? nb::object(copy) : nb::borrow(value);
+  }
+  nb::list copy;
+  for (nb::handle item : value) {
+    nb::object shown = without_secrets(item, depth + 1);
+    changed = changed || !shown.is(item);
+    copy.append(shown);
+  }
+  return changed ? nb::object(copy) : nb::borrow(value);
+}
+
 [[noreturn]] void raise_object(nb::handle exc) {
   PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr())), exc.ptr());
   throw nb::python_error();
@@ -187,7 +231,7 @@ nb::object take_callback(nb::handle self, nb::handle corrid) {
 
 nb::object inactive_status(const TradeBook& book) {
   nb::dict fields;
-  fields["status"] = module_attr(QV_NAME("Status")).attr("Inactive");
+  fields["status"] = attr(module_attr(QV_NAME("Status")), "Inactive");
   return build_record(book.status_record, fields);
 }
 
@@ -220,7 +264,9 @@ nb::object place(nb::handle self, const TradeBook& book, nb::handle contract, nb
   if (!truthy(timeout)) remember_callback(self, corrid, cb);
   nb::object key = exchange(self, book.place, payload, corrid, timeout,
                             [&] { set_item(attr(self, book.book), corrid, trade); });
-  if (!truthy(timeout)) key = corrid;
+  // Not blocking: the trade just stored, which the reply may already be re-keying on the
+  // messaging thread, so it is not looked up again under the correlation id.
+  if (!truthy(timeout)) return trade;
   return item(attr(self, book.book), key);
 }
 
@@ -255,14 +301,14 @@ nb::object place_reply(nb::handle self, const TradeBook& book, nb::handle topic,
   } else if (!truthy(status_code)) {
     log_error(format(kMissingStatusCode, topic));
   } else if (equals(status_code, 401)) {
-    log_error(resp);
+    log_error(without_secrets(resp));
     nb::object detail = get(get(resp, QV_NAME("response"), empty_dict()), QV_NAME("detail"), nb::str(""));
     raise_object(module_attr(QV_NAME("TokenError"))(status_code, detail));
   } else {
     nb::dict failed;
-    failed["status"] = module_attr(QV_NAME("Status")).attr("Failed");
+    failed["status"] = attr(module_attr(QV_NAME("Status")), "Failed");
     nb::setattr(item(trades, corrid), "status", build_record(book.status_record, failed));
-    log_error(resp);
+    log_error(without_secrets(resp));
   }
 
   if (truthy(cb)) cb(item(trades, key));
@@ -285,7 +331,7 @@ nb::object cancel_reply(nb::handle self, const TradeBook& book, nb::handle topic
   nb::setattr(attr(trade, "status"), "msg", detail);
   if (!is_ok(status_code)) {
     if (equals(status_code, kCancelRefusedStatus) && equals(sts_code, kCancelRefusedStsCode)) {
-      nb::setattr(attr(trade, "status"), "status", module_attr(QV_NAME("Status")).attr("Failed"));
+      nb::setattr(attr(trade, "status"), "status", attr(module_attr(QV_NAME("Status")), "Failed"));
     } else {
       log_error(format("StatusCode: {}, Detail: {}", status_code, detail));
       raise_resp_error(self, status_code, resp);
@@ -307,20 +353,6 @@ nb::object acknowledge_reply(nb::handle self, const TradeBook& book, nb::handle 
   return nb::none();
 }
 
-// One step of a modification. Every step draws its own correlation id and, when not
-// blocking, registers the callback and the trade under it even if nothing is sent.
-void modify_step(nb::handle self, nb::handle trade, nb::handle payload, nb::handle timeout, nb::handle cb,
-                 const char* topic_attr, const char* key, nb::handle value, bool send) {
-  nb::object corrid = new_corrid(self);
-  if (!truthy(timeout)) {
-    remember_callback(self, corrid, cb);
-    set_item(attr(self, kSingle.book), corrid, trade);
-  }
-  if (!send) return;
-  set_item(payload, nb::str(key), value);
-  exchange(self, {topic_attr, "_update_order_cb"}, payload, corrid, timeout);
-}
-
 bool price_changes(nb::handle trade, nb::handle price) {
   if (!truthy(price)) return false;
   nb::object modified_price = attr(attr(trade, "status"), "modified_price");
@@ -339,6 +371,22 @@ bool quantity_reducible(nb::handle trade, nb::handle quantity) {
   const int r = PyObject_RichCompareBool(left.ptr(), zero.ptr(), Py_GE);
   if (r < 0) throw nb::python_error();
   return r == 1;
+}
+
+// One step of a modification. Every step draws its own correlation id and, when not
+// blocking, registers the callback and the trade under it even if nothing is sent; only
+// then does `changes` tell whether there is anything to send.
+void modify_step(nb::handle self, nb::handle trade, nb::handle payload, nb::handle timeout, nb::handle cb,
+                 const char* topic_attr, const char* key, nb::handle value,
+                 bool (*changes)(nb::handle trade, nb::handle value)) {
+  nb::object corrid = new_corrid(self);
+  if (!truthy(timeout)) {
+    remember_callback(self, corrid, cb);
+    set_item(attr(self, kSingle.book), corrid, trade);
+  }
+  if (!changes(trade, value)) return;
+  set_item(payload, nb::str(key), value);
+  exchange(self, {topic_attr, "_update_order_cb"}, payload, corrid, timeout);
 }
 
 // ---- status refresh ----------------------------------------------------------------
@@ -501,10 +549,9 @@ void define_orders(ApiClass& api) {
         check_quantity_reduction(quantity);
         require_callback(cb, "update_order");
         nb::object payload = resigned_trade_payload(self, trade);
-        modify_step(self, trade, payload, timeout, cb, "update_price_topic", "price", price,
-                    price_changes(trade, price));
+        modify_step(self, trade, payload, timeout, cb, "update_price_topic", "price", price, price_changes);
         modify_step(self, trade, payload, timeout, cb, "update_qty_topic", "quantity", quantity,
-                    quantity_reducible(trade, quantity));
+                    quantity_reducible);
         return nb::borrow(trade);
       },
       nb::arg("trade"), nb::arg("price") = nb::none(), nb::arg("quantity") = nb::none(),

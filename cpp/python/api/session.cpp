@@ -132,6 +132,10 @@ nb::object hash_password(nb::handle password, nb::handle hashed) {
 // SigningKey(secret_key.encode(), encoder=Base58Encoder). The failure names what was
 // expected and never shows the secret itself.
 nb::object signing_key_of(nb::handle secret_key) {
+  if (secret_key.is_none()) {
+    PyErr_SetString(PyExc_TypeError, "the secret key is missing; expected the Base58 text of a 32-byte Ed25519 seed");
+    throw nb::python_error();
+  }
   try {
     return module_attr(QV_NAME("SigningKey"))(secret_key.attr("encode")(),
                                               "encoder"_a = module_attr(QV_NAME("Base58Encoder")));
@@ -221,6 +225,8 @@ void define_session(ApiClass& api) {
       "token_login",
       [](nb::handle self, nb::handle key, nb::handle secret_key, nb::handle subscribe_trade,
          nb::handle receive_window) -> nb::object {
+        require_str(key, "key");
+        require_str(secret_key, "secret_key");
         nb::object now = utc_now();
         nb::object ts = now.attr("timestamp")();
         connect(self, key, now.attr("strftime")(kClientNameTime));
@@ -257,6 +263,8 @@ void define_session(ApiClass& api) {
   api.method(
       "simulation_login",
       [](nb::handle self, nb::handle token, nb::handle person_id, nb::handle subscribe_trade) -> nb::object {
+        require_str(token, "token");
+        require_str(person_id, "person_id");
         nb::setattr(self, "_person_id", person_id);
         connect(self, person_id, utc_now().attr("strftime")(kClientNameTime));
         // The caller's token authenticates the login request itself.
