@@ -4,7 +4,7 @@ import threading
 import time
 
 
-def wait_until(predicate, timeout=2.0):
+def wait_until(predicate, timeout=5.0):
     """Polls `predicate` until it holds; returns its last value."""
     deadline = time.monotonic() + timeout
     while True:
@@ -31,5 +31,5 @@ class Recorder:
             return self.effect(*args)
         return None
 
-    def wait(self, n=1, timeout=2.0):
+    def wait(self, n=1, timeout=5.0):
         return wait_until(lambda: len(self.calls) >= n, timeout)

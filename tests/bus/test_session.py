@@ -1,11 +1,13 @@
 """SolClient as the api uses it: connect, requests, callbacks, events, disconnect."""
 import gc
+import os
 import re
+import subprocess
+import sys
 import threading
 import time
 import weakref
 
-import pymqlink
 import pytest
 from pymqlink import BusError, SolClient, _core
 
@@ -166,7 +168,7 @@ def test_default_timeout_applies_when_none_given(client, responder):
     client.default_timeout = 30
     start = time.monotonic()
     assert client.request("svc/silent", {}) is None
-    assert time.monotonic() - start < 1.0
+    assert time.monotonic() - start < 2.0
     with pytest.raises(ValueError):
         client.default_timeout = 0
 
@@ -209,8 +211,9 @@ def test_p2p_reaches_only_the_addressed_session(connect, responder):
 
 def test_raising_callback_is_logged_and_delivery_goes_on(client, responder, logged):
     def flaky(topic, msg):
+        password = "hunter2-SECRET"  # a local on the failing line: its value must not reach the log
         if msg["n"] == 0:
-            raise ZeroDivisionError("boom in handler")
+            raise ZeroDivisionError("boom in handler" + password[:0])
         seen.append(msg["n"])
 
     seen = []
@@ -223,6 +226,7 @@ def test_raising_callback_is_logged_and_delivery_goes_on(client, responder, logg
     assert len(errors) == 1
     assert "message callback for topic 'feed'" in errors[0]
     assert "Traceback" in errors[0] and "in flaky" in errors[0]
+    assert "hunter2" not in errors[0]
 
 
 def test_callbacks_can_be_replaced_and_cleared(client, responder):
@@ -256,7 +260,8 @@ def test_disconnect_with_callbacks_in_flight_returns_promptly(client, responder)
     assert started.wait(2)
     start = time.monotonic()
     client.disconnect()
-    assert time.monotonic() - start < 0.5
+    # 100 queued callbacks take 5 s; disconnect waits for the running one at most.
+    assert time.monotonic() - start < 1.5
     assert client.sol is False
 
 
@@ -338,5 +343,42 @@ def test_client_in_a_reference_cycle_through_its_callback_is_collected(host):
     assert ref() is None
 
 
-def test_package_exports():
-    assert set(pymqlink.__all__) <= set(dir(pymqlink))
+EXIT_SCRIPT = r"""
+import atexit, sys, threading, time
+import pymqlink
+
+host = "inproc://exit-test"
+responder = pymqlink.Responder(host)
+responder.serve("svc/x", lambda topic, payload, info: {"ok": True})
+client = pymqlink.SolClient()
+client.connect(host, "vpn", "user", "pw", "PYAPI/EXIT")
+seen = []
+
+def on_msg(topic, msg):
+    seen.append(msg)
+    time.sleep(0.001)
+    if sys.argv[1] == "request-in-callback":
+        client.request("svc/x", {}, timeout=1000)
+
+client.set_msg_callback(on_msg)
+client.subscribe("feed")
+# An exit hook that still uses the session, registered after pymqlink's own (so it runs first).
+atexit.register(lambda: client.request("svc/x", {}, timeout=1000))
+
+def flood():
+    while True:
+        responder.publish("feed", {"n": 1})
+
+threading.Thread(target=flood, daemon=True).start()
+while len(seen) < 50:
+    time.sleep(0.001)
+print("exiting", flush=True)
+"""
+
+
+@pytest.mark.parametrize("mode", ["plain", "request-in-callback"])
+def test_process_exit_with_deliveries_in_flight_does_not_hang(mode):
+    result = subprocess.run([sys.executable, "-c", EXIT_SCRIPT, mode], capture_output=True, text=True, check=False,
+                            timeout=30, env=dict(os.environ))
+    assert result.returncode == 0, result.stderr[-2000:]
+    assert "exiting" in result.stdout

@@ -1,5 +1,6 @@
 // The in-process bus. One mutex guards the routing tables; deliveries to listeners happen under it
-// (they only queue work), except requests, which may run service code inline and go out unlocked.
+// (they only queue work, and keep one order across publishers), except requests, which may run
+// service code inline, and replies, which may release the requester's context: those go out unlocked.
 #include "quorvex/bus/inproc.hpp"
 
 #include <algorithm>
@@ -63,11 +64,16 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
     if (server) server->on_request(IncomingRequest{std::move(message), from, request_id});
   }
 
+  // Delivered unlocked: completing a reply may release what the requester attached to it.
   void reply(const IncomingRequest& to, MessagePtr reply) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = links_.find(to.from.session_id);
-    if (it == links_.end()) return;  // the requester has gone
-    with_listener(*it->second, [&](TransportListener& l) { l.on_reply(to.request_id, std::move(reply)); });
+    std::shared_ptr<TransportListener> requester;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto it = links_.find(to.from.session_id);
+      if (it == links_.end()) return;  // the requester has gone
+      requester = it->second->listener.lock();
+    }
+    if (requester) requester->on_reply(to.request_id, std::move(reply));
   }
 
   void publish(const LinkPtr& from_link, const MessagePtr& message) {

@@ -1,6 +1,7 @@
 // The process-wide bus registry: transports by scheme, named in-process buses, session ids.
 #include "registry.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <random>
@@ -27,6 +28,14 @@ Registry::Registry() {
 Registry& registry() {
   static Registry instance;
   return instance;
+}
+
+void track_endpoint(const std::shared_ptr<Endpoint>& endpoint) {
+  auto& reg = registry();
+  std::lock_guard<std::mutex> lock(reg.mutex);
+  auto& list = reg.endpoints;
+  list.erase(std::remove_if(list.begin(), list.end(), [](const auto& w) { return w.expired(); }), list.end());
+  list.push_back(endpoint);
 }
 
 std::string host_address(const std::string& host) {
@@ -84,6 +93,19 @@ std::unique_ptr<Transport> open_transport(const ConnectOptions& options, std::we
   auto transport = factory(options, std::move(listener));
   if (!transport) throw BusError("cannot connect to host '" + host_for_display(options.host) + "': the transport refused");
   return transport;
+}
+
+void close_all_endpoints() {
+  std::vector<std::shared_ptr<detail::Endpoint>> live;
+  {
+    auto& reg = detail::registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    for (const auto& weak : reg.endpoints) {
+      if (auto endpoint = weak.lock()) live.push_back(std::move(endpoint));
+    }
+    reg.endpoints.clear();
+  }
+  for (const auto& endpoint : live) endpoint->close_endpoint();
 }
 
 std::string new_session_id() {

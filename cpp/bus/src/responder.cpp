@@ -9,6 +9,7 @@
 
 #include "quorvex/core/codec.hpp"
 #include "quorvex/core/topic.hpp"
+#include "registry.hpp"
 #include "stoppable_thread.hpp"
 
 namespace quorvex::bus {
@@ -82,9 +83,12 @@ void check_filter(const std::string& filter, const char* action) {
 
 }  // namespace
 
-class Responder::Core : public TransportListener, public std::enable_shared_from_this<Responder::Core> {
+class Responder::Core : public TransportListener,
+                        public detail::Endpoint,
+                        public std::enable_shared_from_this<Responder::Core> {
  public:
   Core(std::string host, ResponderOptions options) : host_(std::move(host)), options_(std::move(options)) {}
+  void close_endpoint() override { close(); }
 
   void open() {
     ConnectOptions connect;
@@ -321,6 +325,7 @@ class Responder::Core : public TransportListener, public std::enable_shared_from
 Responder::Responder(const std::string& host, ResponderOptions options)
     : core_(std::make_shared<Core>(host, std::move(options))) {
   core_->open();
+  detail::track_endpoint(core_);
 }
 
 Responder::~Responder() { core_->close(); }

@@ -72,9 +72,10 @@ struct Channel {
 
 }  // namespace
 
-class Session::Core : public std::enable_shared_from_this<Session::Core> {
+class Session::Core : public detail::Endpoint, public std::enable_shared_from_this<Session::Core> {
  public:
   explicit Core(std::shared_ptr<SessionListener> listener) : listener_(std::move(listener)) {}
+  void close_endpoint() override { disconnect(); }
 
   void connect(const ConnectOptions& options);
   void disconnect();
@@ -327,7 +328,8 @@ MessagePtr Session::Core::request(std::string topic, std::string payload, std::c
     pending_[request_id] = Pending{&wait, nullptr};
     from = Requester{session_id_, client_name_, token_};
   }
-  const auto deadline = Clock::now() + timeout;
+  // Capped so that adding it to the clock cannot overflow.
+  const auto deadline = Clock::now() + std::min<std::chrono::milliseconds>(timeout, std::chrono::hours(24 * 365));
   try {
     transport->request(make_message(std::move(topic), std::move(payload)), request_id, from);
   } catch (...) {
@@ -457,7 +459,9 @@ void Session::Core::set_client_name(std::string name) {
 
 // ---- Session ----
 
-Session::Session(std::shared_ptr<SessionListener> listener) : core_(std::make_shared<Core>(std::move(listener))) {}
+Session::Session(std::shared_ptr<SessionListener> listener) : core_(std::make_shared<Core>(std::move(listener))) {
+  detail::track_endpoint(core_);
+}
 
 Session::~Session() { core_->disconnect(); }
 

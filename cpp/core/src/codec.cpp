@@ -119,6 +119,7 @@ class TreeBuilder {
 
  private:
   struct Frame {
+    Frame(Value* container_, bool is_map_) : container(container_), is_map(is_map_) {}
     Value* container;
     bool is_map;
     bool key_position = false;
@@ -187,7 +188,7 @@ class TreeBuilder {
     } else {
       placed->as_array().reserve(n);
     }
-    frames_.push_back(Frame{placed, is_map});
+    frames_.emplace_back(placed, is_map);
     return true;
   }
 

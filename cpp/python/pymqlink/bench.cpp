@@ -29,7 +29,7 @@ class EchoService {
     });
   }
   ~EchoService() {
-    nb::gil_scoped_release release;
+    GilRelease release;
     responder_.reset();
   }
   void close() {

@@ -120,7 +120,7 @@ class SolClient {
 
   ~SolClient() {
     // The dispatcher may be waiting for the GIL to finish a delivery; let it.
-    nb::gil_scoped_release release;
+    GilRelease release;
     session_.reset();
   }
 
@@ -168,7 +168,11 @@ class SolClient {
     }
     std::string id = corrid.is_none() ? session_->next_correlation_id() : nb::cast<std::string>(corrid);
     std::shared_ptr<PyRef> target = cb.is_none() ? nullptr : std::make_shared<PyRef>(cb);
-    without_gil([&] { session_->request_async(topic, std::move(bytes), std::move(id), std::move(target)); });
+    // The lock is kept through the send: the caller stores what the reply handler looks up
+    // right after request() returns, and the messaging thread needs the lock to run the
+    // handler, so the reply cannot overtake that store. The send only queues the request;
+    // the bus never waits for the interpreter lock while holding its own locks.
+    session_->request_async(topic, std::move(bytes), std::move(id), std::move(target));
     return nb::none();
   }
 

@@ -2,6 +2,9 @@
 
 #include <nanobind/stl/string.h>
 
+#include <chrono>
+#include <thread>
+
 namespace pymqlink {
 
 bool interpreter_alive() {
@@ -11,6 +14,24 @@ bool interpreter_alive() {
 #else
   return !_Py_IsFinalizing();
 #endif
+}
+
+namespace {
+// Set once at module init, read-only afterwards.
+unsigned long& main_thread_ident() {
+  static unsigned long ident = 0;
+  return ident;
+}
+}  // namespace
+
+void init_interpreter() {
+  main_thread_ident() = nb::cast<unsigned long>(nb::module_::import_("threading").attr("main_thread")().attr("ident"));
+}
+
+bool must_not_retake_gil() { return !interpreter_alive() && PyThread_get_thread_ident() != main_thread_ident(); }
+
+void GilRelease::park_forever() noexcept {
+  while (true) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
 void PyRef::reset() {

@@ -14,6 +14,12 @@ namespace nb = nanobind;
 // False once the interpreter is finalizing: then no thread of ours may take the GIL.
 bool interpreter_alive();
 
+// Remembers which thread is the interpreter's main thread (the one that finalizes); at module init.
+void init_interpreter();
+// Whether a thread that released the GIL must not take it back: the interpreter is finalizing
+// and this is not the thread finalizing it.
+bool must_not_retake_gil();
+
 // A strong reference held by C++ that may be dropped on any thread, with or without the GIL.
 // Created with the GIL held. Dropped after the interpreter is gone, it is leaked on purpose.
 class PyRef {
@@ -44,10 +50,28 @@ class PyRef {
 // `where` says which callback failed. Needs the GIL.
 void report_callback_error(const std::string& where) noexcept;
 
+// Releases the GIL for its scope. If the interpreter started shutting down meanwhile, the thread
+// is parked for good instead of taking the GIL back: a thread that does (a daemon thread, say)
+// would be ended by the interpreter from inside C++ frames, which aborts the process.
+class GilRelease {
+ public:
+  GilRelease() noexcept : state_(PyEval_SaveThread()) {}
+  GilRelease(const GilRelease&) = delete;
+  GilRelease& operator=(const GilRelease&) = delete;
+  ~GilRelease() {
+    if (must_not_retake_gil()) park_forever();
+    PyEval_RestoreThread(state_);
+  }
+
+ private:
+  [[noreturn]] static void park_forever() noexcept;
+  PyThreadState* state_;
+};
+
 // Runs `f` with the GIL released: around every wait and every core lock.
 template <class F>
 decltype(auto) without_gil(F&& f) {
-  nb::gil_scoped_release release;
+  GilRelease release;
   return f();
 }
 

@@ -3,6 +3,7 @@
 
 #include "interpreter.hpp"
 #include "quorvex/bus/message.hpp"
+#include "quorvex/bus/transport.hpp"
 #include "wire.hpp"
 
 namespace pymqlink {
@@ -16,6 +17,7 @@ NB_MODULE(_core, m) {
   using namespace pymqlink;
   m.doc() = "Sessions, services and the wire codec of the message bus.";
   nb::set_leak_warnings(false);
+  init_interpreter();
   init_wire();
 
   nb::exception<quorvex::bus::BusError>(m, "BusError", PyExc_ConnectionError);
@@ -42,6 +44,11 @@ NB_MODULE(_core, m) {
         return decode_payload(std::string_view(static_cast<const char*>(view.buf), static_cast<std::size_t>(view.len)));
       },
       nb::arg("data"), "Decode msgpack bytes into plain Python objects.");
+
+  m.def(
+      "_close_all", [] { without_gil([] { quorvex::bus::close_all_endpoints(); }); },
+      "Disconnects every session and closes every responder of the process (run at exit, so that no "
+      "bus thread calls into an interpreter that is shutting down).");
 
   bind_client(m);
   bind_responder(m);

@@ -54,7 +54,7 @@ class PyResponder {
   }
 
   ~PyResponder() {
-    nb::gil_scoped_release release;
+    GilRelease release;
     responder_.reset();
   }
 

@@ -231,6 +231,7 @@ class Encoder {
 };
 
 struct DecodeFrame {
+  DecodeFrame(PyObject* container_, bool is_map_) : container(container_), is_map(is_map_) {}
   PyObject* container;  // borrowed: owned by its parent or the root
   bool is_map;
   bool key_position = false;
@@ -404,7 +405,7 @@ class ObjectBuilder {
     if (!container) return python_error_ = true, false;
     PyObject* borrowed = container;
     if (!place(container)) return false;
-    frames_.push_back(Frame{borrowed, is_map});
+    frames_.emplace_back(borrowed, is_map);
     return true;
   }
 

@@ -65,11 +65,11 @@ class RecordingListener : public quorvex::bus::SessionListener {
   }
 
   // Waits until `pred` holds over the recorded deliveries, up to `timeout`.
-  bool wait_until(const std::function<bool(const std::vector<Seen>&)>& pred, std::chrono::milliseconds timeout = 2s) {
+  bool wait_until(const std::function<bool(const std::vector<Seen>&)>& pred, std::chrono::milliseconds timeout = 5s) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return pred(seen_); });
   }
-  bool wait_count(DeliveryKind kind, std::size_t n, std::chrono::milliseconds timeout = 2s) {
+  bool wait_count(DeliveryKind kind, std::size_t n, std::chrono::milliseconds timeout = 5s) {
     return wait_until([&](const std::vector<Seen>& s) { return count(s, kind) >= n; }, timeout);
   }
   std::vector<Seen> of(DeliveryKind kind) {

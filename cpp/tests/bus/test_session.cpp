@@ -228,7 +228,7 @@ TEST(Session, DisconnectWithSlowDeliveriesInFlightReturnsPromptly) {
 
   const auto start = std::chrono::steady_clock::now();
   client.session.disconnect();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);  // not the 2.5 s the queue would take
   const int after_disconnect = delivered;
   std::this_thread::sleep_for(120ms);
   EXPECT_LE(delivered.load(), after_disconnect + 1);  // at most the one in progress finishes
@@ -249,7 +249,7 @@ TEST(Session, DisconnectGivesUpOnAStuckDeliveryAfterTheGrace) {
   ASSERT_TRUE(client.listener->wait_count(DeliveryKind::Message, 1));
   const auto start = std::chrono::steady_clock::now();
   client.session.disconnect();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
   release.set_value();
 }
 

@@ -70,3 +70,13 @@ TEST(Transport, NamedBusesLiveWhileUsed) {
   EXPECT_TRUE(weak.expired());
   EXPECT_THROW(InprocBus::named(""), BusError);
 }
+
+TEST(Transport, CloseAllEndpointsStopsEveryDelivery) {
+  Responder feed(bus_host());
+  Client client(bus_host());
+  client.session.subscribe("t");
+  close_all_endpoints();
+  EXPECT_FALSE(client.session.is_open());
+  EXPECT_THROW(feed.publish("t", std::string("\xc0")), BusError);
+  EXPECT_EQ(InprocBus::named(bus_host().substr(9))->endpoint_count(), 0u);
+}
