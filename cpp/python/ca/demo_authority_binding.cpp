@@ -17,12 +17,14 @@ namespace {
 
 std::string text_argument(nb::handle value, const char* what) {
   if (!PyUnicode_Check(value.ptr()))
-    throw nb::type_error((std::string(what) + " expects str, got " + nb::type_name(value.type()).c_str()).c_str());
+    throw nb::type_error(
+        (std::string(what) + " expects str, got " + nb::type_name(value.type()).c_str()).c_str());
   Py_ssize_t size = 0;
   const char* data = PyUnicode_AsUTF8AndSize(value.ptr(), &size);
   if (!data) {
     PyErr_Clear();  // the codec's message would quote the character, maybe of a password
-    throw nb::value_error((std::string(what) + " is not valid Unicode text (it holds a lone surrogate)").c_str());
+    throw nb::value_error(
+        (std::string(what) + " is not valid Unicode text (it holds a lone surrogate)").c_str());
   }
   return std::string(data, static_cast<std::size_t>(size));
 }
@@ -59,7 +61,8 @@ nb::str issue(nb::handle path, nb::handle password, nb::handle person_id, int da
   if (error_number != 0) {
     // The interpreter's own OSError subclass (FileNotFoundError, PermissionError, ...) with the path.
     errno = error_number;
-    nb::object name = nb::steal(PyUnicode_DecodeFSDefaultAndSize(file.data(), static_cast<Py_ssize_t>(file.size())));
+    nb::object name =
+        nb::steal(PyUnicode_DecodeFSDefaultAndSize(file.data(), static_cast<Py_ssize_t>(file.size())));
     PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, name.ptr());
     throw nb::python_error();
   }

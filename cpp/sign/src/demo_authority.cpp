@@ -49,7 +49,8 @@ void require(bool ok, const char* step) {
 }
 
 void add_subject_entry(X509_NAME* name, const char* field, std::string_view value) {
-  require(X509_NAME_add_entry_by_txt(name, field, MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(value.data()),
+  require(X509_NAME_add_entry_by_txt(name, field, MBSTRING_UTF8,
+                                     reinterpret_cast<const unsigned char*>(value.data()),
                                      static_cast<int>(value.size()), -1, 0) == 1,
           "subject");
 }
@@ -105,7 +106,8 @@ void random_serial(X509* cert) {
 }
 
 std::string validated_person(std::string_view person_id) {
-  if (person_id.empty()) throw std::invalid_argument("person_id is empty; expected the person's id, e.g. A123456789");
+  if (person_id.empty())
+    throw std::invalid_argument("person_id is empty; expected the person's id, e.g. A123456789");
   if (person_id.find('|') != std::string_view::npos)
     throw std::invalid_argument("person_id must not contain '|', the field separator of order signatures");
   return std::string(person_id);
@@ -156,7 +158,8 @@ DemoCertificate issue_demo_certificate(const std::string& path, std::string_view
                                        std::string_view person_id, int days) {
   const std::string person = validated_person(person_id);
   if (password.empty())
-    throw std::invalid_argument("the certificate password is empty; expected a password to lock the file with");
+    throw std::invalid_argument(
+        "the certificate password is empty; expected a password to lock the file with");
   if (days < kDemoCertificateMinDays || days > kDemoCertificateMaxDays)
     throw std::invalid_argument("days is " + std::to_string(days) + "; expected a validity of " +
                                 std::to_string(kDemoCertificateMinDays) + " to " +
@@ -199,7 +202,8 @@ DemoCertificate issue_demo_certificate(const std::string& path, std::string_view
   secret.reserve(password.size() + 1);  // never reallocates, so no unwiped copy is left behind
   secret.assign(password.begin(), password.end());
   secret.push_back('\0');
-  Pkcs12Ptr p12(PKCS12_create(secret.data(), person.c_str(), key.get(), cert.get(), chain.get(), 0, 0, 0, 0, 0));
+  Pkcs12Ptr p12(
+      PKCS12_create(secret.data(), person.c_str(), key.get(), cert.get(), chain.get(), 0, 0, 0, 0, 0));
   OPENSSL_cleanse(secret.data(), secret.size());
   require(p12 != nullptr, "PKCS#12 packing");
 

@@ -1,5 +1,3 @@
-#include "quorvex/sign/demo_authority.hpp"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +7,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "quorvex/sign/demo_authority.hpp"
 #include "quorvex/sign/signer.hpp"
 #include "quorvex/sign/verify.hpp"
 
@@ -97,7 +96,8 @@ INSTANTIATE_TEST_SUITE_P(Arguments, DemoAuthorityRefusal,
                          ::testing::Values(BadRequest{"", kPassword, 30, "person_id is empty"},
                                            BadRequest{"A1|B2", kPassword, 30, "must not contain '|'"},
                                            BadRequest{kPerson, "", 30, "password is empty"},
-                                           BadRequest{kPerson, kPassword, 0, "expected a validity of 1 to 3650"},
+                                           BadRequest{kPerson, kPassword, 0,
+                                                      "expected a validity of 1 to 3650"},
                                            BadRequest{kPerson, kPassword, 3651, "days is 3651"}));
 
 TEST_F(DemoAuthorityTest, UnwritablePlaceNamesThePath) {
