@@ -223,41 +223,35 @@ class Demo:
         if not self.reports.wait_for(dealt, DEAL_WAIT_S):
             self.narrator.say(f"no deal within {DEAL_WAIT_S:g} s: the order rests in the book")
 
-    def orders(self) -> None:
+    def _buy_one(self, what: str, contract: Any, account: Any, **terms: Any) -> None:
+        """A one-unit limit buy at the best ask seen, then its deal report awaited."""
         from quorvex.order import Order
 
-        self.api.set_order_callback(self.reports.on_order)
-        stock_price = self._order_price(self.stock)
-        with self.narrator.step(
-            f"Place a stock limit order: buy 1 lot of {self.stock.code} at {price_text(stock_price)} "
-            "(reports arrive through set_order_callback)"
-        ):
-            order = Order(
-                action=Action.Buy,
-                price=stock_price,
-                quantity=1,
-                price_type=PriceType.LMT,
-                order_type=OrderType.ROD,
-                account=self.session.stock_account,
-            )
-            self._place("stock order", self.stock, order)
-            self._await_deal(self.stock)
+        order = Order(
+            action=Action.Buy,
+            price=self._order_price(contract),
+            quantity=1,
+            price_type=PriceType.LMT,
+            order_type=OrderType.ROD,
+            account=account,
+            **terms,
+        )
+        self._place(what, contract, order)
+        self._await_deal(contract)
 
-        future_price = self._order_price(self.future)
+    def orders(self) -> None:
+        self.api.set_order_callback(self.reports.on_order)
         with self.narrator.step(
-            f"Place a futures order: buy 1 {self.future.code} at {price_text(future_price)}"
+            f"Place a stock limit order: buy 1 lot of {self.stock.code} at "
+            f"{price_text(self._order_price(self.stock))} (reports arrive through set_order_callback)"
         ):
-            order = Order(
-                action=Action.Buy,
-                price=future_price,
-                quantity=1,
-                price_type=PriceType.LMT,
-                order_type=OrderType.ROD,
-                octype=FuturesOCType.Auto,
-                account=self.session.futopt_account,
+            self._buy_one("stock order", self.stock, self.session.stock_account)
+        with self.narrator.step(
+            f"Place a futures order: buy 1 {self.future.code} at {price_text(self._order_price(self.future))}"
+        ):
+            self._buy_one(
+                "futures order", self.future, self.session.futopt_account, octype=FuturesOCType.Auto
             )
-            self._place("futures order", self.future, order)
-            self._await_deal(self.future)
 
     def status(self) -> None:
         with self.narrator.step("Refresh the order status (update_status)"):
