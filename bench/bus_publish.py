@@ -7,14 +7,30 @@ the callback thread is let go and timed while it decodes each message into a dic
 no-op Python callback (one core: the publisher is done before the clock starts). The rate is
 compared with decoding the same messages in C++ alone (the baseline), measured in the same run.
 """
+
 import argparse
 import threading
 import time
 
 import pymqlink
 
-QUOTE = {"content": ["2330", "2024-03-05 09:01:02.123456", 580.0, 2, 1, 580.0, 579.0, 12345, 7159500.0,
-                     -1.5, 0.26, 3, False]}
+QUOTE = {
+    "content": [
+        "2330",
+        "2024-03-05 09:01:02.123456",
+        580.0,
+        2,
+        1,
+        580.0,
+        579.0,
+        12345,
+        7159500.0,
+        -1.5,
+        0.26,
+        3,
+        False,
+    ]
+}
 
 
 def run_once(client, host, count, payload):

@@ -5,14 +5,18 @@ Run:  PYTHONPATH=python python bench/bus_request.py [--rounds N]
 Reports the median and 99th percentile of one round trip, beside the cost of encoding and
 decoding the same payload without the bus (the baseline), and their ratio.
 """
+
 import argparse
 import statistics
 import time
 
 import pymqlink
 
-PAYLOAD = {"account": {"account_type": "S", "person_id": "A123456789", "broker_id": "9A95", "account_id": "1234567"},
-           "contract": {"code": "2330", "exchange": "TSE"}, "n": 1}
+PAYLOAD = {
+    "account": {"account_type": "S", "person_id": "A123456789", "broker_id": "9A95", "account_id": "1234567"},
+    "contract": {"code": "2330", "exchange": "TSE"},
+    "n": 1,
+}
 
 
 def timed(fn, rounds):
@@ -41,7 +45,9 @@ def main():
             echo = pymqlink.EchoService(host, "bench/echo", inline=inline)
             try:
                 timed(lambda: client.request("bench/echo", PAYLOAD, timeout=1000), 1000)  # warm up
-                results[label] = timed(lambda: client.request("bench/echo", PAYLOAD, timeout=1000), args.rounds)
+                results[label] = timed(
+                    lambda: client.request("bench/echo", PAYLOAD, timeout=1000), args.rounds
+                )
             finally:
                 echo.close()
     finally:

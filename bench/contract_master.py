@@ -4,6 +4,7 @@ Run: PYTHONPATH=python python bench/contract_master.py
 Prints seconds and ratios against the baseline (a plain dict from code to raw contract built
 from the same pages), all measured in this process and run.
 """
+
 import time
 
 from quorvex.constant import SecurityType
@@ -13,11 +14,26 @@ PAGES, PAGE_SIZE, ROUNDS = 20, 5000, 3
 
 
 def make_pages():
-    return [[
-        {"security_type": "FUT", "exchange": "TAIFEX", "code": "F%06d" % n, "symbol": "TXF%06d" % n,
-         "category": "TX%d" % (n % 60), "name": "future", "delivery_month": "202612", "limit_up": 110.0,
-         "limit_down": 90.0, "reference": 100.0, "unit": 1, "update_date": "2024/01/02"}
-        for n in range(page * PAGE_SIZE, (page + 1) * PAGE_SIZE)] for page in range(PAGES)]
+    return [
+        [
+            {
+                "security_type": "FUT",
+                "exchange": "TAIFEX",
+                "code": "F%06d" % n,
+                "symbol": "TXF%06d" % n,
+                "category": "TX%d" % (n % 60),
+                "name": "future",
+                "delivery_month": "202612",
+                "limit_up": 110.0,
+                "limit_down": 90.0,
+                "reference": 100.0,
+                "unit": 1,
+                "update_date": "2024/01/02",
+            }
+            for n in range(page * PAGE_SIZE, (page + 1) * PAGE_SIZE)
+        ]
+        for page in range(PAGES)
+    ]
 
 
 def best_of(run):
@@ -57,9 +73,11 @@ def main():
     pages = make_pages()
     base = best_of(lambda: baseline(pages))
     print("baseline (plain dict by code): %.3f s" % base)
-    for name, run in (("Contracts append + lookup", contract_master),
-                      ("a record per contract up front", eager_records)):
-        spent = best_of(lambda: run(pages))
+    for name, run in (
+        ("Contracts append + lookup", contract_master),
+        ("a record per contract up front", eager_records),
+    ):
+        spent = best_of(lambda run=run: run(pages))
         print("%-32s %.3f s  ratio %.1f" % (name, spent, spent / base))
 
 

@@ -12,6 +12,7 @@ the same page replies to msgpack and decoding them back into dicts, without bus 
 figure to watch is the ratio. Memory per contract is measured in a separate pass with
 tracemalloc, so that tracing does not slow the timed runs.
 """
+
 from __future__ import annotations
 
 import argparse
@@ -31,21 +32,37 @@ HOST = "inproc://bench-contracts"
 PAGE_SIZE = 5000
 # Share of the master per security type; every type gets at least one page.
 SHARES = {
-    SecurityType.Index: 0.05, SecurityType.Stock: 0.40, SecurityType.Future: 0.20, SecurityType.Option: 0.35,
+    SecurityType.Index: 0.05,
+    SecurityType.Stock: 0.40,
+    SecurityType.Future: 0.20,
+    SecurityType.Option: 0.35,
 }
 
 
 def synthetic_contract(security_type: SecurityType, n: int) -> dict[str, object]:
     code = f"{security_type.value}{n:06d}"
     row = {
-        "security_type": security_type.value, "code": code, "symbol": "S" + code, "name": "Contract " + code,
-        "unit": 1000, "limit_up": 110.0, "limit_down": 90.0, "reference": 100.0, "update_date": "2026/11/20",
+        "security_type": security_type.value,
+        "code": code,
+        "symbol": "S" + code,
+        "name": "Contract " + code,
+        "unit": 1000,
+        "limit_up": 110.0,
+        "limit_down": 90.0,
+        "reference": 100.0,
+        "update_date": "2026/11/20",
     }
     if security_type in (SecurityType.Index, SecurityType.Stock):
         row.update(exchange="TSE", category="24", day_trade="Yes")
     else:
-        row.update(exchange="TAIFEX", category="TXF", delivery_month="202612", delivery_date="2026/12/16",
-                   underlying_kind="I", multiplier=200)
+        row.update(
+            exchange="TAIFEX",
+            category="TXF",
+            delivery_month="202612",
+            delivery_date="2026/12/16",
+            underlying_kind="I",
+            multiplier=200,
+        )
     if security_type is SecurityType.Option:
         row.update(strike_price=18000.0 + n, option_right="C")
     return row
@@ -57,13 +74,23 @@ def build_master(total: int) -> dict[SecurityType, list[dict]]:
     for security_type, share in SHARES.items():
         count = max(PAGE_SIZE, int(total * share) // PAGE_SIZE * PAGE_SIZE)
         pages = -(-count // PAGE_SIZE)
-        replies = [{"status": {"status_code": 200}, "response": {
-            "contracts": [], "security_type": security_type.value, "max_page": pages}}]
+        replies = [
+            {
+                "status": {"status_code": 200},
+                "response": {"contracts": [], "security_type": security_type.value, "max_page": pages},
+            }
+        ]
         for page in range(pages):
-            rows = [synthetic_contract(security_type, n)
-                    for n in range(page * PAGE_SIZE, min((page + 1) * PAGE_SIZE, count))]
-            replies.append({"status": {"status_code": 200}, "response": {
-                "contracts": rows, "security_type": security_type.value, "max_page": pages}})
+            rows = [
+                synthetic_contract(security_type, n)
+                for n in range(page * PAGE_SIZE, min((page + 1) * PAGE_SIZE, count))
+            ]
+            replies.append(
+                {
+                    "status": {"status_code": 200},
+                    "response": {"contracts": rows, "security_type": security_type.value, "max_page": pages},
+                }
+            )
         master[security_type] = replies
     return master
 
@@ -71,8 +98,10 @@ def build_master(total: int) -> dict[SecurityType, list[dict]]:
 def serve(master):
     """The contract service: answers each page request with its prepared page."""
     service = pymqlink.Responder(HOST, client_name="contract-service")
-    service.serve("api/v1/data/contracts",
-                  lambda topic, payload, info: master[SecurityType(payload["security_type"])][payload["page"]])
+    service.serve(
+        "api/v1/data/contracts",
+        lambda topic, payload, info: master[SecurityType(payload["security_type"])][payload["page"]],
+    )
     return service
 
 
@@ -153,7 +182,8 @@ def main():
 
     best, base = min(timings), min(baselines)
     print(f"contracts                   {count:>10,} in {pages} pages of {PAGE_SIZE:,}")
-    print(f"download to fetched, best   {best:>10.3f} s   (median {statistics.median(timings):.3f} s over {args.runs} runs)")
+    median = statistics.median(timings)
+    print(f"download to fetched, best   {best:>10.3f} s   (median {median:.3f} s over {args.runs} runs)")
     print(f"  of which contracts file   {best - without_file:>10.3f} s")
     print(f"baseline: encode + decode   {base:>10.3f} s")
     print(f"ratio download / baseline   {best / base:>10.2f}")

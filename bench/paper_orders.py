@@ -14,6 +14,7 @@ Order signing is left out (prepare_ca returns the order as it is): the signer ha
 cost, and the broker does not check signatures of accounts that are not signed. Best of
 three rounds.
 """
+
 import sys
 import threading
 import time
@@ -66,8 +67,9 @@ class Echo:
         completion = Completion(count)
         start = time.perf_counter()
         for _ in range(count):
-            self.client.request("bench/order", self.payload, corrid=self.client._gen_reqid(), timeout=0,
-                                cb=completion)
+            self.client.request(
+                "bench/order", self.payload, corrid=self.client._gen_reqid(), timeout=0, cb=completion
+            )
         assert completion.done.wait(60), "echo replies missing"
         return time.perf_counter() - start
 
@@ -89,8 +91,9 @@ class Orders:
         self.reports = Completion(0)
         api.set_order_callback(lambda state, message: self.reports())
         self.contract = Stock(exchange="TSE", code="2330")
-        self.fields = dict(action="Buy", price=900, quantity=1, account=api.default_stock_account,
-                           order_type="IOC")
+        self.fields = dict(
+            action="Buy", price=900, quantity=1, account=api.default_stock_account, order_type="IOC"
+        )
 
     def payload(self):
         return {"contract": self.contract.dict(), "order": Order(**self.fields).dict(), "tft": False}

@@ -5,6 +5,7 @@ Prints messages per second and ratios against the baseline, all measured in this
 run: building the same records with TickSTKv1.from_content in a tight loop, without routing.
 One thread, so one core. Best of three rounds.
 """
+
 import time
 
 from loguru import logger
@@ -28,8 +29,31 @@ class QuietSession:
 
 
 def tick_content(code, n):
-    return [code, 1704157201500000 + n, 590.0, 595.0, 596.0, 589.0, 593.27, 1785000.0, 4155000000.0, 3,
-            7004 + n, 1, 2, 2.0, 0.34, 3500, 3504, 812, 790, 0, 0, False, False]
+    return [
+        code,
+        1704157201500000 + n,
+        590.0,
+        595.0,
+        596.0,
+        589.0,
+        593.27,
+        1785000.0,
+        4155000000.0,
+        3,
+        7004 + n,
+        1,
+        2,
+        2.0,
+        0.34,
+        3500,
+        3504,
+        812,
+        790,
+        0,
+        0,
+        False,
+        False,
+    ]
 
 
 def make_api():
@@ -51,8 +75,10 @@ def best_rate(run, count):
 
 
 def main():
-    messages = [("TIC/v1/STK/D/TSE/" + code, {"content": tick_content(code, n)})
-                for n, code in enumerate(CODES * (MESSAGES // len(CODES)))]
+    messages = [
+        ("TIC/v1/STK/D/TSE/" + code, {"content": tick_content(code, n)})
+        for n, code in enumerate(CODES * (MESSAGES // len(CODES)))
+    ]
     contents = [message["content"] for _, message in messages]
     api = make_api()
     wrap = api.on_msg_wrap

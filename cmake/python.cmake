@@ -17,11 +17,10 @@ function(qv_add_extension target pkgdir)
   nanobind_add_module(${target} NB_DOMAIN quorvex ${ARG_SOURCES})
   target_link_libraries(${target} PRIVATE qv_warnings ${ARG_LIBS})
   install(TARGETS ${target} LIBRARY DESTINATION ${pkgdir})
-  if("qv_bus" IN_LIST ARG_LIBS)
-    # libqv_bus.so is installed in the pymqlink package: one copy per process, one bus registry.
-    file(RELATIVE_PATH _to_bus "/${pkgdir}" "/pymqlink")
-    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${_to_bus}")
-  endif()
+  # libqv_bus.so is installed in the pymqlink package: one copy per process, one bus registry.
+  # Every module gets the path, as some link the bus only through another library (qv_paper).
+  file(RELATIVE_PATH _to_bus "/${pkgdir}" "/pymqlink")
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${_to_bus}")
   if(QUORVEX_INPLACE)
     set_target_properties(${target} PROPERTIES
       LIBRARY_OUTPUT_DIRECTORY ${PROJECT_SOURCE_DIR}/python/${pkgdir})

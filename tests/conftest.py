@@ -1,4 +1,5 @@
 """Shared fixtures: a recording fake session for the api module's own tests."""
+
 import itertools
 import threading
 from typing import Any, Callable, Dict, List, Optional

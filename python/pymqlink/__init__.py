@@ -11,9 +11,11 @@ created on first use; other schemes are registered by the packages that provide 
 Threads: blocking calls release the interpreter lock while they wait. Callbacks run on the
 session's own callback thread, one at a time and in arrival order. A callback that raises is
 logged with its traceback through loguru (``logger.error``; the traceback is formatted without
-local variables) and delivery goes on. Replies to blocking requests go straight to the waiting caller, so a callback may itself make
-a blocking request. At interpreter exit every session is disconnected and every responder closed.
+local variables) and delivery goes on. Replies to blocking requests go straight to the waiting
+caller, so a callback may itself make a blocking request. At interpreter exit every session is
+disconnected and every responder closed.
 """
+
 import atexit
 
 from ._core import BusError, EchoService, RequestInfo, Responder, SolClient, _close_all, packb, unpackb

@@ -1,5 +1,5 @@
 """Sessions, services and the wire codec of the message bus (extension module)."""
-# ruff: noqa: UP007, UP045  (Optional and Union spell the annotations the way Python 3.8 reads them)
+
 from typing import Any, Callable, Optional, Union
 
 from typing_extensions import Self, TypeAlias
@@ -117,7 +117,9 @@ class Responder:
     def stop_serving(self, topic_filter: str) -> None: ...
     def publish(self, topic: str, msg: Payload) -> None: ...
     def send_p2p(self, target: str, topic: str, msg: Payload) -> int:
-        """Send to the session with id `target`, else to every session named `target`; returns how many got it."""
+        """Send to the session with id `target`, else to every session named `target`.
+
+        Returns how many sessions got it."""
     def watch_subscriptions(self, watcher: Optional[Callable[[str, bool], Any]]) -> None:
         """watcher(filter, active) when a filter gains its first subscriber or loses its last."""
     def has_subscribers(self, topic: str) -> bool: ...

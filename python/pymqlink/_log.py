@@ -1,4 +1,5 @@
 """Where the binding reports exceptions raised by user callbacks."""
+
 import traceback
 
 from loguru import logger

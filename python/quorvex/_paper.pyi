@@ -2,6 +2,7 @@
 
 Importing the module registers paper:// for every session of the process.
 """
+
 from typing import Any, Dict, List, Optional
 
 DEFAULT_BUS: str

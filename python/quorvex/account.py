@@ -1,4 +1,5 @@
 """Trading accounts of a person at the broker."""
+
 from typing import Any, Union
 
 from pydantic import BeforeValidator

@@ -1,4 +1,5 @@
 """The shared base of the library's records."""
+
 from typing import Any, Dict, List
 
 import pydantic
@@ -64,7 +65,10 @@ class PositionalModel(BaseModel):
                 )
             for name, value in zip(names, args):
                 if name in data:
-                    raise TypeError("{}() got field {!r} both by position and by keyword".format(
-                        type(self).__name__, name))
+                    raise TypeError(
+                        "{}() got field {!r} both by position and by keyword".format(
+                            type(self).__name__, name
+                        )
+                    )
                 data[name] = value
         super().__init__(**data)

@@ -4,6 +4,7 @@ Every enumeration is text based: its members are ``str`` instances, so they trav
 as their values, compare equal to their values (``AccountType.Stock == "S"``) and print as
 their values on every Python version.
 """
+
 from enum import Enum
 
 __all__ = [

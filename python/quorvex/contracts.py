@@ -4,6 +4,7 @@ The contract master arrives page by page as raw dicts. ``Contracts`` keeps those
 they came and builds a contract record only when one is first looked up, so a download of
 every listed contract costs one dictionary insert per contract.
 """
+
 from collections.abc import Mapping
 from typing import Any, Dict, Iterator, List, Optional, Type, Union
 
@@ -250,8 +251,17 @@ class ProductContracts(Mapping):
     """
 
     __slots__ = (
-        "security_type", "name", "status", "_max_page", "_page_list",
-        "_record_class", "_group_field", "_raw", "_built", "_symbols", "_groups",
+        "security_type",
+        "name",
+        "status",
+        "_max_page",
+        "_page_list",
+        "_record_class",
+        "_group_field",
+        "_raw",
+        "_built",
+        "_symbols",
+        "_groups",
     )
 
     def __init__(self, security_type: SecurityType) -> None:
@@ -275,9 +285,7 @@ class ProductContracts(Mapping):
         """
         if isinstance(block, ContractPage):
             if block.security_type is not self.security_type:
-                raise ValueError(
-                    "a {} page cannot go into {}".format(block.security_type.name, self.name)
-                )
+                raise ValueError("a {} page cannot go into {}".format(block.security_type.name, self.name))
             contracts = block.contracts
         elif isinstance(block, list):
             contracts = block

@@ -1,4 +1,5 @@
 """Money, settlements, market data, signatures and trace records."""
+
 from typing import Any, Dict, List, Optional
 
 from pydantic import Field

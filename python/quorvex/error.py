@@ -3,6 +3,7 @@
 Messages name the service topic and the status, never the payload: a payload may carry a
 signature or other credentials.
 """
+
 import builtins
 from typing import Any, Dict, Tuple
 

@@ -1,4 +1,5 @@
 """Orders, their status at the broker, deals, and the trades that join them to a contract."""
+
 import datetime
 from typing import List, Optional
 

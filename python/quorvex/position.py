@@ -2,6 +2,7 @@
 
 Every record here also answers item access (``position["code"]``).
 """
+
 from typing import Any, List, Union
 
 from pydantic import field_validator
@@ -188,7 +189,8 @@ class ProfitLossSummaryTotal(BaseModel):
         if isinstance(rows, list):
             return [
                 (FutureProfitLossSummary if "direction" in row else StockProfitLossSummary)(**row)
-                if isinstance(row, dict) else row
+                if isinstance(row, dict)
+                else row
                 for row in rows
             ]
         return rows

@@ -3,6 +3,7 @@
 A result record carries either the service's answer in ``response`` or, when the service
 refused, an ``ErrorResponse`` in ``error``.
 """
+
 import datetime
 from typing import List, Optional, Union
 

@@ -1,4 +1,5 @@
 """Helpers shared by the client library: its logger and the mapping of refusals to errors."""
+
 import logging
 from typing import Any, Optional
 

@@ -1,10 +1,12 @@
 """Account queries: balance, margin and settlements; the per-account caches of positions and
 profit and loss with the detail queries that read them; the profit-and-loss summary."""
+
 import datetime
 import logging
 from types import SimpleNamespace
 
 import pytest
+
 from conftest import make_api, ok, refused
 from quorvex import position as pos
 from quorvex.account import FutureAccount, StockAccount
@@ -38,21 +40,53 @@ def with_account(account, **fields):
 
 # ---- balance, margin, settlements ------------------------------------------------------
 
-SHEET = {"t_money": -1200.0, "t1_money": 0.0, "t2_money": 35000.0,
-         "t_day": "2026-11-20", "t1_day": "2026-11-23", "t2_day": "2026-11-24"}
-SETTLEMENT_DAYS = [{"date": "2026-11-20", "amount": -1200.0, "T": 0},
-                   {"date": "2026-11-24", "amount": 35000.0, "T": 2}]
+SHEET = {
+    "t_money": -1200.0,
+    "t1_money": 0.0,
+    "t2_money": 35000.0,
+    "t_day": "2026-11-20",
+    "t1_day": "2026-11-23",
+    "t2_day": "2026-11-24",
+}
+SETTLEMENT_DAYS = [
+    {"date": "2026-11-20", "amount": -1200.0, "T": 0},
+    {"date": "2026-11-24", "amount": 35000.0, "T": 2},
+]
 
 # method, account, topic, reply fields, what the filled result shows, what the empty one shows
 QUERIES = [
-    ("account_balance", STOCK, "account_balance", {"acc_balance": 1250000.0, "date": "2026-11-20 14:30:00"},
-     lambda r: (r.acc_balance, r.date, r.errmsg), (0, "", "")),
-    ("margin", FUTURES, "margin", {"margins": {"equity": 520000.0, "plus_margin": 9, "new_field": 7}},
-     lambda r: {k: v for k, v in r.dict().items() if v and k != "status"}, {}),
-    ("settlements", STOCK, "settlements", {"settlements": SETTLEMENT_DAYS},
-     lambda rows: [(type(r), r.T) for r in rows], []),
-    ("list_settlements", STOCK, "settlement", {"settlements": SHEET},
-     lambda r: {k: getattr(r, k) for k in SHEET}, {k: (0 if "money" in k else "") for k in SHEET}),
+    (
+        "account_balance",
+        STOCK,
+        "account_balance",
+        {"acc_balance": 1250000.0, "date": "2026-11-20 14:30:00"},
+        lambda r: (r.acc_balance, r.date, r.errmsg),
+        (0, "", ""),
+    ),
+    (
+        "margin",
+        FUTURES,
+        "margin",
+        {"margins": {"equity": 520000.0, "plus_margin": 9, "new_field": 7}},
+        lambda r: {k: v for k, v in r.dict().items() if v and k != "status"},
+        {},
+    ),
+    (
+        "settlements",
+        STOCK,
+        "settlements",
+        {"settlements": SETTLEMENT_DAYS},
+        lambda rows: [(type(r), r.T) for r in rows],
+        [],
+    ),
+    (
+        "list_settlements",
+        STOCK,
+        "settlement",
+        {"settlements": SHEET},
+        lambda r: {k: getattr(r, k) for k in SHEET},
+        {k: (0 if "money" in k else "") for k in SHEET},
+    ),
 ]
 FILLED = {
     "account_balance": (1250000.0, "2026-11-20 14:30:00", ""),
@@ -60,8 +94,9 @@ FILLED = {
     "settlements": [(SettlementV1, 0), (SettlementV1, 2)],
     "list_settlements": SHEET,
 }
-queries = pytest.mark.parametrize("method,account,service,fields,shown,empty", QUERIES,
-                                  ids=[q[0] for q in QUERIES])
+queries = pytest.mark.parametrize(
+    "method,account,service,fields,shown,empty", QUERIES, ids=[q[0] for q in QUERIES]
+)
 
 
 @queries
@@ -99,11 +134,14 @@ def test_query_failures(api, caplog, method, account, service, fields, shown, em
     assert [r.msg for r in caplog.records] == [{}]
 
 
-@pytest.mark.parametrize("method,result", [
-    ("account_balance", AccountBalance(acc_balance=0, date="", errmsg="", status=FetchStatus.Fetched)),
-    ("margin", Margin(status=FetchStatus.Fetched)),
-    ("settlements", []),
-])
+@pytest.mark.parametrize(
+    "method,result",
+    [
+        ("account_balance", AccountBalance(acc_balance=0, date="", errmsg="", status=FetchStatus.Fetched)),
+        ("margin", Margin(status=FetchStatus.Fetched)),
+        ("settlements", []),
+    ],
+)
 def test_simulation_refuses_without_sending(sim_api, warnings, method, result):
     assert getattr(sim_api, method)(STOCK) == result
     assert warnings == [f"Simulation not support {method} yet"]
@@ -127,8 +165,9 @@ def test_balance_reply_details(api, caplog):
     assert caplog.records == [] and result.errmsg == "ledger closed"
 
 
-@pytest.mark.parametrize("method,service,key", [("margin", "margin", "margins"),
-                                                ("list_settlements", "settlement", "settlements")])
+@pytest.mark.parametrize(
+    "method,service,key", [("margin", "margin", "margins"), ("list_settlements", "settlement", "settlements")]
+)
 def test_sheet_that_is_not_a_mapping_is_a_type_error(api, method, service, key):
     api.session.reply(PORTFOLIO + service, with_account(STOCK, **{key: None}))
     with pytest.raises(TypeError, match="must be a mapping"):
@@ -138,14 +177,31 @@ def test_sheet_that_is_not_a_mapping_is_a_type_error(api, method, service, key):
 # ---- positions and profit and loss: the cached listings --------------------------------
 
 ROWS = {
-    ("positions", "S"): [{"id": 0, "code": "2330", "direction": "Buy", "cond": "Cash"},
-                         {"id": 1, "code": "2317", "direction": "Sell", "cond": "ShortSelling"}],
+    ("positions", "S"): [
+        {"id": 0, "code": "2330", "direction": "Buy", "cond": "Cash"},
+        {"id": 1, "code": "2317", "direction": "Sell", "cond": "ShortSelling"},
+    ],
     ("positions", "F"): [{"id": 0, "code": "TXFL6", "direction": "Buy", "quantity": 2}],
     ("profitloss", "S"): [
-        {"id": 0, "code": "2330", "seqno": "14", "dseq": "WA01", "price": 590.0, "cond": "Cash",
-         "date": "20261118"},
-        {"id": 1, "code": "2603", "seqno": "15", "dseq": "WA02", "price": 61.0, "cond": "MarginTrading",
-         "date": "20261119"}],
+        {
+            "id": 0,
+            "code": "2330",
+            "seqno": "14",
+            "dseq": "WA01",
+            "price": 590.0,
+            "cond": "Cash",
+            "date": "20261118",
+        },
+        {
+            "id": 1,
+            "code": "2603",
+            "seqno": "15",
+            "dseq": "WA02",
+            "price": 61.0,
+            "cond": "MarginTrading",
+            "date": "20261119",
+        },
+    ],
     ("profitloss", "F"): [{"id": 0, "code": "TXFL6", "direction": "Sell", "date": "20261119"}],
 }
 
@@ -170,10 +226,17 @@ class Listing:
         return self.call(api, account)
 
 
-POSITIONS = Listing("list_positions", (Unit.Common,), "positions", "_positions", pos.StockPosition,
-                    pos.FuturePosition)
-PROFIT_LOSS = Listing("list_profit_loss", ("2026-11-01", "2026-11-20"), "profitloss", "_profit_loss",
-                      pos.StockProfitLoss, pos.FutureProfitLoss)
+POSITIONS = Listing(
+    "list_positions", (Unit.Common,), "positions", "_positions", pos.StockPosition, pos.FuturePosition
+)
+PROFIT_LOSS = Listing(
+    "list_profit_loss",
+    ("2026-11-01", "2026-11-20"),
+    "profitloss",
+    "_profit_loss",
+    pos.StockProfitLoss,
+    pos.FutureProfitLoss,
+)
 listings = pytest.mark.parametrize("listing", [POSITIONS, PROFIT_LOSS], ids=["positions", "profit_loss"])
 accounts = pytest.mark.parametrize("account", [STOCK, FUTURES], ids=["stock", "futures"])
 
@@ -245,26 +308,53 @@ def test_listing_failures(api, api_module, monkeypatch, caplog, listing):
 
 # ---- the detail queries, which read the caches -----------------------------------------
 
-DETAIL_ROWS = [{"date": "20261118", "code": "2330", "quantity": 1, "dseq": "WA01", "direction": "Buy"},
-               {"date": "20261119", "code": "2330", "quantity": 2, "dseq": "WA03", "direction": "Buy"}]
+DETAIL_ROWS = [
+    {"date": "20261118", "code": "2330", "quantity": 1, "dseq": "WA01", "direction": "Buy"},
+    {"date": "20261119", "code": "2330", "quantity": 2, "dseq": "WA03", "direction": "Buy"},
+]
 # method, listing, topic, rows key, records by account type
 DETAILS = [
-    ("list_position_detail", POSITIONS, "position_detail", "position_detail",
-     {"S": pos.StockPositionDetail, "F": pos.FuturePositionDetail}),
-    ("list_profit_loss_detail", PROFIT_LOSS, "profit_loss_detail", "profitdetail",
-     {"S": pos.StockProfitDetail, "F": pos.FutureProfitDetail}),
+    (
+        "list_position_detail",
+        POSITIONS,
+        "position_detail",
+        "position_detail",
+        {"S": pos.StockPositionDetail, "F": pos.FuturePositionDetail},
+    ),
+    (
+        "list_profit_loss_detail",
+        PROFIT_LOSS,
+        "profit_loss_detail",
+        "profitdetail",
+        {"S": pos.StockProfitDetail, "F": pos.FutureProfitDetail},
+    ),
 ]
-details = pytest.mark.parametrize("method,listing,service,rows_key,records", DETAILS,
-                                  ids=[d[0] for d in DETAILS])
+details = pytest.mark.parametrize(
+    "method,listing,service,rows_key,records", DETAILS, ids=[d[0] for d in DETAILS]
+)
 
 
-@pytest.mark.parametrize("detail,account,payload", [
-    (DETAILS[0], STOCK, {"code": "2317", "action": "Sell", "ttype": "ShortSelling"}),
-    (DETAILS[0], FUTURES, {"code": "TXFL6", "action": "Buy"}),
-    (DETAILS[1], STOCK, {"stock": "2603", "ttype": "MarginTrading", "tdate": "20261119", "seqno": "15",
-                         "price": 61.0, "dseq": "WA02"}),
-    (DETAILS[1], FUTURES, {"stock": "TXFL6", "tdate": "20261119"}),
-], ids=["position-stock", "position-futures", "profit-loss-stock", "profit-loss-futures"])
+@pytest.mark.parametrize(
+    "detail,account,payload",
+    [
+        (DETAILS[0], STOCK, {"code": "2317", "action": "Sell", "ttype": "ShortSelling"}),
+        (DETAILS[0], FUTURES, {"code": "TXFL6", "action": "Buy"}),
+        (
+            DETAILS[1],
+            STOCK,
+            {
+                "stock": "2603",
+                "ttype": "MarginTrading",
+                "tdate": "20261119",
+                "seqno": "15",
+                "price": 61.0,
+                "dseq": "WA02",
+            },
+        ),
+        (DETAILS[1], FUTURES, {"stock": "TXFL6", "tdate": "20261119"}),
+    ],
+    ids=["position-stock", "position-futures", "profit-loss-stock", "profit-loss-futures"],
+)
 def test_detail_of_a_cached_item(api, detail, account, payload):
     method, listing, service, rows_key, records = detail
     listing.fill(api, account)
@@ -272,9 +362,11 @@ def test_detail_of_a_cached_item(api, detail, account, payload):
     rows = getattr(api, method)(account, 1 if account is STOCK else 0)
 
     sent = api.session.last(PORTFOLIO + service).payload
-    assert list(sent.items()) == [("account", account.dict())] + list(payload.items())
-    assert [(type(r), r.dseq) for r in rows] == [(records[account.account_type.value], "WA01"),
-                                                 (records[account.account_type.value], "WA03")]
+    assert list(sent.items()) == [("account", account.dict()), *payload.items()]
+    assert [(type(r), r.dseq) for r in rows] == [
+        (records[account.account_type.value], "WA01"),
+        (records[account.account_type.value], "WA03"),
+    ]
     assert api._reqrep == {}
 
 
@@ -329,21 +421,32 @@ def test_profit_loss_detail_raises_and_calls_back(api):
 
 SUMMARY = PORTFOLIO + "profitloss_sum"
 DATES = ("2026-11-01", "2026-11-20")
-SUMMARY_ROWS = {"S": [{"code": "2330", "quantity": 1, "pnl": 9000.0}, {"code": "2603", "quantity": 2}],
-                "F": [{"code": "TXFL6", "direction": "Sell", "quantity": 1, "pnl": 4000.0}]}
+SUMMARY_ROWS = {
+    "S": [{"code": "2330", "quantity": 1, "pnl": 9000.0}, {"code": "2603", "quantity": 2}],
+    "F": [{"code": "TXFL6", "direction": "Sell", "quantity": 1, "pnl": 4000.0}],
+}
 
 
-@pytest.mark.parametrize("account,row", [(STOCK, pos.StockProfitLossSummary),
-                                         (FUTURES, pos.FutureProfitLossSummary)], ids=["stock", "futures"])
+@pytest.mark.parametrize(
+    "account,row",
+    [(STOCK, pos.StockProfitLossSummary), (FUTURES, pos.FutureProfitLossSummary)],
+    ids=["stock", "futures"],
+)
 def test_summary_is_filled_by_its_reply(api, account, row):
     rows = SUMMARY_ROWS[account.account_type.value]
     api.session.reply(SUMMARY, with_account(account, profitloss_sum=rows, total={"quantity": 3, "pnl": 8.0}))
     calls = []
     summary = api.list_profit_loss_summary(account, *DATES, timeout=0, cb=calls.append)
-    assert (summary.status, summary.profitloss_summary, summary.total) == (FetchStatus.Fetching, [],
-                                                                            pos.ProfitLossTotal())
-    assert api.session.last(SUMMARY).payload == {"account": account.dict(), "begin_date": DATES[0],
-                                                 "end_date": DATES[1]}
+    assert (summary.status, summary.profitloss_summary, summary.total) == (
+        FetchStatus.Fetching,
+        [],
+        pos.ProfitLossTotal(),
+    )
+    assert api.session.last(SUMMARY).payload == {
+        "account": account.dict(),
+        "begin_date": DATES[0],
+        "end_date": DATES[1],
+    }
     api.session.deliver()
     assert calls == [summary] and [type(r) for r in summary.profitloss_summary] == [row] * len(rows)
     assert summary.total == pos.ProfitLossTotal(quantity=3, pnl=8.0)
@@ -364,15 +467,23 @@ def test_blocking_summary_reads_a_topic_the_constructor_never_set(api):
 
 def test_summary_is_refused_in_simulation(sim_api, warnings):
     summary = sim_api.list_profit_loss_summary(STOCK, *DATES)
-    assert (summary.status, summary.profitloss_summary, summary.total) == (FetchStatus.Fetched, [],
-                                                                            pos.ProfitLossTotal())
+    assert (summary.status, summary.profitloss_summary, summary.total) == (
+        FetchStatus.Fetched,
+        [],
+        pos.ProfitLossTotal(),
+    )
     assert warnings == ["Simulation not support list_profit_loss_summary yet"]
     assert sim_api.session.requests == [] and sim_api.session._gen_reqid() == "corr-2"
 
 
-@pytest.mark.parametrize("reply,error", [(refused(500, "summary unavailable"), ServiceError),
-                                         (with_account(STOCK, profitloss_sum=[]), TypeError)],
-                         ids=["refused", "without-total"])
+@pytest.mark.parametrize(
+    "reply,error",
+    [
+        (refused(500, "summary unavailable"), ServiceError),
+        (with_account(STOCK, profitloss_sum=[]), TypeError),
+    ],
+    ids=["refused", "without-total"],
+)
 def test_summary_failures_surface_on_the_reply(api, reply, error):
     api.session.reply(SUMMARY, reply)
     summary = api.list_profit_loss_summary(STOCK, *DATES, timeout=0)

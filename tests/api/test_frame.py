@@ -1,4 +1,5 @@
 """Construction of SolaceAPI: topics, attributes, default handlers, callbacks, end of life."""
+
 import inspect
 
 import pytest
@@ -29,12 +30,26 @@ def test_is_a_plain_compiled_class(api_module):
 
 def test_signature_and_shared_proxies_default(api_module):
     params = inspect.signature(api_module.SolaceAPI.__init__).parameters
-    assert list(params) == ["self", "host", "vpn", "user", "password", "simulation", "proxies",
-                            "connect_timeout_ms", "reconnect_retries", "keep_alive_ms",
-                            "reconnect_retry_wait", "keep_alive_limit"]
+    assert list(params) == [
+        "self",
+        "host",
+        "vpn",
+        "user",
+        "password",
+        "simulation",
+        "proxies",
+        "connect_timeout_ms",
+        "reconnect_retries",
+        "keep_alive_ms",
+        "reconnect_retry_wait",
+        "keep_alive_limit",
+    ]
     assert params["proxies"].default == {}
     # One dict made once, not one per call.
-    assert params["proxies"].default is inspect.signature(api_module.SolaceAPI.__init__).parameters["proxies"].default
+    assert (
+        params["proxies"].default
+        is inspect.signature(api_module.SolaceAPI.__init__).parameters["proxies"].default
+    )
     assert [params[p].default for p in list(params)[7:]] == [3000, 10, 3000, 3000, 3]
 
 
@@ -63,19 +78,38 @@ def test_topic_names_keep_the_services_own_words(api):
 
 def test_attributes_in_order_with_initial_values(api):
     names = list(vars(api))
-    assert names[:14] == ["session", "accounts", "default_stock_account", "default_futopt_account",
-                          "Contracts", "activated_ca", "contract_all_fetched", "api_ver", "category_auth",
-                          "category_order", "category_data", "category_portfolio", "category_paper",
-                          "_simulation"]
+    assert names[:14] == [
+        "session",
+        "accounts",
+        "default_stock_account",
+        "default_futopt_account",
+        "Contracts",
+        "activated_ca",
+        "contract_all_fetched",
+        "api_ver",
+        "category_auth",
+        "category_order",
+        "category_data",
+        "category_portfolio",
+        "category_paper",
+        "_simulation",
+    ]
     assert names[-3:] == ["__sol_setup__", "tft", "_prev_trace_log_ts"]
     assert isinstance(api.session, FakeSession)
     assert api.contract_all_fetched == 0 and type(api.contract_all_fetched) is int
     assert api._prev_trace_log_ts == 0.0 and type(api._prev_trace_log_ts) is float
     assert api.tft is False
-    assert api.__sol_setup__ == {"host": "inproc://test", "vpn": "vpn", "user": "bus-user",
-                                 "password": "bus-secret", "connect_timeout_ms": 3000,
-                                 "reconnect_retries": 10, "keep_alive_ms": 3000,
-                                 "reconnect_retry_wait": 3000, "keep_alive_limit": 3}
+    assert api.__sol_setup__ == {
+        "host": "inproc://test",
+        "vpn": "vpn",
+        "user": "bus-user",
+        "password": "bus-secret",
+        "connect_timeout_ms": 3000,
+        "reconnect_retries": 10,
+        "keep_alive_ms": 3000,
+        "reconnect_retry_wait": 3000,
+        "keep_alive_limit": 3,
+    }
 
 
 def test_simulation_keeps_the_argument_object(api_module):

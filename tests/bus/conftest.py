@@ -1,9 +1,11 @@
 """Fixtures of the bus tests: a bus per test, connected clients, a responder, captured logs."""
+
 import re
 
-import pymqlink
 import pytest
 from loguru import logger
+
+import pymqlink
 
 
 @pytest.fixture

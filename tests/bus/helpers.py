@@ -1,4 +1,5 @@
 """Helpers of the bus tests."""
+
 import threading
 import time
 

@@ -1,4 +1,6 @@
 """The wire codec at the binding boundary: what Python objects become on the bus, and back."""
+
+import contextlib
 import datetime
 import decimal
 import enum
@@ -10,6 +12,7 @@ import msgpack
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
+
 from pymqlink import packb, unpackb
 
 
@@ -28,12 +31,18 @@ class Plain(enum.Enum):
 
 
 scalars = (
-    st.none() | st.booleans() | st.integers(-(2**63), 2**64 - 1) | st.floats(allow_nan=False)
-    | st.text() | st.binary()
+    st.none()
+    | st.booleans()
+    | st.integers(-(2**63), 2**64 - 1)
+    | st.floats(allow_nan=False)
+    | st.text()
+    | st.binary()
 )
 values = st.recursive(
     scalars,
-    lambda children: st.lists(children, max_size=5) | st.dictionaries(st.text(max_size=10), children, max_size=5),
+    lambda children: (
+        st.lists(children, max_size=5) | st.dictionaries(st.text(max_size=10), children, max_size=5)
+    ),
     max_leaves=30,
 )
 
@@ -129,10 +138,8 @@ def test_malformed_messages_raise_value_error(data, message):
 @settings(max_examples=500)
 @given(st.binary(max_size=64))
 def test_arbitrary_bytes_never_crash(data):
-    try:
+    with contextlib.suppress(ValueError):
         unpackb(data)
-    except ValueError:
-        pass
 
 
 @settings(max_examples=200)
@@ -140,7 +147,7 @@ def test_arbitrary_bytes_never_crash(data):
 def test_every_truncation_is_refused(value, data):
     encoded = packb([value])
     cut = data.draw(st.integers(0, len(encoded) - 1))
-    with pytest.raises(ValueError):
+    with pytest.raises(ValueError):  # noqa: PT011 (the text depends on where the cut falls)
         unpackb(encoded[:cut])
 
 

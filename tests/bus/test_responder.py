@@ -1,9 +1,11 @@
 """Services on the bus written in Python (and the C++ echo service)."""
+
 import threading
 import time
 
-import pymqlink
 import pytest
+
+import pymqlink
 from pymqlink import BusError
 
 from .helpers import Recorder, wait_until
@@ -23,7 +25,10 @@ def test_reply_later_from_another_thread(client, responder):
 
     helper = threading.Thread(target=answer)
     helper.start()
-    assert client.request("svc/later", {"q": 1}, timeout=2000) == {"status": {"status_code": 200}, "topic": "svc/later"}
+    assert client.request("svc/later", {"q": 1}, timeout=2000) == {
+        "status": {"status_code": 200},
+        "topic": "svc/later",
+    }
     helper.join()
 
 
@@ -35,16 +40,25 @@ def test_request_info_names_the_sender_but_never_shows_the_token(client, respond
     assert client.request("svc/who", {}) == {}
     info = infos[0]
     assert (info.topic, info.token, info.client_name, info.session_id) == (
-        "svc/who", "tok-HIDDEN", "PYAPI/Z9", client.session_id)
+        "svc/who",
+        "tok-HIDDEN",
+        "PYAPI/Z9",
+        client.session_id,
+    )
     assert "HIDDEN" not in repr(info) and "PYAPI/Z9" in repr(info)
 
 
 @pytest.mark.parametrize(
     "handler, logged_text",
     [
-        (lambda topic, payload, info: 1 / 0, "responder handler for topic 'svc/bad' raised ZeroDivisionError"),
-        (lambda topic, payload, info: {"when": object()},
-         "reply['when']: cannot encode object of type object"),
+        (
+            lambda topic, payload, info: 1 / 0,
+            "responder handler for topic 'svc/bad' raised ZeroDivisionError",
+        ),
+        (
+            lambda topic, payload, info: {"when": object()},
+            "reply['when']: cannot encode object of type object",
+        ),
     ],
 )
 def test_failing_handlers_are_logged_and_send_no_reply(client, responder, logged, handler, logged_text):
@@ -56,7 +70,9 @@ def test_failing_handlers_are_logged_and_send_no_reply(client, responder, logged
 def test_inline_responder_runs_on_the_requesting_thread(host, client):
     threads = []
     with pymqlink.Responder(host, inline=True) as fast:
-        fast.serve("svc/fast", lambda topic, payload, info: threads.append(threading.get_ident()) or {"ok": 1})
+        fast.serve(
+            "svc/fast", lambda topic, payload, info: threads.append(threading.get_ident()) or {"ok": 1}
+        )
         assert client.request("svc/fast", {}) == {"ok": 1}
     assert threads == [threading.get_ident()]
 

@@ -1,4 +1,5 @@
 """SolClient as the api uses it: connect, requests, callbacks, events, disconnect."""
+
 import gc
 import os
 import re
@@ -9,6 +10,7 @@ import time
 import weakref
 
 import pytest
+
 from pymqlink import BusError, SolClient, _core
 
 from .helpers import Recorder, wait_until
@@ -21,14 +23,20 @@ def echo(responder):
 
     def handler(topic, payload, info):
         seen.append((topic, payload))
-        return {"topic": topic, "payload": payload, "token": info.token, "client_name": info.client_name,
-                "session_id": info.session_id}
+        return {
+            "topic": topic,
+            "payload": payload,
+            "token": info.token,
+            "client_name": info.client_name,
+            "session_id": info.session_id,
+        }
 
     responder.serve("svc/>", handler)
     return seen
 
 
 # ---- connection ----
+
 
 def test_new_client_is_not_connected_and_repr_hides_secrets(connect):
     fresh = SolClient()
@@ -63,8 +71,10 @@ def test_bad_host_raises_bus_error_naming_it(bad_host, message):
 
 @pytest.mark.parametrize(
     "setting, value, message",
-    [("connect_timeout_ms", 0, "connect_timeout_ms must be positive, got 0"),
-     ("reconnect_retries", -2, "reconnect_retries must be -1 (forever) or more, got -2")],
+    [
+        ("connect_timeout_ms", 0, "connect_timeout_ms must be positive, got 0"),
+        ("reconnect_retries", -2, "reconnect_retries must be -1 (forever) or more, got -2"),
+    ],
 )
 def test_invalid_settings_are_value_errors(host, setting, value, message):
     with pytest.raises(ValueError, match=re.escape(message)):
@@ -94,12 +104,18 @@ def test_reqids_are_fresh_text():
 
 # ---- requests ----
 
+
 def test_blocking_request_carries_token_and_client_name(client, echo):
     client.set_session("tok-1")
     client.set_client_name("PYAPI/A123")
     reply = client.request("svc/login", {"person_id": "A123", "n": [1, 2.5, None]})
-    assert reply == {"topic": "svc/login", "payload": {"person_id": "A123", "n": [1, 2.5, None]},
-                     "token": "tok-1", "client_name": "PYAPI/A123", "session_id": client.session_id}
+    assert reply == {
+        "topic": "svc/login",
+        "payload": {"person_id": "A123", "n": [1, 2.5, None]},
+        "token": "tok-1",
+        "client_name": "PYAPI/A123",
+        "session_id": client.session_id,
+    }
 
 
 def test_timeout_returns_none(client, responder):
@@ -124,7 +140,9 @@ def test_async_reply_runs_cb_on_the_callback_thread(client, echo):
 
 def test_blocking_request_inside_a_callback_completes(client, responder, echo):
     results = []
-    client.set_p2p_callback(lambda topic, state: results.append(client.request("svc/nested", state, timeout=2000)))
+    client.set_p2p_callback(
+        lambda topic, state: results.append(client.request("svc/nested", state, timeout=2000))
+    )
     responder.send_p2p(client.session_id, "ORDER", {"n": 1})
     assert wait_until(lambda: results)
     assert results[0]["payload"] == {"n": 1}
@@ -146,10 +164,12 @@ def test_unencodable_payload_raises_and_sends_nothing(client, echo):
 
 @pytest.mark.parametrize(
     "kwargs, error, message",
-    [({"timeout": -1}, ValueError, "timeout must be zero or more milliseconds, got -1"),
-     ({"timeout": "5"}, TypeError, "timeout must be a number of milliseconds, got str"),
-     ({"timeout": 0, "cb": 3}, TypeError, "cb must be callable or None, got int"),
-     ({"timeout": 0, "corrid": 5}, TypeError, "corrid must be str or None, got int")],
+    [
+        ({"timeout": -1}, ValueError, "timeout must be zero or more milliseconds, got -1"),
+        ({"timeout": "5"}, TypeError, "timeout must be a number of milliseconds, got str"),
+        ({"timeout": 0, "cb": 3}, TypeError, "cb must be callable or None, got int"),
+        ({"timeout": 0, "corrid": 5}, TypeError, "corrid must be str or None, got int"),
+    ],
 )
 def test_invalid_request_arguments(client, kwargs, error, message):
     with pytest.raises(error, match=re.escape(message)):
@@ -169,11 +189,12 @@ def test_default_timeout_applies_when_none_given(client, responder):
     start = time.monotonic()
     assert client.request("svc/silent", {}) is None
     assert time.monotonic() - start < 2.0
-    with pytest.raises(ValueError):
+    with pytest.raises(ValueError, match="default_timeout must be positive"):
         client.default_timeout = 0
 
 
 # ---- published and point-to-point messages ----
+
 
 def test_wildcard_subscriptions_deliver_in_order(client, responder):
     msgs = Recorder()
@@ -281,6 +302,7 @@ def test_disconnect_from_inside_a_callback_does_not_hang(client, responder):
 
 # ---- session events ----
 
+
 def test_connect_emits_the_connected_event(host):
     events = Recorder()
     client = SolClient()
@@ -306,7 +328,9 @@ def test_lost_link_reconnects_then_goes_down_when_the_bus_is_gone(connect, bus_n
 
     assert _core._inproc_sever(bus_name, client.session_id)
     # The "connected" event may or may not come after the callback was set.
-    assert wait_until(lambda: [c[3] for c in events.calls if c[3] != "connected"] == ["reconnecting", "reconnected"])
+    assert wait_until(
+        lambda: [c[3] for c in events.calls if c[3] != "connected"] == ["reconnecting", "reconnected"]
+    )
     responder.publish("feed", {"after": "reconnect"})
     assert msgs.wait(1)
 
@@ -325,6 +349,7 @@ def test_lost_link_reconnects_then_goes_down_when_the_bus_is_gone(connect, bus_n
 
 
 # ---- lifetime ----
+
 
 def test_client_in_a_reference_cycle_through_its_callback_is_collected(host):
     class Api:
@@ -378,7 +403,13 @@ print("exiting", flush=True)
 
 @pytest.mark.parametrize("mode", ["plain", "request-in-callback"])
 def test_process_exit_with_deliveries_in_flight_does_not_hang(mode):
-    result = subprocess.run([sys.executable, "-c", EXIT_SCRIPT, mode], capture_output=True, text=True, check=False,
-                            timeout=30, env=dict(os.environ))
+    result = subprocess.run(
+        [sys.executable, "-c", EXIT_SCRIPT, mode],
+        capture_output=True,
+        text=True,
+        check=False,
+        timeout=30,
+        env=dict(os.environ),
+    )
     assert result.returncode == 0, result.stderr[-2000:]
     assert "exiting" in result.stdout

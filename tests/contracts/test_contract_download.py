@@ -1,8 +1,10 @@
 """The paged contract download: probe, every page in flight at once, completion per security type."""
+
 import logging
 import random
 
 import pytest
+
 from conftest import Request, make_api, ok, refused
 from quorvex.constant import FetchStatus, SecurityType
 from quorvex.error import ServiceError

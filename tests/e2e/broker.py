@@ -5,6 +5,7 @@ the real services do (MD5 digest, Ed25519 signature, session token), every other
 from a script, and every request is recorded with the token, client name and session id it
 travelled with.
 """
+
 from __future__ import annotations
 
 import hashlib
@@ -12,9 +13,10 @@ import threading
 from typing import Any, NamedTuple
 
 import msgpack
-import pymqlink
 from nacl.exceptions import BadSignatureError
 from nacl.signing import SigningKey
+
+import pymqlink
 from quorvex.account import FutureAccount, StockAccount
 from quorvex.contracts import Future, Stock
 
@@ -38,15 +40,71 @@ TXF = Future(exchange="TAIFEX", code="TXFL6")
 AT = 1704157201500000  # 2024-01-02 09:00:01.5 Taipei time, in microseconds since the epoch
 LEVELS = [595.0, 594.0, 593.0, 592.0, 591.0]
 VOLUMES = [10, 20, 30, 40, 50]
-STOCK_TRADE = ["2330", AT, 590.0, 595.0, 596.0, 589.0, 593.27, 1785000.0, 4155000000.0, 3, 7004, 1, 2, 2.0, 0.34,
-               3500, 3504, 812, 790, 0, 0]
+STOCK_TRADE = [
+    "2330",
+    AT,
+    590.0,
+    595.0,
+    596.0,
+    589.0,
+    593.27,
+    1785000.0,
+    4155000000.0,
+    3,
+    7004,
+    1,
+    2,
+    2.0,
+    0.34,
+    3500,
+    3504,
+    812,
+    790,
+    0,
+    0,
+]
 STOCK_TICK = STOCK_TRADE + [False, False]
 STOCK_BIDASK = ["2330", AT, LEVELS, VOLUMES, [0, 1, 0, -1, 0], [596.0] * 5, VOLUMES, [0] * 5, False, False]
 STOCK_QUOTE = STOCK_TRADE + [LEVELS, VOLUMES, [0] * 5, [596.0] * 5, VOLUMES, [0] * 5, False, False]
-FOP_TICK = ["TXFL6", AT, 17800.0, 17790.5, 1200, 1300, 17805.2, 17810.0, 17820.0, 17790.0, 3562000.0, 1.2e9,
-            2, 5000, 1, 2, 10.0, 0.06, False]
-FOP_BIDASK = ["TXFL6", AT, 900, 950, LEVELS, VOLUMES, [0] * 5, LEVELS, VOLUMES, [0] * 5, 17809.0, 17811.0, 2, 3,
-              17790.5, False]
+FOP_TICK = [
+    "TXFL6",
+    AT,
+    17800.0,
+    17790.5,
+    1200,
+    1300,
+    17805.2,
+    17810.0,
+    17820.0,
+    17790.0,
+    3562000.0,
+    1.2e9,
+    2,
+    5000,
+    1,
+    2,
+    10.0,
+    0.06,
+    False,
+]
+FOP_BIDASK = [
+    "TXFL6",
+    AT,
+    900,
+    950,
+    LEVELS,
+    VOLUMES,
+    [0] * 5,
+    LEVELS,
+    VOLUMES,
+    [0] * 5,
+    17809.0,
+    17811.0,
+    2,
+    3,
+    17790.5,
+    False,
+]
 
 _B58 = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz"
 
@@ -78,8 +136,14 @@ def refused(status_code: int, detail: str) -> dict[str, Any]:
 
 def logged_in(**extra: Any) -> dict[str, Any]:
     """The reply of a successful login of PERSON with a stock and a futures account."""
-    return ok(accounts=[STOCK, FUTURES], token=TOKEN, client_name=CLIENT_NAME, ip_address=PUBLIC_IP,
-              contract_download=True, **extra)
+    return ok(
+        accounts=[STOCK, FUTURES],
+        token=TOKEN,
+        client_name=CLIENT_NAME,
+        ip_address=PUBLIC_IP,
+        contract_download=True,
+        **extra,
+    )
 
 
 class Seen(NamedTuple):
@@ -115,11 +179,12 @@ class Broker:
     def last(self, service: str, timeout: float = 2.0) -> Seen:
         with self._arrived:
             assert self._arrived.wait_for(lambda: self.requests(service), timeout), (
-                f"no request on {service}; seen {[s.service for s in self.seen]}")
+                f"no request on {service}; seen {[s.service for s in self.seen]}"
+            )
             return self.requests(service)[-1]
 
     def _handle(self, topic: str, payload: Any, info: Any) -> dict[str, Any] | None:
-        service = topic[len("api/v1/"):]
+        service = topic[len("api/v1/") :]
         with self._arrived:
             self.seen.append(Seen(service, payload, info.token, info.client_name, info.session_id))
             self._arrived.notify_all()
@@ -128,7 +193,10 @@ class Broker:
 
     @staticmethod
     def _password_login(payload: Any, info: Any) -> dict[str, Any]:
-        if payload["person_id"] == PERSON and payload["password"] == hashlib.md5(PASSWORD.encode()).hexdigest():
+        if (
+            payload["person_id"] == PERSON
+            and payload["password"] == hashlib.md5(PASSWORD.encode()).hexdigest()
+        ):
             return logged_in(web_token="web-e2e")
         return refused(401, "wrong password")
 
@@ -146,5 +214,3 @@ class Broker:
     @staticmethod
     def _simulation_login(payload: Any, info: Any) -> dict[str, Any]:
         return logged_in() if info.token == SIM_TOKEN else refused(401, "token expired")
-
-

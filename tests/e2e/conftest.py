@@ -1,4 +1,5 @@
 """SolaceAPI on a real in-process bus (one bus per test), answered by the scripted broker."""
+
 from __future__ import annotations
 
 import base64
@@ -8,6 +9,7 @@ import threading
 from typing import Any, Callable
 
 import pytest
+
 from bus.helpers import Recorder
 from signing.pki import PASSWORD as CA_PASSWORD
 from signing.pki import Authority
@@ -76,8 +78,18 @@ def verify_signature(certificate, tmp_path):
     def verify(signature: str, content: str | None = None) -> str:
         der = tmp_path / "signature.der"
         der.write_bytes(base64.b64decode(signature, validate=True))
-        cmd = ["openssl", "cms", "-verify", "-binary", "-inform", "DER", "-in", str(der),
-               "-CAfile", str(certificate[0].pem_path)]
+        cmd = [
+            "openssl",
+            "cms",
+            "-verify",
+            "-binary",
+            "-inform",
+            "DER",
+            "-in",
+            str(der),
+            "-CAfile",
+            str(certificate[0].pem_path),
+        ]
         if content is not None:
             (tmp_path / "content").write_bytes(content.encode())
             cmd += ["-content", str(tmp_path / "content")]

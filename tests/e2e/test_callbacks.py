@@ -1,12 +1,14 @@
 """The messaging thread: blocking requests from inside callbacks, callbacks that raise, replies that
 overtake their send."""
+
 import contextlib
 import os
 import threading
 
 import pytest
-from bus.helpers import Recorder, wait_until
 from loguru import logger
+
+from bus.helpers import Recorder, wait_until
 from quorvex.account import StockAccount
 from quorvex.constant import QuoteType, QuoteVersion, Unit
 from quorvex.order import Order
@@ -33,8 +35,9 @@ def via_reply(api, broker, callback):
     return lambda: api.account_balance(STOCK_ACCOUNT, timeout=0, cb=lambda balance: callback())
 
 
-DELIVERIES = pytest.mark.parametrize("deliver", [via_quote, via_order_report, via_reply],
-                                     ids=["quote", "order-report", "reply"])
+DELIVERIES = pytest.mark.parametrize(
+    "deliver", [via_quote, via_order_report, via_reply], ids=["quote", "order-report", "reply"]
+)
 
 
 @DELIVERIES
@@ -74,13 +77,16 @@ def place_each(api, broker, n):
     counter = iter(range(n))
     broker.answer("order/place_order", lambda payload, info: ok(order={"id": f"ord-{next(counter)}"}))
     api.prepare_ca = lambda order: order  # signing is not what this is about
-    return lambda cb: api.place_order(TSMC, Order(action="Buy", price=580.0, quantity=1, account=STOCK_ACCOUNT),
-                                      timeout=0, cb=cb)
+    return lambda cb: api.place_order(
+        TSMC, Order(action="Buy", price=580.0, quantity=1, account=STOCK_ACCOUNT), timeout=0, cb=cb
+    )
 
 
 def list_positions_each(api, broker, n):
     accounts = iter(StockAccount(person_id=PERSON, broker_id="9A95", account_id=f"{i:07d}") for i in range(n))
-    broker.answer("portfolio/position_unit", lambda payload, info: ok(account=payload["account"], positions=[]))
+    broker.answer(
+        "portfolio/position_unit", lambda payload, info: ok(account=payload["account"], positions=[])
+    )
     return lambda cb: api.list_positions(next(accounts), Unit.Common, timeout=0, cb=cb)
 
 

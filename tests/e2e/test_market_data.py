@@ -1,8 +1,10 @@
 """Real-time quotes published by the broker reach the typed handlers; history queries."""
+
 import datetime
 import threading
 
 import pytest
+
 from bus.helpers import Recorder, wait_until
 from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
 from quorvex.backend.solace.quote import QuoteSTKv1
@@ -23,14 +25,57 @@ from .broker import (
 
 ROUTES = [
     # contract, quote type, odd lot, topic published by the feed, content, handler stem, record, exchange
-    (TSMC, QuoteType.Tick, False, "TIC/v1/STK/D/TSE/2330", STOCK_TICK, "tick_stk_v1", TickSTKv1, Exchange.TSE),
+    (
+        TSMC,
+        QuoteType.Tick,
+        False,
+        "TIC/v1/STK/D/TSE/2330",
+        STOCK_TICK,
+        "tick_stk_v1",
+        TickSTKv1,
+        Exchange.TSE,
+    ),
     (TSMC, QuoteType.Tick, True, "TIC/v1/ODD/D/TSE/2330", STOCK_TICK, "tick_stk_v1", TickSTKv1, Exchange.TSE),
-    (TSMC, QuoteType.BidAsk, False, "QUO/v1/STK/D/TSE/2330", STOCK_BIDASK, "bidask_stk_v1", BidAskSTKv1,
-     Exchange.TSE),
-    (TSMC, QuoteType.Quote, False, "QUO/v2/STK/D/TSE/2330", STOCK_QUOTE, "quote_stk_v1", QuoteSTKv1, Exchange.TSE),
-    (TXF, QuoteType.Tick, False, "TIC/v1/FOP/N/TFE/TXFL6", FOP_TICK, "tick_fop_v1", TickFOPv1, Exchange.TAIFEX),
-    (TXF, QuoteType.BidAsk, False, "QUO/v1/FOP/D/TFE/TXFL6", FOP_BIDASK, "bidask_fop_v1", BidAskFOPv1,
-     Exchange.TAIFEX),
+    (
+        TSMC,
+        QuoteType.BidAsk,
+        False,
+        "QUO/v1/STK/D/TSE/2330",
+        STOCK_BIDASK,
+        "bidask_stk_v1",
+        BidAskSTKv1,
+        Exchange.TSE,
+    ),
+    (
+        TSMC,
+        QuoteType.Quote,
+        False,
+        "QUO/v2/STK/D/TSE/2330",
+        STOCK_QUOTE,
+        "quote_stk_v1",
+        QuoteSTKv1,
+        Exchange.TSE,
+    ),
+    (
+        TXF,
+        QuoteType.Tick,
+        False,
+        "TIC/v1/FOP/N/TFE/TXFL6",
+        FOP_TICK,
+        "tick_fop_v1",
+        TickFOPv1,
+        Exchange.TAIFEX,
+    ),
+    (
+        TXF,
+        QuoteType.BidAsk,
+        False,
+        "QUO/v1/FOP/D/TFE/TXFL6",
+        FOP_BIDASK,
+        "bidask_fop_v1",
+        BidAskFOPv1,
+        Exchange.TAIFEX,
+    ),
 ]
 
 
@@ -40,10 +85,14 @@ def subscribe(api, broker, contract, quote_type, odd_lot, topic):
     assert wait_until(lambda: broker.responder.has_subscribers(topic))
 
 
-@pytest.mark.parametrize("contract, quote_type, odd_lot, topic, content, stem, record, exchange", ROUTES,
-                         ids=[route[3] for route in ROUTES])
-def test_published_quote_reaches_its_typed_handler(api, broker, contract, quote_type, odd_lot, topic, content,
-                                                    stem, record, exchange):
+@pytest.mark.parametrize(
+    "contract, quote_type, odd_lot, topic, content, stem, record, exchange",
+    ROUTES,
+    ids=[route[3] for route in ROUTES],
+)
+def test_published_quote_reaches_its_typed_handler(
+    api, broker, contract, quote_type, odd_lot, topic, content, stem, record, exchange
+):
     handler = Recorder()
     getattr(api, f"set_on_{stem}_callback")(handler)
     subscribe(api, broker, contract, quote_type, odd_lot, topic)
@@ -71,20 +120,44 @@ def test_unsubscribe_stops_delivery(api, broker):
     assert stock.calls == []
 
 
-TICKS = {"ts": [1704157201500000000, 1704157202000000000], "close": [595.0, 596.0], "volume": [3, 1],
-         "bid_price": [594.0, 595.0], "bid_volume": [10, 2], "ask_price": [595.0, 596.0], "ask_volume": [5, 7],
-         "tick_type": [1, 1]}
-KBARS = {"ts": [1704157260000000000], "Open": [590.0], "High": [596.0], "Low": [589.0], "Close": [595.0],
-         "Volume": [7004], "Amount": [4155000000.0]}
+TICKS = {
+    "ts": [1704157201500000000, 1704157202000000000],
+    "close": [595.0, 596.0],
+    "volume": [3, 1],
+    "bid_price": [594.0, 595.0],
+    "bid_volume": [10, 2],
+    "ask_price": [595.0, 596.0],
+    "ask_volume": [5, 7],
+    "tick_type": [1, 1],
+}
+KBARS = {
+    "ts": [1704157260000000000],
+    "Open": [590.0],
+    "High": [596.0],
+    "Low": [589.0],
+    "Close": [595.0],
+    "Volume": [7004],
+    "Amount": [4155000000.0],
+}
 
 
 @pytest.mark.parametrize(
     "method, kwargs, service, sent, columns",
     [
-        ("ticks", {"date": "2024-01-02", "query_type": TicksQueryType.LastCount, "last_cnt": 2}, "data/ticks",
-         {"date": "2024-01-02", "query_type": "LastCount", "time_range": None, "last_cnt": 2}, TICKS),
-        ("kbars", {"start": "2024-01-01", "end": "2024-01-02"}, "data/kbars",
-         {"start": "2024-01-01", "end": "2024-01-02"}, KBARS),
+        (
+            "ticks",
+            {"date": "2024-01-02", "query_type": TicksQueryType.LastCount, "last_cnt": 2},
+            "data/ticks",
+            {"date": "2024-01-02", "query_type": "LastCount", "time_range": None, "last_cnt": 2},
+            TICKS,
+        ),
+        (
+            "kbars",
+            {"start": "2024-01-01", "end": "2024-01-02"},
+            "data/kbars",
+            {"start": "2024-01-01", "end": "2024-01-02"},
+            KBARS,
+        ),
     ],
     ids=["ticks", "kbars"],
 )

@@ -1,5 +1,7 @@
 """Orders over the bus: placement, the reports pushed to the session, refresh, modify, cancel."""
+
 import pytest
+
 from bus.helpers import Recorder
 from quorvex.constant import OrderState, Status
 from quorvex.order import Order
@@ -22,15 +24,23 @@ ORDER_TS = 1704157201
 
 def accept(payload, info):
     """The order service: takes the order under id "ord-7"."""
-    return ok(order=dict(payload["order"], id="ord-7", seqno="000123"),
-              status={"status": "PendingSubmit", "order_ts": ORDER_TS, "order_quantity": payload["order"]["quantity"]})
+    return ok(
+        order=dict(payload["order"], id="ord-7", seqno="000123"),
+        status={
+            "status": "PendingSubmit",
+            "order_ts": ORDER_TS,
+            "order_quantity": payload["order"]["quantity"],
+        },
+    )
 
 
 def place(api, broker, contract=TSMC, account=STOCK_ACCOUNT):
     """Places a limit buy of 3 and waits for the reply (the non-blocking placement is in
     test_callbacks: its reply can overtake the send)."""
     broker.answer("order/place_order", accept)
-    return api.place_order(contract, Order(action="Buy", price=580.0, quantity=3, account=account), timeout=2000)
+    return api.place_order(
+        contract, Order(action="Buy", price=580.0, quantity=3, account=account), timeout=2000
+    )
 
 
 def test_placed_order_is_signed_and_rekeyed(signing_api, broker, verify_signature):
@@ -53,8 +63,9 @@ def test_placed_order_is_signed_and_rekeyed(signing_api, broker, verify_signatur
     ],
     ids=["futures-order", "stock-order", "stock-deal"],
 )
-def test_reports_sent_to_the_client_name_reach_the_order_callback(signing_api, broker, contract, account, word,
-                                                                   state, ordno):
+def test_reports_sent_to_the_client_name_reach_the_order_callback(
+    signing_api, broker, contract, account, word, state, ordno
+):
     trade = place(signing_api, broker, contract, account)
     ordno_at_callback = []
     reports = Recorder(lambda state, msg: ordno_at_callback.append(signing_api._trades["ord-7"].order.ordno))
@@ -69,11 +80,22 @@ def test_reports_sent_to_the_client_name_reach_the_order_callback(signing_api, b
 def test_update_status_merges_into_the_trade_book(signing_api, broker, query):
     trade = place(signing_api, broker)
     entries = [
-        {"contract": TSMC.dict(), "order": {"id": "ord-7", "ordno": "X0001", "account": STOCK},
-         "status": {"status": "Filled", "deal_quantity": 3, "order_ts": ORDER_TS}},
-        {"contract": TSMC.dict(), "order": {"id": "ord-8", "action": "Sell", "price": 600.0, "quantity": 1,
-                                            "account": dict(STOCK, person_id=" ")},
-         "status": {"status": "Submitted", "order_ts": ORDER_TS}},
+        {
+            "contract": TSMC.dict(),
+            "order": {"id": "ord-7", "ordno": "X0001", "account": STOCK},
+            "status": {"status": "Filled", "deal_quantity": 3, "order_ts": ORDER_TS},
+        },
+        {
+            "contract": TSMC.dict(),
+            "order": {
+                "id": "ord-8",
+                "action": "Sell",
+                "price": 600.0,
+                "quantity": 1,
+                "account": dict(STOCK, person_id=" "),
+            },
+            "status": {"status": "Submitted", "order_ts": ORDER_TS},
+        },
     ]
     broker.answer("order/update_status", {"status": {"status_code": 200}, "response": entries})
     delivered = query(signing_api.update_status, STOCK_ACCOUNT)
@@ -83,8 +105,11 @@ def test_update_status_merges_into_the_trade_book(signing_api, broker, query):
     assert (trade.status.status, trade.status.deal_quantity, trade.order.ordno) == (Status.Filled, 3, "X0001")
     assert trade.order.price == 580.0
     added = signing_api._trades["ord-8"]
-    assert (added.order.price, added.order.account.person_id, added.status.status) == (600.0, PERSON,
-                                                                                         Status.Submitted)
+    assert (added.order.price, added.order.account.person_id, added.status.status) == (
+        600.0,
+        PERSON,
+        Status.Submitted,
+    )
 
 
 @pytest.mark.parametrize(
@@ -103,6 +128,8 @@ def test_modify_and_cancel_reach_their_topics(signing_api, broker, query, method
     request = broker.last(service)
     assert request.payload["order"]["id"] == "ord-7" and "status" not in request.payload
     assert {key: request.payload[key] for key in sent} == sent
-    assert [seen.service for seen in broker.seen if seen.service.startswith("order/")] == ["order/place_order",
-                                                                                            service]
+    assert [seen.service for seen in broker.seen if seen.service.startswith("order/")] == [
+        "order/place_order",
+        service,
+    ]
     assert trade.status.msg == ("accepted" if method == "cancel_order" else "")

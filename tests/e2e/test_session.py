@@ -1,11 +1,13 @@
 """Logins, logout and session events over the bus."""
+
 import hashlib
 import re
 import time
 
 import msgpack
-import pymqlink
 import pytest
+
+import pymqlink
 from bus.helpers import Recorder, wait_until
 from pymqlink import _core
 from quorvex.account import FutureAccount, StockAccount
@@ -35,7 +37,10 @@ def assert_logged_in(api, broker, login_service, token=TOKEN):
     """The typed accounts are in place, and the next request carries the session token and the
     service's client name on the same connection."""
     assert [type(a) for a in api.list_accounts()] == [StockAccount, FutureAccount]
-    assert (api.default_stock_account.account_id, api.default_futopt_account.account_id) == ("0512345", "1234567")
+    assert (api.default_stock_account.account_id, api.default_futopt_account.account_id) == (
+        "0512345",
+        "1234567",
+    )
     assert api._public_ip == PUBLIC_IP
     assert api.subscribe_trade(api.default_stock_account, False) is True
     later = broker.last("auth/subscribe_trade")
@@ -62,7 +67,15 @@ def test_token_login_sends_a_signed_document(make_api, broker):
     login = broker.last("auth/token_login")
     assert re.fullmatch(logining(API_KEY), login.client_name)
     document = msgpack.unpackb(b58decode(login.payload["msg"]))
-    assert list(document) == ["key", "simulation", "version", "source", "subscribe_trade", "receive_window", "ts"]
+    assert list(document) == [
+        "key",
+        "simulation",
+        "version",
+        "source",
+        "subscribe_trade",
+        "receive_window",
+        "ts",
+    ]
     assert document["source"] == "pyqv" and document["receive_window"] == 5000
     assert before - 1 <= document["ts"] <= time.time() + 1
     assert_logged_in(api, broker, "auth/token_login")

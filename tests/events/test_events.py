@@ -1,4 +1,5 @@
 """Session events, message entry points and the order-report stream."""
+
 import pytest
 
 from conftest import FakeSession
@@ -89,7 +90,9 @@ def test_setter_replaces_attribute_before_a_failing_registration(api):
     api.session = FakeSession()
 
 
-@pytest.mark.parametrize("decorator,attr", [("on_event", "on_event_callback"), ("on_order", "on_order_callback")])
+@pytest.mark.parametrize(
+    "decorator,attr", [("on_event", "on_event_callback"), ("on_order", "on_order_callback")]
+)
 def test_decorators_return_the_function(api, decorator, attr):
     @getattr(api, decorator)
     def handler(*args):
@@ -152,7 +155,7 @@ class TestOrderStream:
 
     def test_callback_errors_propagate(self, api):
         api.set_order_callback(boom)
-        with pytest.raises(ValueError):
+        with pytest.raises(ValueError, match="handler failed"):
             api.on_p2p_wrap("x/DEAL", {})
 
 

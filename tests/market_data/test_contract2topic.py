@@ -1,6 +1,7 @@
 """The subscription topic of a contract."""
 
 import pytest
+
 from quorvex.backend.solace.quote import contract2topic
 from quorvex.constant import QuoteType, QuoteVersion
 from quorvex.contracts import Future, Index, Option, Stock

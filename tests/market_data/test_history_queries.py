@@ -2,8 +2,10 @@
 
 import datetime
 import inspect
+import re
 
 import pytest
+
 from conftest import ok, refused
 from market_data_fixtures import logout_until_the_session_area_defines_it  # noqa: F401  (fixture)
 from quorvex.constant import TicksQueryType
@@ -15,20 +17,49 @@ TSMC = Stock(exchange="TSE", code="2330")
 TODAY = datetime.date.today()
 BOTH_TIMES = "Please take start time and end time parameter."
 
-TICKS_REPLY = {"ts": [1704157201500000000, 1704157202000000000], "close": [595.0, 596.0], "volume": [3, 1],
-               "bid_price": [594.0, 595.0], "bid_volume": [10, 2], "ask_price": [595.0, 596.0],
-               "ask_volume": [4, 8], "tick_type": [1, 2]}
-KBARS_REPLY = {"ts": [1704157260000000000], "Open": [590.0], "High": [596.0], "Low": [589.0],
-               "Close": [595.0], "Volume": [7004], "Amount": [4155000000.0]}
-DAILY_REPLY = {"Date": ["2024-01-02"], "Code": ["2330"], "Open": [590.0], "High": [596.0], "Low": [589.0],
-               "Close": [595.0], "Volume": [27000], "Transaction": [31000], "Amount": [1.6e10]}
+TICKS_REPLY = {
+    "ts": [1704157201500000000, 1704157202000000000],
+    "close": [595.0, 596.0],
+    "volume": [3, 1],
+    "bid_price": [594.0, 595.0],
+    "bid_volume": [10, 2],
+    "ask_price": [595.0, 596.0],
+    "ask_volume": [4, 8],
+    "tick_type": [1, 2],
+}
+KBARS_REPLY = {
+    "ts": [1704157260000000000],
+    "Open": [590.0],
+    "High": [596.0],
+    "Low": [589.0],
+    "Close": [595.0],
+    "Volume": [7004],
+    "Amount": [4155000000.0],
+}
+DAILY_REPLY = {
+    "Date": ["2024-01-02"],
+    "Code": ["2330"],
+    "Open": [590.0],
+    "High": [596.0],
+    "Low": [589.0],
+    "Close": [595.0],
+    "Volume": [27000],
+    "Transaction": [31000],
+    "Amount": [1.6e10],
+}
 
 # query, positional arguments, topic attribute, record type, a full reply
 QUERIES = [
     pytest.param("ticks", (TSMC,), "ticks_topic", Ticks, TICKS_REPLY, id="ticks"),
     pytest.param("kbars", (TSMC,), "kbars_topic", Kbars, KBARS_REPLY, id="kbars"),
-    pytest.param("daily_quotes", (datetime.date(2024, 1, 2), True), "daily_quotes_topic", DailyQuotes,
-                 DAILY_REPLY, id="daily_quotes"),
+    pytest.param(
+        "daily_quotes",
+        (datetime.date(2024, 1, 2), True),
+        "daily_quotes_topic",
+        DailyQuotes,
+        DAILY_REPLY,
+        id="daily_quotes",
+    ),
 ]
 
 
@@ -37,8 +68,11 @@ QUERIES = [
     [
         ({}, None, 0),
         ({"time_start": "09:00:00", "time_end": "09:30:00"}, {"start": "09:00:00", "end": "09:30:00"}, 0),
-        ({"query_type": TicksQueryType.RangeTime, "time_start": "09:00:00", "time_end": "10:00:00"},
-         {"start": "09:00:00", "end": "10:00:00"}, 0),
+        (
+            {"query_type": TicksQueryType.RangeTime, "time_start": "09:00:00", "time_end": "10:00:00"},
+            {"start": "09:00:00", "end": "10:00:00"},
+            0,
+        ),
         ({"query_type": TicksQueryType.LastCount, "last_cnt": 1}, None, 1),
         ({"time_start": "09:00:00"}, None, 0),
     ],
@@ -63,7 +97,7 @@ def test_ticks_payload(api, kwargs, time_range, last_cnt):
     ],
 )
 def test_ticks_argument_checks_come_before_anything_is_sent(api, kwargs, message):
-    with pytest.raises(Exception) as raised:
+    with pytest.raises(Exception, match=re.escape(message)) as raised:
         api.ticks(TSMC, **kwargs)
     assert type(raised.value) is Exception and str(raised.value) == message
     assert api.session.requests == []

@@ -5,6 +5,7 @@ import types
 
 import pydantic
 import pytest
+
 from conftest import ok, refused
 from market_data_fixtures import logout_until_the_session_area_defines_it  # noqa: F401  (fixture)
 from quorvex.constant import ScannerType
@@ -25,14 +26,27 @@ SOURCES = [{"code": "2330", "short_stock_source": 58000}, {"code": "2454", "shor
 # query, positional arguments, topic attribute, reply key, items, record type
 QUERIES = [
     ("snapshots", (CONTRACTS,), "snapshots_topic", "snapshot", SNAPSHOTS, Snapshot),
-    ("scanners", (ScannerType.ChangePercentRank, False), "scanner_topic", "scanners", RANKS,
-     ChangePercentRank),
+    (
+        "scanners",
+        (ScannerType.ChangePercentRank, False),
+        "scanner_topic",
+        "scanners",
+        RANKS,
+        ChangePercentRank,
+    ),
     ("credit_enquires", ([TSMC],), "credit_enquire_topic", "credit_enquire", CREDIT, CreditEnquire),
-    ("short_stock_sources", ([TSMC, MEDIATEK],), "short_stock_source_topic", "short_stock_sources", SOURCES,
-     ShortStockSource),
+    (
+        "short_stock_sources",
+        ([TSMC, MEDIATEK],),
+        "short_stock_source_topic",
+        "short_stock_sources",
+        SOURCES,
+        ShortStockSource,
+    ),
 ]
-each_query = pytest.mark.parametrize("query, args, topic, key, items, record", QUERIES,
-                                     ids=[query[0] for query in QUERIES])
+each_query = pytest.mark.parametrize(
+    "query, args, topic, key, items, record", QUERIES, ids=[query[0] for query in QUERIES]
+)
 
 
 @each_query
@@ -113,8 +127,10 @@ def test_scanner_counts_out_of_bounds_are_refused_before_sending(api, count):
     "kwargs, message",
     [
         ({"date": 20240102}, "Argument 'date' has incorrect type (expected str, got int)"),
-        ({"date": datetime.date(2024, 1, 2)},
-         "Argument 'date' has incorrect type (expected str, got datetime.date)"),
+        (
+            {"date": datetime.date(2024, 1, 2)},
+            "Argument 'date' has incorrect type (expected str, got datetime.date)",
+        ),
         ({"count": "5"}, "Argument 'count' has incorrect type (expected int, got str)"),
         ({"count": 5.0}, "Argument 'count' has incorrect type (expected int, got float)"),
     ],

@@ -6,6 +6,7 @@ import pickle
 import pytest
 from hypothesis import given
 from hypothesis import strategies as st
+
 from market_data_fixtures import (
     OPENING,
     futures_bidask_content,
@@ -43,7 +44,7 @@ def test_content_round_trip_and_presentation(cls, constructor, content):
     assert ("intraday_odd" in fields) == hasattr(cls, "from_content_odd")
 
     again = getattr(cls, constructor)(*record.to_content())
-    assert again == record and hash(again) == hash(record) and not again != record
+    assert again == record and hash(again) == hash(record) and not again != record  # noqa: SIM202 (tests __ne__)
     assert pickle.loads(pickle.dumps(record)) == record
 
     text = repr(record)
@@ -51,20 +52,59 @@ def test_content_round_trip_and_presentation(cls, constructor, content):
     assert all(" {}=".format(name) in text for name in list(fields)[1:])
 
 
-STOCK_TRADE = (
-    "code datetime open close high low avg_price amount total_amount volume total_volume tick_type chg_type "
-    "price_chg pct_chg bid_side_total_vol ask_side_total_vol bid_side_total_cnt ask_side_total_cnt "
-    "closing_oddlot_shares fixed_trade_vol"
-).split()
-BOOK = "bid_price bid_volume diff_bid_vol ask_price ask_volume diff_ask_vol".split()
-FUTURES_TRADE = (
-    "code datetime open underlying_price bid_side_total_vol ask_side_total_vol avg_price close high low "
-    "amount total_amount volume total_volume tick_type chg_type price_chg pct_chg simtrade"
-).split()
-FUTURES_DERIVED = (
-    "first_derived_bid_price first_derived_ask_price first_derived_bid_vol first_derived_ask_vol "
-    "underlying_price simtrade"
-).split()
+STOCK_TRADE = [
+    "code",
+    "datetime",
+    "open",
+    "close",
+    "high",
+    "low",
+    "avg_price",
+    "amount",
+    "total_amount",
+    "volume",
+    "total_volume",
+    "tick_type",
+    "chg_type",
+    "price_chg",
+    "pct_chg",
+    "bid_side_total_vol",
+    "ask_side_total_vol",
+    "bid_side_total_cnt",
+    "ask_side_total_cnt",
+    "closing_oddlot_shares",
+    "fixed_trade_vol",
+]
+BOOK = ["bid_price", "bid_volume", "diff_bid_vol", "ask_price", "ask_volume", "diff_ask_vol"]
+FUTURES_TRADE = [
+    "code",
+    "datetime",
+    "open",
+    "underlying_price",
+    "bid_side_total_vol",
+    "ask_side_total_vol",
+    "avg_price",
+    "close",
+    "high",
+    "low",
+    "amount",
+    "total_amount",
+    "volume",
+    "total_volume",
+    "tick_type",
+    "chg_type",
+    "price_chg",
+    "pct_chg",
+    "simtrade",
+]
+FUTURES_DERIVED = [
+    "first_derived_bid_price",
+    "first_derived_ask_price",
+    "first_derived_bid_vol",
+    "first_derived_ask_vol",
+    "underlying_price",
+    "simtrade",
+]
 
 
 @pytest.mark.parametrize(
@@ -83,7 +123,7 @@ FUTURES_DERIVED = (
 )
 def test_content_layouts_are_the_published_ones(cls, content, layout):
     """The element order is the wire contract with the feed (the protocol document)."""
-    names = [name for name in cls.from_content(*content()).keys() if name != "intraday_odd"]
+    names = [name for name in cls.from_content(*content()).keys() if name != "intraday_odd"]  # noqa: SIM118 (the record's keys())
     assert names == layout
 
 
@@ -147,8 +187,12 @@ def test_the_element_count_must_match_the_layout(elements, count):
         (9, 3.0, TypeError, r"content\[9\] \(volume\) must be an integer, got float"),
         (9, 2**64, ValueError, r"content\[9\] \(volume\) does not fit a 64-bit integer"),
         (22, "no", TypeError, r"content\[22\] \(simtrade\) must be a bool, got str"),
-        (1, "2024-01-02 09:00:01", TypeError,
-         r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str"),
+        (
+            1,
+            "2024-01-02 09:00:01",
+            TypeError,
+            r"content\[1\] \(datetime\) must be epoch microseconds \(int\) or a datetime.datetime, got str",
+        ),
         (1, 10**18, ValueError, r"content\[1\] \(datetime\) is outside the years 1 to 9999"),
     ],
 )

@@ -3,6 +3,7 @@
 import inspect
 
 import pytest
+
 from market_data_fixtures import (  # noqa: F401  (fixtures)
     futures_bidask_content,
     futures_tick_content,
@@ -44,11 +45,21 @@ def calls(api):
         ("TIC/v1/STK/D/TSE/2330", stock_tick_content, TickSTKv1.from_content, "tick_stk", Exchange.TSE),
         ("TIC/v1/FOP/N/TFE/TXFL6", futures_tick_content, TickFOPv1.from_content, "tick_fop", Exchange.TAIFEX),
         ("QUO/v1/STK/D/OTC/6488", stock_bidask_content, BidAskSTKv1.from_content, "bidask_stk", Exchange.OTC),
-        ("QUO/v1/FOP/D/TFE/TXFL6", futures_bidask_content, BidAskFOPv1.from_content, "bidask_fop",
-         Exchange.TAIFEX),
+        (
+            "QUO/v1/FOP/D/TFE/TXFL6",
+            futures_bidask_content,
+            BidAskFOPv1.from_content,
+            "bidask_fop",
+            Exchange.TAIFEX,
+        ),
         ("TIC/v1/ODD/D/TSE/2330", stock_tick_content, TickSTKv1.from_content_odd, "tick_stk", Exchange.TSE),
-        ("QUO/v1/ODD/D/OES/2330", stock_bidask_content, BidAskSTKv1.from_content_odd, "bidask_stk",
-         Exchange.OES),
+        (
+            "QUO/v1/ODD/D/OES/2330",
+            stock_bidask_content,
+            BidAskSTKv1.from_content_odd,
+            "bidask_stk",
+            Exchange.OES,
+        ),
         ("QUO/v2/STK/D/TSE/2330", stock_quote_content, QuoteSTKv1.from_content, "quote_stk", Exchange.TSE),
         # Futures and options report TAIFEX whatever the topic says, however many components it has.
         ("TIC/v1/FOP/D/TSE/TXF/x", futures_tick_content, TickFOPv1.from_content, "tick_fop", Exchange.TAIFEX),
@@ -65,8 +76,15 @@ def test_typed_families_reach_their_handler(api, calls, topic, content, build, h
 
 def test_legacy_odd_lot_messages_are_converted(api, calls):
     tick = {"Code": "2330", "Date": "2024/01/02", "Time": "09:00:01.500000", "Close": 595.0, "Volume": 37}
-    book = {"Code": "2330", "Date": "2024/01/02", "Time": "09:00:01", "BidPrice": [595.0], "BidVolume": [7],
-            "AskPrice": [596.0], "AskVolume": [9]}
+    book = {
+        "Code": "2330",
+        "Date": "2024/01/02",
+        "Time": "09:00:01",
+        "BidPrice": [595.0],
+        "BidVolume": [7],
+        "AskPrice": [596.0],
+        "AskVolume": [9],
+    }
     api.on_msg_wrap("TIC/v0/ODD/D/TSE/2330/ODDLOT", tick)
     api.on_msg_wrap("QUO/v0/ODD/D/TSE/2330/ODDLOT", book)
     (_, (topic, converted_tick)), (_, (_, converted_book)) = calls
@@ -77,8 +95,14 @@ def test_legacy_odd_lot_messages_are_converted(api, calls):
 
 @pytest.mark.parametrize(
     "topic",
-    ["TIC/v0/STK/D/TSE/2330", "QUO/v0/FOP/D/TFE/TXFL6", "TIC/v2/STK/D/TSE/2330", "TIC/v1/IND/D/TSE/001",
-     "NEWS/ODDLOT", "TICK"],
+    [
+        "TIC/v0/STK/D/TSE/2330",
+        "QUO/v0/FOP/D/TFE/TXFL6",
+        "TIC/v2/STK/D/TSE/2330",
+        "TIC/v1/IND/D/TSE/001",
+        "NEWS/ODDLOT",
+        "TICK",
+    ],
 )
 def test_other_topics_reach_the_untyped_handler_unchanged(api, calls, api_module, monkeypatch, topic):
     monkeypatch.setattr(api_module, "intraday_odd_tic_convert", pytest.fail)
@@ -93,8 +117,11 @@ def test_other_topics_reach_the_untyped_handler_unchanged(api, calls, api_module
     [
         ("TIC/v1/STK/D/TSE", stock_tick_content(), "ValueError: need more than 5 values to unpack"),
         ("TIC/v1/STK", stock_tick_content(), "ValueError: need more than 3 values to unpack"),
-        ("QUO/v1/ODD/D/TSE/2330/x", stock_bidask_content(),
-         "ValueError: too many values to unpack (expected 6)"),
+        (
+            "QUO/v1/ODD/D/TSE/2330/x",
+            stock_bidask_content(),
+            "ValueError: too many values to unpack (expected 6)",
+        ),
         ("QUO/v2/STK/D/NYSE/2330", stock_quote_content(), "'NYSE' is not a valid Exchange"),
         ("TIC/v1/STK/D/TSE/2330", None, "KeyError: 'content'"),
         ("TIC/v1/STK/D/TSE/2330", 7, "TypeError: a quote message's content must be a list"),
@@ -151,7 +178,7 @@ def test_bound_handlers_get_the_context_of_the_setter_call(api, setter, topic, c
     assert getattr(api, setter)(lambda *args: received.append(args), bind=True) is None
     api.set_context(later)
     api.on_msg_wrap(topic, {"content": content()})
-    ((context, exchange, record),) = received
+    ((context, _exchange, record),) = received
     assert context is first and record.code in ("2330", "TXFL6")
 
 

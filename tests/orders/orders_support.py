@@ -1,4 +1,5 @@
 """Records and an api instance for the order tests."""
+
 import datetime
 
 from conftest import make_api

@@ -1,7 +1,9 @@
 """Cancelling and modifying a placed order: what is sent, and what each mode leaves in the maps."""
+
 import logging
 
 import pytest
+
 from conftest import ok, refused
 from orders_support import order_api, trade
 from quorvex.constant import Status
@@ -25,6 +27,7 @@ def placed(api):
 
 
 # ---------------------------------------------------------------- cancel
+
 
 @pytest.mark.parametrize("timeout", [5000, 0])
 def test_cancel_sends_the_resigned_trade_and_hands_it_back(api, placed, timeout):
@@ -63,21 +66,27 @@ def test_other_cancel_refusals_are_logged_and_raised(api, placed, caplog, reply)
 
 # ---------------------------------------------------------------- modify
 
-@pytest.mark.parametrize("status, price, quantity, sent", [
-    ({}, 585.0, None, [(PRICE, {"price": 585.0})]),
-    ({}, 580.0, None, []),                                      # the order's price: nothing to change
-    ({"modified_price": 582.0}, 580.0, None, [(PRICE, {"price": 580.0})]),
-    ({"modified_price": 582.0}, 582.0, None, []),               # the modified price is the current one
-    ({}, None, 3, [(QTY, {"quantity": 3})]),
-    ({"cancel_quantity": 1}, None, 3, []),                      # only 2 remain
-    ({}, 0, 0, []),                                             # zero counts as not given
-    ({}, 585.0, 1, [(PRICE, {"price": 585.0}), (QTY, {"price": 585.0, "quantity": 1})]),
-])
+
+@pytest.mark.parametrize(
+    "status, price, quantity, sent",
+    [
+        ({}, 585.0, None, [(PRICE, {"price": 585.0})]),
+        ({}, 580.0, None, []),  # the order's price: nothing to change
+        ({"modified_price": 582.0}, 580.0, None, [(PRICE, {"price": 580.0})]),
+        ({"modified_price": 582.0}, 582.0, None, []),  # the modified price is the current one
+        ({}, None, 3, [(QTY, {"quantity": 3})]),
+        ({"cancel_quantity": 1}, None, 3, []),  # only 2 remain
+        ({}, 0, 0, []),  # zero counts as not given
+        ({}, 585.0, 1, [(PRICE, {"price": 585.0}), (QTY, {"price": 585.0, "quantity": 1})]),
+    ],
+)
 def test_modify_sends_what_changes(api, status, price, quantity, sent):
     got = []
 
     def record(request):  # the payload as it was when sent: one object serves both requests
-        got.append((request.topic, {k: request.payload[k] for k in ("price", "quantity") if k in request.payload}))
+        got.append(
+            (request.topic, {k: request.payload[k] for k in ("price", "quantity") if k in request.payload})
+        )
         return ok()
 
     api.session.reply(PRICE, record)

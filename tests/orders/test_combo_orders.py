@@ -1,5 +1,7 @@
 """Combination orders: their own book and topics, in both modes, and refused in simulation."""
+
 import pytest
+
 from conftest import ok, refused
 from orders_support import FUTURES_ACCOUNT, SPREAD, TXF, local_time, order, order_api
 from quorvex.constant import Status
@@ -29,8 +31,10 @@ def placed(api):
 
 
 def test_placement_rekeys_the_combination_trade(api, placed):
-    assert api.session.last(PLACE).payload == {"order": dict(spread_order().dict(), ca="sig-1"),
-                                               "combocontract": SPREAD.dict()}
+    assert api.session.last(PLACE).payload == {
+        "order": dict(spread_order().dict(), ca="sig-1"),
+        "combocontract": SPREAD.dict(),
+    }
     assert api._combotrades == {"cmb-1": placed} and api.combotrades == [placed] and api._trades == {}
     assert isinstance(placed.status, ComboStatus) and placed.status.status == Status.Submitted
     assert placed.status.order_datetime == local_time(1763600000) and placed.order.id == "cmb-1"
@@ -45,7 +49,9 @@ def test_non_blocking_placement_completes_later(api):
     assert api._combotrades == {"cmb-1": combo} and seen == [combo]
 
 
-@pytest.mark.parametrize("reply, status", [(refused(500, "leg not tradable"), Status.Failed), ({}, Status.Inactive)])
+@pytest.mark.parametrize(
+    "reply, status", [(refused(500, "leg not tradable"), Status.Failed), ({}, Status.Inactive)]
+)
 def test_unsuccessful_placement_stays_under_its_correlation_id(api, reply, status):
     api.session.reply(PLACE, reply)
     combo = api.place_comboorder(SPREAD, spread_order())
@@ -76,10 +82,22 @@ def test_cancel_refusal_is_raised(api, placed):
 
 def test_refresh_merges_and_hands_the_book_dict_to_the_callback(api, placed):
     new_spread = ComboContract(legs=[dict(TXF.dict(), action="Sell")])
-    api.session.reply(REFRESH, ok([
-        {"order": dict(placed.order.dict(), price=13.0), "status": {"status": "Filled", "order_ts": 5}},
-        {"contract": new_spread.dict(), "order": dict(spread_order().dict(), id="cmb-2"), "status": {}},
-    ]))
+    api.session.reply(
+        REFRESH,
+        ok(
+            [
+                {
+                    "order": dict(placed.order.dict(), price=13.0),
+                    "status": {"status": "Filled", "order_ts": 5},
+                },
+                {
+                    "contract": new_spread.dict(),
+                    "order": dict(spread_order().dict(), id="cmb-2"),
+                    "status": {},
+                },
+            ]
+        ),
+    )
     seen = []
     api.update_combostatus(FUTURES_ACCOUNT, timeout=0, cb=seen.append)
     api.session.deliver()
@@ -99,6 +117,8 @@ def test_simulation_refuses_every_combination_service(api_module, monkeypatch):
     assert isinstance(combo, ComboTrade) and combo.status.status == Status.Inactive and combo.order.ca == ""
     assert sim.cancel_comboorder(combo) is combo
     assert sim.update_combostatus(FUTURES_ACCOUNT) is None
-    assert warnings == [f"Simulation not support {m} yet"
-                        for m in ("place_comboorder", "cancel_comboorder", "update_combostatus")]
+    assert warnings == [
+        f"Simulation not support {m} yet"
+        for m in ("place_comboorder", "cancel_comboorder", "update_combostatus")
+    ]
     assert sim.session.requests == [] and sim.combotrades == [] and sim._rep_callback_map == {}

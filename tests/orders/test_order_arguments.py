@@ -1,5 +1,6 @@
 """Wrong arguments are refused before anything is signed, stored or sent."""
 import pytest
+
 from conftest import refused
 from orders_support import STOCK_ACCOUNT, TSMC, TXF, order, order_api, trade
 from quorvex.constant import Status

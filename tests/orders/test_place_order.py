@@ -50,12 +50,18 @@ def test_reply_status_keys_override_the_computed_ones(api):
     assert trade.status.order_datetime.isoformat() == "2026-11-20T09:00:00"
 
 
-@pytest.mark.parametrize("reply, status, logged", [
-    (refused(500, "price out of range", order={"id": "", "ca": "MIIB-order-signature"}), Status.Failed,
-     "price out of range"),
-    ({"response": {}}, Status.Inactive, f"Topic: {TOPIC}, Status Code is None."),
-    ({"status": {"status_code": None}}, Status.Inactive, "Status Code is None."),
-])
+@pytest.mark.parametrize(
+    "reply, status, logged",
+    [
+        (
+            refused(500, "price out of range", order={"id": "", "ca": "MIIB-order-signature"}),
+            Status.Failed,
+            "price out of range",
+        ),
+        ({"response": {}}, Status.Inactive, f"Topic: {TOPIC}, Status Code is None."),
+        ({"status": {"status_code": None}}, Status.Inactive, "Status Code is None."),
+    ],
+)
 def test_unsuccessful_reply_leaves_the_trade_under_its_correlation_id(api, caplog, reply, status, logged):
     api.session.reply(TOPIC, reply)
     with caplog.at_level(logging.ERROR, logger="quorvex"):

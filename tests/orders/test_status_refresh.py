@@ -1,5 +1,7 @@
 """Status refresh: merging the service's view into known trades and adding unknown ones."""
+
 import pytest
+
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api, trade
 from quorvex.constant import Status
@@ -25,14 +27,30 @@ def api(api_module, monkeypatch):
 
 def test_payload_carries_account_seqno_and_tft(api):
     assert api.update_status(STOCK_ACCOUNT, seqno="000123") is None
-    assert api.session.last(TOPIC).payload == {"account": STOCK_ACCOUNT.dict(), "seqno": "000123", "tft": False}
+    assert api.session.last(TOPIC).payload == {
+        "account": STOCK_ACCOUNT.dict(),
+        "seqno": "000123",
+        "tft": False,
+    }
 
 
 def test_known_trade_is_merged_in_place(api):
     known = api._trades["ord-1"] = trade(msg="kept", modified_price=585.0)
     old_order, old_status = known.order, known.status
-    api.session.reply(TOPIC, ok([entry("ord-1", status="Filled", deal_quantity=3, order_ts=1763600000,
-                                       order_datetime="2001-01-01T00:00:00")]))
+    api.session.reply(
+        TOPIC,
+        ok(
+            [
+                entry(
+                    "ord-1",
+                    status="Filled",
+                    deal_quantity=3,
+                    order_ts=1763600000,
+                    order_datetime="2001-01-01T00:00:00",
+                )
+            ]
+        ),
+    )
     api.update_status(STOCK_ACCOUNT)
 
     assert api.trades == [known] and known.contract == TSMC
@@ -75,10 +93,13 @@ def test_refusal_is_raised_and_leaves_the_book(api):
     assert api._trades == {}
 
 
-@pytest.mark.parametrize("bad, error", [
-    ({"order": {"id": "ord-7"}, "status": {}}, KeyError),                       # no account to fill
-    (dict(entry("ord-7"), status={"order_datetime": "2026-11-20T09:00:00"}), TypeError),
-])
+@pytest.mark.parametrize(
+    "bad, error",
+    [
+        ({"order": {"id": "ord-7"}, "status": {}}, KeyError),  # no account to fill
+        (dict(entry("ord-7"), status={"order_datetime": "2026-11-20T09:00:00"}), TypeError),
+    ],
+)
 def test_malformed_entry_stops_the_merge_after_earlier_entries(api, bad, error):
     api.session.reply(TOPIC, ok([entry("ord-6"), bad]))
     with pytest.raises(error):

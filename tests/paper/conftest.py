@@ -1,9 +1,11 @@
 """SolaceAPI sessions on the embedded paper broker: each test gets its own paper:// bus, so its
 broker starts fresh and stops when the test's sessions log out."""
+
 import re
 import uuid
 
 import pytest
+
 from quorvex.backend.solace.api import SolaceAPI
 from quorvex.paper import DEMO
 from signing.pki import Authority

@@ -1,4 +1,5 @@
 """Helpers of the end-to-end tests on the embedded paper broker."""
+
 import threading
 import time
 
@@ -61,5 +62,6 @@ def front_future(api):
 
 
 def order(api, action, price, quantity, account=None, **fields):
-    return Order(action=action, price=price, quantity=quantity,
-                 account=account or api.default_stock_account, **fields)
+    return Order(
+        action=action, price=price, quantity=quantity, account=account or api.default_stock_account, **fields
+    )

@@ -1,6 +1,8 @@
 """The Python handle of the paper broker: configuration, attachment, demo credentials."""
+
 import pytest
 from pydantic import ValidationError
+
 from quorvex.paper import (
     DEFAULT_BUS,
     DEMO,

@@ -1,8 +1,10 @@
 """Money, holdings and reservations through SolaceAPI on the embedded paper broker: what the
 queries answer after fills, in both modes, and for the account holder only."""
+
 import datetime
 
 import pytest
+
 from quorvex.account import StockAccount
 from quorvex.constant import FetchStatus, Status
 from quorvex.error import ServiceError
@@ -91,8 +93,9 @@ def test_reservations_and_earmarks_are_made_and_listed(make_api, person):
     api = make_api(person)
     api.fetch_all_contract(timeout=0)
     assert wait_until(lambda: api.Contracts.status.value == "Fetched", 10)
-    lendable = next(c for c in api.Contracts.Stocks.values()
-                    if c.short_selling_balance > 0 and c.category != "00")
+    lendable = next(
+        c for c in api.Contracts.Stocks.values() if c.short_selling_balance > 0 and c.category != "00"
+    )
     account = api.default_stock_account
 
     reserved = api.reserve_stock(account, lendable, 1000)

@@ -1,7 +1,9 @@
 """Orders through SolaceAPI on the embedded paper broker: placing, cancelling and changing
 them in both modes, the trade book, order reports, combination orders, and two persons who
 cannot see or touch each other's orders."""
+
 import pytest
+
 from quorvex.account import FutureAccount, StockAccount
 from quorvex.constant import Action, OrderState, Status
 from quorvex.contracts import ComboBase, ComboContract
@@ -45,8 +47,12 @@ def test_a_resting_order_is_repriced_reduced_cancelled_and_refreshed(make_api, b
     api.cancel_order(trade, timeout=timeout, cb=called.append)
     # Blocking modifications take no callback; a cancel always calls back.
     assert wait_until(lambda: len(called) == (1 if blocking else 3))
-    assert [s["operation"]["op_type"] for _, s in api.reports.wait(4)] == ["New", "UpdatePrice", "UpdateQty",
-                                                                            "Cancel"]
+    assert [s["operation"]["op_type"] for _, s in api.reports.wait(4)] == [
+        "New",
+        "UpdatePrice",
+        "UpdateQty",
+        "Cancel",
+    ]
     api.update_status(api.default_stock_account)
     assert trade.status.status == Status.Cancelled
     assert trade.status.modified_price == 955 and trade.status.cancel_quantity == 3
@@ -86,8 +92,9 @@ def test_refused_placements_fail_the_trade_and_say_why(make_api):
 def test_futures_reports_fill_in_the_exchange_order_number(make_api):
     api = make_api(DEMO.second)
     txf = front_future(api)
-    trade = api.place_order(txf, order(api, "Buy", 0, 1, account=api.default_futopt_account,
-                                       price_type="MKT", order_type="IOC"))
+    trade = api.place_order(
+        txf, order(api, "Buy", 0, 1, account=api.default_futopt_account, price_type="MKT", order_type="IOC")
+    )
     assert trade.status.status == Status.Filled
     assert states(api, 2)[:2] == [OrderState.FOrder, OrderState.FDeal]
     _, forder = api.reports.items[0]
@@ -133,8 +140,12 @@ def test_combination_orders_rest_cancel_and_refresh(make_api):
     api.fetch_all_contract(timeout=0)
     assert wait_until(lambda: api.Contracts.status.value == "Fetched", 10)
     calls = [c for c in api.Contracts.Options.values() if c.option_right.value == "C"][:2]
-    legs = ComboContract(legs=[ComboBase(action=Action.Buy, **calls[0].dict()),
-                               ComboBase(action=Action.Sell, **calls[1].dict())])
+    legs = ComboContract(
+        legs=[
+            ComboBase(action=Action.Buy, **calls[0].dict()),
+            ComboBase(action=Action.Sell, **calls[1].dict()),
+        ]
+    )
     combo = api.place_comboorder(legs, order(api, "Buy", -5000, 1, account=api.default_futopt_account))
     assert combo.status.status == Status.Submitted and combo.order.id in api._combotrades
     refreshed = []

@@ -1,5 +1,7 @@
 """Logins, logout and the contract download through SolaceAPI on the embedded paper broker."""
+
 import pytest
+
 from quorvex.account import FutureAccount, StockAccount
 from quorvex.backend.solace.api import SolaceAPI
 from quorvex.constant import SecurityType

@@ -1,5 +1,6 @@
 import msgpack
 import pytest
+
 from quorvex.backend.solace import utils as backend_utils
 from quorvex.backend.solace.utils import dump_contracts_file, new_contracts
 from quorvex.constant import FetchStatus, SecurityType
@@ -7,15 +8,30 @@ from quorvex.contracts import Contracts, Future, Index, Option, Stock, get_produ
 
 
 def stock(code, exchange="TSE", **more):
-    fields = dict(security_type="STK", exchange=exchange, code=code, symbol=exchange + code, name="n" + code,
-                  category="24", limit_up=11.0, limit_down=9.0, reference=10.0)
+    fields = dict(
+        security_type="STK",
+        exchange=exchange,
+        code=code,
+        symbol=exchange + code,
+        name="n" + code,
+        category="24",
+        limit_up=11.0,
+        limit_down=9.0,
+        reference=10.0,
+    )
     fields.update(more)
     return fields
 
 
 def future(code, category="TXF", month="202612"):
-    return dict(security_type="FUT", exchange="TAIFEX", code=code, symbol=category + month,
-                category=category, delivery_month=month)
+    return dict(
+        security_type="FUT",
+        exchange="TAIFEX",
+        code=code,
+        symbol=category + month,
+        category=category,
+        delivery_month=month,
+    )
 
 
 @pytest.fixture
@@ -24,8 +40,11 @@ def contracts():
     master.Stocks.append(get_product_contracts(SecurityType.Stock)([stock("2330"), stock("6488", "OTC")]))
     master.Futures.append(get_product_contracts("FUT")([future("TXFL6"), future("MXFL6", "MXF")]))
     master.Indexs.append(get_product_contracts(SecurityType.Index)([dict(exchange="TSE", code="001")]))
-    master.Options.append(get_product_contracts(SecurityType.Option)(
-        [dict(exchange="TAIFEX", code="TXO18000L6", category="TXO", strike_price=18000, option_right="C")]))
+    master.Options.append(
+        get_product_contracts(SecurityType.Option)(
+            [dict(exchange="TAIFEX", code="TXO18000L6", category="TXO", strike_price=18000, option_right="C")]
+        )
+    )
     return master
 
 
@@ -36,9 +55,15 @@ def test_one_collection_per_security_type_in_order():
     assert master.status is FetchStatus.Unfetch
 
 
-@pytest.mark.parametrize("security_type,cls", [
-    (SecurityType.Index, Index), (SecurityType.Stock, Stock), (SecurityType.Future, Future),
-    (SecurityType.Option, Option)])
+@pytest.mark.parametrize(
+    "security_type,cls",
+    [
+        (SecurityType.Index, Index),
+        (SecurityType.Stock, Stock),
+        (SecurityType.Future, Future),
+        (SecurityType.Option, Option),
+    ],
+)
 def test_lookup_builds_the_record_class_of_the_type(contracts, security_type, cls):
     collection = contracts.of(security_type)
     code = next(iter(collection))
@@ -62,7 +87,7 @@ def test_lookup_by_code_symbol_and_group(contracts):
         contracts.Stocks["9999"]
     with pytest.raises(AttributeError, match="no exchange or product 'NYSE'; known: OTC, TSE"):
         contracts.Stocks.NYSE
-    with pytest.raises(AttributeError, match="no contract 'TXF202601' in Futures.TXF"):
+    with pytest.raises(AttributeError, match=r"no contract 'TXF202601' in Futures\.TXF"):
         contracts.Futures.TXF.TXF202601
 
 
@@ -78,10 +103,13 @@ def test_entries_without_a_code_are_skipped():
     assert list(master.Stocks) == ["2330"]
 
 
-@pytest.mark.parametrize("block,error,match", [
-    (get_product_contracts("FUT")([]), ValueError, "a Future page cannot go into Stocks"),
-    ({"code": "2330"}, TypeError, "expects a contract page or a list"),
-])
+@pytest.mark.parametrize(
+    "block,error,match",
+    [
+        (get_product_contracts("FUT")([]), ValueError, "a Future page cannot go into Stocks"),
+        ({"code": "2330"}, TypeError, "expects a contract page or a list"),
+    ],
+)
 def test_append_refuses_the_wrong_block(block, error, match):
     with pytest.raises(error, match=match):
         Contracts().Stocks.append(block)
@@ -133,8 +161,9 @@ def test_a_file_from_another_trading_day_is_not_loaded(cache_dir, contracts, mon
     assert len(new_contracts()) == 0 and new_contracts().status is FetchStatus.Unfetch
 
 
-@pytest.mark.parametrize("content", [
-    b"\xc1 not msgpack", msgpack.packb([1, 2]), msgpack.packb({"format": 99})])
+@pytest.mark.parametrize(
+    "content", [b"\xc1 not msgpack", msgpack.packb([1, 2]), msgpack.packb({"format": 99})]
+)
 def test_an_unreadable_file_gives_an_empty_master(cache_dir, content):
     cache_dir.mkdir()
     (cache_dir / "contracts.msgpack").write_bytes(content)

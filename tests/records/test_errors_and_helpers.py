@@ -5,6 +5,7 @@ import pickle
 import pytest
 from nacl.signing import SigningKey
 from pydantic import ValidationError
+
 from quorvex import error
 from quorvex.backend.solace.utils import (
     Base58Encoder,
@@ -18,14 +19,27 @@ from quorvex.constant import Action, Exchange, SecurityType
 from quorvex.utils import log, raise_resp_error
 
 
-@pytest.mark.parametrize("status_code,resp,cls,text", [
-    (401, {"response": {"detail": "token expired"}}, error.TokenError, r"token was refused \(status 401\)"),
-    (503, {"response": {"detail": "down until 08:00"}}, error.SystemMaintenance, "under maintenance"),
-    (500, {"response": {"detail": "oops"}}, error.ServiceError, "refused the request with status 500: oops"),
-    (400, {"status": {"status_code": 400}}, error.ServiceError, "status 400"),
-    (0, {}, error.ServiceError, "carried no status code"),
-    (404, None, error.ServiceError, "status 404"),
-])
+@pytest.mark.parametrize(
+    "status_code,resp,cls,text",
+    [
+        (
+            401,
+            {"response": {"detail": "token expired"}},
+            error.TokenError,
+            r"token was refused \(status 401\)",
+        ),
+        (503, {"response": {"detail": "down until 08:00"}}, error.SystemMaintenance, "under maintenance"),
+        (
+            500,
+            {"response": {"detail": "oops"}},
+            error.ServiceError,
+            "refused the request with status 500: oops",
+        ),
+        (400, {"status": {"status_code": 400}}, error.ServiceError, "status 400"),
+        (0, {}, error.ServiceError, "carried no status code"),
+        (404, None, error.ServiceError, "status 404"),
+    ],
+)
 def test_refusals_map_to_errors(status_code, resp, cls, text):
     with pytest.raises(cls, match=text) as caught:
         raise_resp_error(status_code, resp, object())
@@ -47,8 +61,9 @@ def test_timeout_error_hides_its_payload():
     assert "api/v1/order/reserve_stock" in str(caught)
 
 
-@pytest.mark.parametrize("err", [
-    error.TokenError(401, "x"), error.TimeoutError("t", {}), error.ServiceError(1)])
+@pytest.mark.parametrize(
+    "err", [error.TokenError(401, "x"), error.TimeoutError("t", {}), error.ServiceError(1)]
+)
 def test_errors_survive_pickling(err):
     again = pickle.loads(pickle.dumps(err))
     assert type(again) is type(err) and str(again) == str(err)
@@ -59,10 +74,15 @@ def test_log_is_the_library_logger():
 
 
 # Base58 vectors with the Bitcoin alphabet.
-@pytest.mark.parametrize("raw,text", [
-    (b"", b""), (b"\x00", b"1"), (b"hello world", b"StV1DL6CwTryKyV"),
-    (bytes.fromhex("0000287fb4cd"), b"11233QC4"),
-])
+@pytest.mark.parametrize(
+    "raw,text",
+    [
+        (b"", b""),
+        (b"\x00", b"1"),
+        (b"hello world", b"StV1DL6CwTryKyV"),
+        (bytes.fromhex("0000287fb4cd"), b"11233QC4"),
+    ],
+)
 def test_base58_encoder_vectors(raw, text):
     assert Base58Encoder.encode(raw) == text
     assert Base58Encoder.decode(text) == raw == Base58Encoder.decode(text.decode())
@@ -76,12 +96,26 @@ def test_base58_encoder_serves_the_signing_key():
         Base58Encoder.decode("0OIl")
 
 
-@pytest.mark.parametrize("person_id,expected", [
-    ("A123456789", True), ("a123456789", True), ("F131104093", True),
-    ("A123456788", False), ("A323456789", False), ("A12345678", False), ("1234567890", False),
-    ("", False), (None, False), (12345, False), ("A12345678\uff19", False),
-    ("A800000014", True), ("AC01234567", True), ("AC01234568", False), ("A500000014", False),
-])
+@pytest.mark.parametrize(
+    "person_id,expected",
+    [
+        ("A123456789", True),
+        ("a123456789", True),
+        ("F131104093", True),
+        ("A123456788", False),
+        ("A323456789", False),
+        ("A12345678", False),
+        ("1234567890", False),
+        ("", False),
+        (None, False),
+        (12345, False),
+        ("A12345678\uff19", False),
+        ("A800000014", True),
+        ("AC01234567", True),
+        ("AC01234568", False),
+        ("A500000014", False),
+    ],
+)
 def test_login_check(person_id, expected):
     assert login_check(person_id) is expected
 
@@ -103,29 +137,61 @@ def test_scanner_count_limit(count, ok):
             ScannerCountLimit(count=count)
 
 
-ODD_TICK = {"Code": "2330", "Date": "2024/01/02", "Time": "09:00:01.250000", "Close": [600.5], "Volume": [12],
-            "TickType": [1], "Simtrade": 0}
-ODD_QUOTE = {"Code": "2330", "Date": "2024-01-02", "Time": "09:00:01", "BidPrice": [600, 599.5],
-             "BidVolume": [10, 3], "AskPrice": [601], "AskVolume": [7], "Simtrade": 1}
+ODD_TICK = {
+    "Code": "2330",
+    "Date": "2024/01/02",
+    "Time": "09:00:01.250000",
+    "Close": [600.5],
+    "Volume": [12],
+    "TickType": [1],
+    "Simtrade": 0,
+}
+ODD_QUOTE = {
+    "Code": "2330",
+    "Date": "2024-01-02",
+    "Time": "09:00:01",
+    "BidPrice": [600, 599.5],
+    "BidVolume": [10, 3],
+    "AskPrice": [601],
+    "AskVolume": [7],
+    "Simtrade": 1,
+}
 
 
 def test_odd_lot_tick_conversion():
     assert intraday_odd_tic_convert(ODD_TICK) == {
-        "code": "2330", "datetime": datetime.datetime(2024, 1, 2, 9, 0, 1, 250000), "close": 600.5,
-        "volume": 12, "tick_type": 1, "simtrade": False}
+        "code": "2330",
+        "datetime": datetime.datetime(2024, 1, 2, 9, 0, 1, 250000),
+        "close": 600.5,
+        "volume": 12,
+        "tick_type": 1,
+        "simtrade": False,
+    }
 
 
 def test_odd_lot_quote_conversion():
     assert intraday_odd_quo_convert(ODD_QUOTE) == {
-        "code": "2330", "datetime": datetime.datetime(2024, 1, 2, 9, 0, 1), "bid_price": [600.0, 599.5],
-        "bid_volume": [10, 3], "ask_price": [601.0], "ask_volume": [7], "simtrade": True}
+        "code": "2330",
+        "datetime": datetime.datetime(2024, 1, 2, 9, 0, 1),
+        "bid_price": [600.0, 599.5],
+        "bid_volume": [10, 3],
+        "ask_price": [601.0],
+        "ask_volume": [7],
+        "simtrade": True,
+    }
 
 
-@pytest.mark.parametrize("convert,message", [
-    (intraday_odd_tic_convert, None), (intraday_odd_tic_convert, ["2330"]),
-    (intraday_odd_tic_convert, dict(ODD_TICK, Close="high")), (intraday_odd_tic_convert, {"Close": 1}),
-    (intraday_odd_quo_convert, dict(ODD_QUOTE, AskPrice=None)), (intraday_odd_quo_convert, {"Code": 2330}),
-])
+@pytest.mark.parametrize(
+    "convert,message",
+    [
+        (intraday_odd_tic_convert, None),
+        (intraday_odd_tic_convert, ["2330"]),
+        (intraday_odd_tic_convert, dict(ODD_TICK, Close="high")),
+        (intraday_odd_tic_convert, {"Close": 1}),
+        (intraday_odd_quo_convert, dict(ODD_QUOTE, AskPrice=None)),
+        (intraday_odd_quo_convert, {"Code": 2330}),
+    ],
+)
 def test_odd_lot_conversion_refuses_other_shapes(convert, message):
     assert convert(message) is None
 

@@ -2,6 +2,8 @@ import inspect
 import warnings
 
 import pytest
+from pydantic import ValidationError
+
 import quorvex.account
 import quorvex.backend.solace.utils
 import quorvex.contracts
@@ -9,7 +11,6 @@ import quorvex.data
 import quorvex.order
 import quorvex.position
 import quorvex.reserve
-from pydantic import ValidationError
 from quorvex.account import Account, FutureAccount, StockAccount
 from quorvex.common import BaseModel
 from quorvex.constant import AccountType, FetchStatus, Status
@@ -20,13 +21,22 @@ from quorvex.position import ProfitLossSummaryTotal, ProfitLossTotal, StockPosit
 from quorvex.reserve import ErrorResponse, ReserveOrder
 from record_examples import ORDER, RECORDS, STOCK_ACCOUNT, TSMC, TXF
 
-RECORD_MODULES = [quorvex.account, quorvex.contracts, quorvex.order, quorvex.position, quorvex.data,
-                  quorvex.reserve, quorvex.backend.solace.utils]
+RECORD_MODULES = [
+    quorvex.account,
+    quorvex.contracts,
+    quorvex.order,
+    quorvex.position,
+    quorvex.data,
+    quorvex.reserve,
+    quorvex.backend.solace.utils,
+]
 
 
 def test_every_record_class_has_an_example():
     classes = {
-        obj for module in RECORD_MODULES for _, obj in inspect.getmembers(module, inspect.isclass)
+        obj
+        for module in RECORD_MODULES
+        for _, obj in inspect.getmembers(module, inspect.isclass)
         if issubclass(obj, BaseModel) and obj.__module__ == module.__name__
     }
     missing = classes - {type(record) for record in RECORDS}
@@ -55,20 +65,23 @@ def test_held_records_keep_their_class_after_a_round_trip():
     assert type(trade.order.account) is StockAccount
 
 
-@pytest.mark.parametrize("build,field", [
-    (lambda: Order(action="Hold", price=1, quantity=1), "action"),
-    (lambda: Order(action="Buy", price="cheap", quantity=1), "price"),
-    (lambda: Order(action="Buy", price=1, quantity=0), "quantity"),
-    (lambda: Order(action="Buy", price=1, quantity=1, ordertype="IOC"), "ordertype"),
-    (lambda: Stock(exchange="NYSE", code="1"), "exchange"),
-    (lambda: Account(account_type="S", broker_id="1"), "account_id"),
-    (lambda: Margin(equity="lots"), "equity"),
-    (lambda: StockPosition(id=1, code="2330", direction="Buy", cond="Credit"), "cond"),
-    (lambda: Trade(contract=TSMC, order=ORDER, status=OrderStatus(), note=1), "note"),
-    (lambda: ReserveOrder(share=0), "share"),
-    (lambda: Order(action="Buy", price=1, quantity=1, account={"account_type": ["S"]}), "account_type"),
-    (lambda: Trade(contract={"security_type": {}}, order=ORDER, status=OrderStatus()), "exchange"),
-])
+@pytest.mark.parametrize(
+    "build,field",
+    [
+        (lambda: Order(action="Hold", price=1, quantity=1), "action"),
+        (lambda: Order(action="Buy", price="cheap", quantity=1), "price"),
+        (lambda: Order(action="Buy", price=1, quantity=0), "quantity"),
+        (lambda: Order(action="Buy", price=1, quantity=1, ordertype="IOC"), "ordertype"),
+        (lambda: Stock(exchange="NYSE", code="1"), "exchange"),
+        (lambda: Account(account_type="S", broker_id="1"), "account_id"),
+        (lambda: Margin(equity="lots"), "equity"),
+        (lambda: StockPosition(id=1, code="2330", direction="Buy", cond="Credit"), "cond"),
+        (lambda: Trade(contract=TSMC, order=ORDER, status=OrderStatus(), note=1), "note"),
+        (lambda: ReserveOrder(share=0), "share"),
+        (lambda: Order(action="Buy", price=1, quantity=1, account={"account_type": ["S"]}), "account_type"),
+        (lambda: Trade(contract={"security_type": {}}, order=ORDER, status=OrderStatus()), "exchange"),
+    ],
+)
 def test_bad_values_name_the_field(build, field):
     with pytest.raises(ValidationError) as caught:
         build()
@@ -96,12 +109,17 @@ def test_account_type_compares_with_its_text():
     assert STOCK_ACCOUNT.account_type == "S" and STOCK_ACCOUNT.account_type == AccountType.Stock
 
 
-@pytest.mark.parametrize("placeholder,fill", [
-    (AccountBalance(status=FetchStatus.Fetching), {"acc_balance": 5, "date": "d", "errmsg": ""}),
-    (Margin(status=FetchStatus.Fetching), {"equity": 1, "unknown_margin_field": 2}),
-    (ProfitLossSummaryTotal(status=FetchStatus.Fetching),
-     {"profitloss_summary": [], "total": ProfitLossTotal()}),
-])
+@pytest.mark.parametrize(
+    "placeholder,fill",
+    [
+        (AccountBalance(status=FetchStatus.Fetching), {"acc_balance": 5, "date": "d", "errmsg": ""}),
+        (Margin(status=FetchStatus.Fetching), {"equity": 1, "unknown_margin_field": 2}),
+        (
+            ProfitLossSummaryTotal(status=FetchStatus.Fetching),
+            {"profitloss_summary": [], "total": ProfitLossTotal()},
+        ),
+    ],
+)
 def test_lazy_setter_fills_in_place_and_marks_fetched(placeholder, fill):
     placeholder.lazy_setter(**fill)
     assert placeholder.status is FetchStatus.Fetched
@@ -118,7 +136,7 @@ def test_lazy_setter_keeps_an_explicit_status_and_leaves_records_without_one():
     assert status.status is Status.Submitted
     bars = Kbars()
     bars.lazy_setter(ts=[1], Close=[2.0])
-    assert bars.Close == [2.0] and "status" not in bars.keys()
+    assert bars.Close == [2.0] and "status" not in bars.keys()  # noqa: SIM118 (iterating a model yields pairs)
 
 
 def test_lazy_setter_validates_values():
@@ -158,11 +176,15 @@ def test_small_records_take_their_fields_by_position():
 SECRET = "S3CR3T-SIGNATURE"
 
 
-@pytest.mark.parametrize("record", [
-    Order(action="Buy", price=1, quantity=1, ca=SECRET),
-    CASign(signature=SECRET, plain_text="t"),
-    ReserveOrder(1, CASign(SECRET, "t")),
-], ids=lambda r: type(r).__name__)
+@pytest.mark.parametrize(
+    "record",
+    [
+        Order(action="Buy", price=1, quantity=1, ca=SECRET),
+        CASign(signature=SECRET, plain_text="t"),
+        ReserveOrder(1, CASign(SECRET, "t")),
+    ],
+    ids=lambda r: type(r).__name__,
+)
 def test_signatures_stay_out_of_reprs(record):
     assert SECRET not in repr(record) and SECRET not in str(record)
     assert SECRET in str(record.dict())

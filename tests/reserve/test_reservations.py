@@ -1,8 +1,10 @@
 """Reserving stock and earmarking: signed requests, listings, refusals carried in `error`."""
+
 import datetime
 from types import SimpleNamespace
 
 import pytest
+
 from conftest import ok, refused
 from quorvex import reserve
 from quorvex.account import StockAccount
@@ -32,25 +34,50 @@ class Request:
         return getattr(api, self.method)(ACCOUNT, TSMC, *self.args, **kw)
 
     def signed_text(self):
-        return " | ".join(str(v) for v in (ACCOUNT, TSMC) + self.args)
+        return " | ".join(str(v) for v in (ACCOUNT, TSMC, *self.args))
 
 
 REQUESTS = [
     Request("reserve_stock", RESERVE, (2000,), {"share": 2000, "status": True, "info": "reserved"}),
-    Request("reserve_earmarking", EARMARK, (1000, 579),
-            {"share": 1000, "price": 579.0, "status": True, "info": "earmarked"}),
+    Request(
+        "reserve_earmarking",
+        EARMARK,
+        (1000, 579),
+        {"share": 1000, "price": 579.0, "status": True, "info": "earmarked"},
+    ),
 ]
 requests = pytest.mark.parametrize("request_", REQUESTS, ids=[r.method for r in REQUESTS])
 
 LISTINGS = [
-    ("stock_reserve_summary", SUMMARY, ReserveStockSummary,
-     [{"contract": TSMC.dict(), "available_share": 5000, "reserved_share": 2000},
-      {"contract": UMC.dict(), "available_share": 0, "reserved_share": 1000}]),
-    ("stock_reserve_detail", DETAIL, ReserveStockDetail,
-     [{"contract": TSMC.dict(), "share": 2000, "order_datetime": datetime.datetime(2026, 11, 20, 9, 1),
-       "status": True, "info": ""}]),
-    ("earmarking_detail", EARMARK_DETAIL, EarmarkStockDetail,
-     [{"contract": TSMC.dict(), "share": 1000, "price": 579.0, "amount": 579000.0, "status": True}]),
+    (
+        "stock_reserve_summary",
+        SUMMARY,
+        ReserveStockSummary,
+        [
+            {"contract": TSMC.dict(), "available_share": 5000, "reserved_share": 2000},
+            {"contract": UMC.dict(), "available_share": 0, "reserved_share": 1000},
+        ],
+    ),
+    (
+        "stock_reserve_detail",
+        DETAIL,
+        ReserveStockDetail,
+        [
+            {
+                "contract": TSMC.dict(),
+                "share": 2000,
+                "order_datetime": datetime.datetime(2026, 11, 20, 9, 1),
+                "status": True,
+                "info": "",
+            }
+        ],
+    ),
+    (
+        "earmarking_detail",
+        EARMARK_DETAIL,
+        EarmarkStockDetail,
+        [{"contract": TSMC.dict(), "share": 1000, "price": 579.0, "amount": 579000.0, "status": True}],
+    ),
 ]
 listings = pytest.mark.parametrize("method,topic,row,stocks", LISTINGS, ids=[x[0] for x in LISTINGS])
 
@@ -171,7 +198,7 @@ def test_empty_blocking_reply_is_a_timeout(signing_api, request_):
 @requests
 def test_signing_failure_sends_nothing(api, request_):
     def no_certificate(plain_text, account):
-        raise Exception("Please activate ca for person_id: A123456789")  # noqa: TRY002
+        raise Exception("Please activate ca for person_id: A123456789")
 
     api.prepare_casign = no_certificate
     with pytest.raises(Exception, match="activate ca"):

@@ -1,12 +1,14 @@
 """Password, token and simulation logins, logout, the trade-report switch and error tracking."""
+
 import datetime
 import types
 
 import msgpack
 import pytest
-from conftest import make_api, ok, refused
 from nacl.signing import SigningKey
 from pydantic import ValidationError
+
+from conftest import make_api, ok, refused
 from quorvex.error import ServiceError, TokenError
 
 PERSON = "A123456789"
@@ -66,17 +68,29 @@ def test_login_payload(api_module, simulation, password, hashed, sent):
     request = api.session.last()
     assert request.topic == "api/v1/auth/login" and request.corrid is None
     assert list(request.payload.items()) == [
-        ("person_id", PERSON), ("password", sent), ("simulation", simulation), ("hashed", True),
-        ("version", "0.1.0"), ("subscribe_trade", False),
+        ("person_id", PERSON),
+        ("password", sent),
+        ("simulation", simulation),
+        ("hashed", True),
+        ("version", "0.1.0"),
+        ("subscribe_trade", False),
     ]
 
 
 def test_login_connects_provisionally_then_installs_the_service_state(api, frozen):
-    api.session.reply(api.login_topic, ok({
-        "accounts": [account("F", "f1"), account("S", "s1"), account("S", "s2"), account("F", "f2")],
-        "token": "tok", "web_token": "web", "contract_download": True, "client_name": "assigned",
-        "ip_address": "10.1.2.3",
-    }))
+    api.session.reply(
+        api.login_topic,
+        ok(
+            {
+                "accounts": [account("F", "f1"), account("S", "s1"), account("S", "s2"), account("F", "f2")],
+                "token": "tok",
+                "web_token": "web",
+                "contract_download": True,
+                "client_name": "assigned",
+                "ip_address": "10.1.2.3",
+            }
+        ),
+    )
     accounts, contract_download, web_token = api.login(PERSON, "abc")
 
     assert after_construction(api) == ["connect", "request", "set_session", "set_client_name"]
@@ -87,7 +101,11 @@ def test_login_connects_provisionally_then_installs_the_service_state(api, froze
     assert (contract_download, web_token) == (True, "web")
     assert accounts is api.accounts is api.list_accounts()
     assert [(type(a).__name__, a.account_id) for a in accounts] == [
-        ("FutureAccount", "f1"), ("StockAccount", "s1"), ("StockAccount", "s2"), ("FutureAccount", "f2")]
+        ("FutureAccount", "f1"),
+        ("StockAccount", "s1"),
+        ("StockAccount", "s2"),
+        ("FutureAccount", "f2"),
+    ]
     assert api.default_stock_account is accounts[1] and api.default_futopt_account is accounts[0]
     assert (api._public_ip, api._person_id) == ("10.1.2.3", PERSON)
 
@@ -109,10 +127,12 @@ def test_login_calls_login_check_and_ignores_its_answer(api, api_module, monkeyp
 
 @pytest.mark.parametrize(
     "person_id, password, setup, error",
-    [(123, "abc", {}, "Argument 'person_id' has incorrect type (expected str, got int)"),
-     (PERSON, b"abc", {}, "Argument 'password' has incorrect type (expected str, got bytes)"),
-     (PERSON, "abc", None, "argument after ** must be a mapping, not NoneType"),
-     (PERSON, "abc", {"clientname": "x"}, "got multiple values for keyword argument 'clientname'")],
+    [
+        (123, "abc", {}, "Argument 'person_id' has incorrect type (expected str, got int)"),
+        (PERSON, b"abc", {}, "Argument 'password' has incorrect type (expected str, got bytes)"),
+        (PERSON, "abc", None, "argument after ** must be a mapping, not NoneType"),
+        (PERSON, "abc", {"clientname": "x"}, "got multiple values for keyword argument 'clientname'"),
+    ],
 )
 def test_bad_arguments_and_settings_fail_before_sending(api, person_id, password, setup, error):
     api.__sol_setup__ = setup
@@ -155,8 +175,13 @@ def test_token_login_signs_the_document_with_the_secret_seed(api, frozen):
     assert request.topic == "api/v1/auth/token_login" and list(request.payload) == ["msg", "sign"]
     raw = unb58(request.payload["msg"])
     assert list(msgpack.unpackb(raw).items()) == [
-        ("key", "api-key"), ("simulation", False), ("version", "0.1.0"), ("source", "pyqv"),
-        ("subscribe_trade", False), ("receive_window", 5000), ("ts", 1699894511.123456),
+        ("key", "api-key"),
+        ("simulation", False),
+        ("version", "0.1.0"),
+        ("source", "pyqv"),
+        ("subscribe_trade", False),
+        ("receive_window", 5000),
+        ("ts", 1699894511.123456),
     ]
     SigningKey(SEED).verify_key.verify(raw, unb58(request.payload["sign"]))
     assert api.session.calls[3][1]["clientname"] == "PYAPI/api-key/1113/165511/123456/LOGINING"
@@ -175,7 +200,7 @@ def test_token_login_is_deterministic_under_a_fixed_clock(api, frozen):
 
 @pytest.mark.parametrize("secret", ["0OIl", "3mJr7AoUXx2Wqd"])  # a bad character; a seed too short
 def test_an_unusable_secret_is_named_without_being_shown(api, secret):
-    with pytest.raises(ValueError) as error:
+    with pytest.raises(ValueError, match="secret key") as error:
         api.token_login("api-key", secret, True, 30000)
     assert "secret key" in str(error.value) and secret not in str(error.value)
     assert api.session.requests == []
@@ -199,8 +224,10 @@ def test_other_logins_refuse_credentials_of_the_wrong_type(api, call, error):
 
 
 def test_simulation_login_authenticates_with_the_callers_token(sim_api):
-    sim_api.session.reply(sim_api.simulation_login_topic, ok({
-        "accounts": [account("S", "s1")], "contract_download": True, "client_name": "sim", "token": "x"}))
+    sim_api.session.reply(
+        sim_api.simulation_login_topic,
+        ok({"accounts": [account("S", "s1")], "contract_download": True, "client_name": "sim", "token": "x"}),
+    )
     accounts, contract_download = sim_api.simulation_login("sim-token", PERSON, False)
     assert after_construction(sim_api) == ["connect", "set_session", "request", "set_client_name"]
     assert sim_api.session._token == "sim-token"
@@ -234,8 +261,11 @@ def test_subscribe_trade(api):
     assert api.subscribe_trade(stock, False) is True
     request = api.session.last()
     assert request.topic == "api/v1/auth/subscribe_trade"
-    assert list(request.payload.items()) == [("account", stock.dict()), ("subscribe_trade", False),
-                                             ("version", "0.1.0")]
+    assert list(request.payload.items()) == [
+        ("account", stock.dict()),
+        ("subscribe_trade", False),
+        ("version", "0.1.0"),
+    ]
     api.session.reply(api.subscribe_trade_topic, refused(400, "no such account"))
     with pytest.raises(ServiceError, match="no such account"):
         api.subscribe_trade(stock, True)

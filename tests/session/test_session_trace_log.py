@@ -1,7 +1,9 @@
 """The trace log: a login record before the first order report, then at most one order per second."""
+
 import types
 
 import pytest
+
 from conftest import ok
 from quorvex.account import StockAccount
 from quorvex.constant import Action, OrderType, PriceType, Status
@@ -28,8 +30,14 @@ def trade(status=Status.Submitted):
     account = StockAccount(broker_id="9A95", account_id="0001", person_id="A123456789")
     return Trade(
         contract=Stock(exchange="TSE", code="2330"),
-        order=Order(action=Action.Sell, price=580.0, quantity=2, account=account,
-                    price_type=PriceType.MKT, order_type=OrderType.IOC),
+        order=Order(
+            action=Action.Sell,
+            price=580.0,
+            quantity=2,
+            account=account,
+            price_type=PriceType.MKT,
+            order_type=OrderType.IOC,
+        ),
         status=OrderStatus(status=status),
     )
 
@@ -42,13 +50,22 @@ def test_first_report_is_preceded_by_the_login_record(traced, clock):
     assert traced.trace_log(trade()) is None
     login, order = sent(traced)
     assert login == {
-        "person_id": "A123456789", "account": None, "ip": "10.1.2.3", "action": "login", "func": "login",
-        "func_content": {}, "result": "S",
+        "person_id": "A123456789",
+        "account": None,
+        "ip": "10.1.2.3",
+        "action": "login",
+        "func": "login",
+        "func_content": {},
+        "result": "S",
     }
     assert order["action"] == order["func"] == "place_order"
     assert order["account"]["account_id"] == "0001" and order["ip"] == "10.1.2.3"
     assert list(order["func_content"].items()) == [
-        ("code", "2330"), ("action", "Sell"), ("price", 580.0), ("quantity", 2), ("price_type", "MKT"),
+        ("code", "2330"),
+        ("action", "Sell"),
+        ("price", 580.0),
+        ("quantity", 2),
+        ("price_type", "MKT"),
         ("order_type", "IOC"),
     ]
     assert traced._prev_trace_log_ts == START

@@ -4,6 +4,7 @@ import sys
 import types
 
 import pytest
+
 from quorvex.account import StockAccount
 from quorvex.constant import Action
 from quorvex.data import CASign
@@ -49,7 +50,7 @@ def raised_exactly(excinfo, text):
 
 
 def test_activation_needs_a_login_first(api, person_file):
-    with pytest.raises(Exception) as excinfo:
+    with pytest.raises(Exception, match="Login To Activate Ca") as excinfo:
         api.activate_ca(str(person_file), PASSWORD, PERSON)
     raised_exactly(excinfo, "Login To Activate Ca")
     assert api.activated_ca == {}
@@ -144,7 +145,7 @@ def test_another_persons_order_falls_back_to_the_logged_in_users_signer(
 def test_an_order_without_account_is_refused(logged_in, person_file):
     logged_in.activate_ca(str(person_file), PASSWORD, PERSON)
     order = order_for(None)
-    with pytest.raises(Exception) as excinfo:
+    with pytest.raises(Exception, match="not provide account") as excinfo:
         logged_in.prepare_ca(order)
     raised_exactly(excinfo, f"{order} not provide account.")
 
@@ -158,7 +159,7 @@ def test_an_order_without_account_is_refused(logged_in, person_file):
     ids=["prepare_ca", "prepare_casign"],
 )
 def test_signing_without_any_signer_asks_for_activation(logged_in, sign):
-    with pytest.raises(Exception) as excinfo:
+    with pytest.raises(Exception, match="Please activate ca") as excinfo:
         sign(logged_in)
     raised_exactly(excinfo, f"Please activate ca for person_id: {OTHER}")
 

@@ -2,6 +2,7 @@ import datetime
 import threading
 
 import pytest
+
 from quorvex.TWCA.ca import CASignError, PyTWCASign
 
 from .pki import PASSWORD, PERSON, PUBLIC_IP

@@ -43,7 +43,8 @@ void check_topic_filter(std::string_view filter) {
   check_common(filter, "topic filter");
   for_each_level(filter, [&](std::string_view level, bool last) {
     if (level == ">" && !last) {
-      throw TopicError("topic filter '" + std::string(filter) + "' has '>' before its last level; '>' may only end a filter");
+      throw TopicError("topic filter '" + std::string(filter) +
+                       "' has '>' before its last level; '>' may only end a filter");
     }
     return true;
   });

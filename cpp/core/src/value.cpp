@@ -202,7 +202,8 @@ std::int64_t Value::as_int() const {
 std::uint64_t Value::as_uint() const {
   if (auto p = std::get_if<std::uint64_t>(&data_)) return *p;
   if (auto p = std::get_if<std::int64_t>(&data_)) {
-    if (*p < 0) throw ValueError("integer " + std::to_string(*p) + " is negative, expected an unsigned integer");
+    if (*p < 0)
+      throw ValueError("integer " + std::to_string(*p) + " is negative, expected an unsigned integer");
     return static_cast<std::uint64_t>(*p);
   }
   wrong_kind("unsigned int", *this);
@@ -286,7 +287,8 @@ std::int64_t Value::get_int(std::string_view key, std::int64_t fallback) const {
   const Value& v = get(key);
   if (v.is_nil()) return fallback;
   if (v.kind() != Kind::Int) {
-    if (v.kind() == Kind::UInt) throw ValueError("entry '" + std::string(key) + "': integer out of signed 64-bit range");
+    if (v.kind() == Kind::UInt)
+      throw ValueError("entry '" + std::string(key) + "': integer out of signed 64-bit range");
     wrong_entry(key, "int", v);
   }
   return v.as_int();

@@ -23,7 +23,9 @@ int days_in_month(int y, int m) {
 
 constexpr std::int64_t kTaipeiOffsetSeconds = 8 * 3600;
 
-std::int64_t floor_div(std::int64_t a, std::int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
+std::int64_t floor_div(std::int64_t a, std::int64_t b) {
+  return a / b - ((a % b != 0) && ((a < 0) != (b < 0)));
+}
 
 }  // namespace
 

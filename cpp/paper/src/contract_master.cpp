@@ -82,8 +82,9 @@ Industry industry_for(int code) {
   }
   if (lead / 10 == 4) return {"22", "Biotech"};
   if (lead / 10 == 9) return {"20", "Industries"};
-  static constexpr Industry kElectronics[] = {{"24", "Semiconductor"}, {"25", "Computer"},   {"26", "Optronics"},
-                                              {"27", "Telecom"},       {"28", "Components"}, {"31", "Electronics"}};
+  static constexpr Industry kElectronics[] = {{"24", "Semiconductor"}, {"25", "Computer"},
+                                              {"26", "Optronics"},     {"27", "Telecom"},
+                                              {"28", "Components"},    {"31", "Electronics"}};
   return kElectronics[code % 6];
 }
 
@@ -96,7 +97,8 @@ Exchange exchange_for(int code, SeededRandom& rng) {
 
 std::string pad_code(int code, int width) {
   std::string text = std::to_string(code);
-  return std::string(static_cast<std::size_t>(std::max(0, width - static_cast<int>(text.size()))), '0') + text;
+  return std::string(static_cast<std::size_t>(std::max(0, width - static_cast<int>(text.size()))), '0') +
+         text;
 }
 
 Price ladder_price(TickLadder ladder, double value) {
@@ -111,8 +113,8 @@ void set_limits(Contract& c) {
   c.limit_down = limits.limit_down;
 }
 
-Contract make_stock(std::string code, Exchange exchange, std::string name, std::string category, TickLadder ladder,
-                    Price reference, const Date& day, SeededRandom& rng) {
+Contract make_stock(std::string code, Exchange exchange, std::string name, std::string category,
+                    TickLadder ladder, Price reference, const Date& day, SeededRandom& rng) {
   Contract c;
   c.security_type = SecurityType::Stock;
   c.exchange = exchange;
@@ -168,7 +170,8 @@ char year_digit(int year) { return static_cast<char>('0' + year % 10); }
 std::string two_digit_month(int month) { return pad_code(month, 2); }
 
 Contract make_future(const std::string& product, const std::string& product_name, const Delivery& d,
-                     const Contract& underlying, TickLadder ladder, std::int64_t multiplier, const Date& day) {
+                     const Contract& underlying, TickLadder ladder, std::int64_t multiplier,
+                     const Date& day) {
   Contract c;
   c.security_type = SecurityType::Future;
   c.exchange = Exchange::TAIFEX;
@@ -198,7 +201,8 @@ Price option_premium(double index, double strike, OptionRight right, double year
   return ladder_price(TickLadder::Option, intrinsic + 0.4 * spread * std::exp(-0.5 * distance * distance));
 }
 
-Contract make_option(const Delivery& d, int strike, OptionRight right, const Contract& index, const Date& day) {
+Contract make_option(const Delivery& d, int strike, OptionRight right, const Contract& index,
+                     const Date& day) {
   const bool put = right == OptionRight::Put;
   Contract c;
   c.security_type = SecurityType::Option;
@@ -264,8 +268,8 @@ ContractMaster::ContractMaster(const ContractMasterConfig& config) : trading_day
   auto& stocks = by_type_[static_cast<int>(SecurityType::Stock)];
   for (const DemoStock& demo : kDemoStocks) {
     stocks.push_back(make_stock(demo.code, Exchange::TSE, demo.name, demo.category,
-                                demo.etf ? TickLadder::Etf : TickLadder::Stock, *Price::parse(demo.reference), day,
-                                rng));
+                                demo.etf ? TickLadder::Etf : TickLadder::Stock, *Price::parse(demo.reference),
+                                day, rng));
   }
   for (Contract& c : stocks) {  // the demo set always allows every kind of trade
     c.day_trade = DayTrade::Yes;
@@ -281,8 +285,8 @@ ContractMaster::ContractMaster(const ContractMasterConfig& config) : trading_day
   }
   candidates.erase(std::remove_if(candidates.begin(), candidates.end(),
                                   [](const std::string& code) {
-                                    return std::find(std::begin(kDemoStockCodes), std::end(kDemoStockCodes), code) !=
-                                           std::end(kDemoStockCodes);
+                                    return std::find(std::begin(kDemoStockCodes), std::end(kDemoStockCodes),
+                                                     code) != std::end(kDemoStockCodes);
                                   }),
                    candidates.end());
   const std::size_t wanted_stocks = std::min(candidates.size(), size * 35 / 100);
@@ -394,15 +398,16 @@ std::size_t ContractMaster::size() const {
 Result<ContractPage> ContractMaster::page(SecurityType type, int page, int page_size) const {
   if (page_size < 1 || page_size > kMaxPageSize) {
     return refuse(RefusalCode::InvalidPageSize, "page_size " + std::to_string(page_size) +
-                                                    " is out of range; expected 1 to " + std::to_string(kMaxPageSize));
+                                                    " is out of range; expected 1 to " +
+                                                    std::to_string(kMaxPageSize));
   }
   const auto& list = contracts(type);
   const auto size = static_cast<std::size_t>(page_size);
   const int max_page = static_cast<int>((list.size() + size - 1) / size);
   if (page < 0 || page > max_page) {
-    return refuse(RefusalCode::PageOutOfRange, "page " + std::to_string(page) + " of " + std::string(to_text(type)) +
-                                                   " is out of range; expected 0 (probe) to " +
-                                                   std::to_string(max_page));
+    return refuse(RefusalCode::PageOutOfRange,
+                  "page " + std::to_string(page) + " of " + std::string(to_text(type)) +
+                      " is out of range; expected 0 (probe) to " + std::to_string(max_page));
   }
   ContractPage out;
   out.security_type = type;

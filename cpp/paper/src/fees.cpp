@@ -19,7 +19,8 @@ Money stock_fee(const FeeSchedule& fees, Money value, bool odd_lot) {
 }
 
 Money stock_sell_tax(const FeeSchedule& fees, Money value, bool etf) {
-  return floor_to(part_per_million(value, etf ? fees.etf_sell_tax_ppm : fees.stock_sell_tax_ppm), kCentsPerDollar);
+  return floor_to(part_per_million(value, etf ? fees.etf_sell_tax_ppm : fees.stock_sell_tax_ppm),
+                  kCentsPerDollar);
 }
 
 Money short_sale_fee(const FeeSchedule& fees, Money value) {
@@ -46,7 +47,8 @@ Money derivative_fee(const FeeSchedule& fees, const Contract& contract, Quantity
 
 Money derivative_tax(const FeeSchedule& fees, const Contract& contract, Price price, Quantity contracts) {
   const Money value = trade_value(price, contracts, contract.multiplier);
-  const std::int64_t ppm = contract.security_type == SecurityType::Option ? fees.option_tax_ppm : fees.future_tax_ppm;
+  const std::int64_t ppm =
+      contract.security_type == SecurityType::Option ? fees.option_tax_ppm : fees.future_tax_ppm;
   return (part_per_million(value, ppm) + kCentsPerDollar / 2) / kCentsPerDollar * kCentsPerDollar;
 }
 

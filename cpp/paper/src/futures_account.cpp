@@ -28,7 +28,9 @@ bool is_option(const Contract& c) { return c.security_type == SecurityType::Opti
 
 std::string_view to_text(FuturesOCType type) { return name_of(kOCTypes, type); }
 
-std::optional<FuturesOCType> futures_octype_from_text(std::string_view text) { return from_text(kOCTypes, text); }
+std::optional<FuturesOCType> futures_octype_from_text(std::string_view text) {
+  return from_text(kOCTypes, text);
+}
 
 FuturesAccountBook::Lot FuturesAccountBook::Lot::take(Quantity part) {
   Lot out = *this;
@@ -45,7 +47,8 @@ Quantity FuturesAccountBook::Position::quantity() const {
   return total;
 }
 
-FuturesAccountBook::FuturesAccountBook(std::string account, Money opening_balance, Date opening_day, FeeSchedule fees)
+FuturesAccountBook::FuturesAccountBook(std::string account, Money opening_balance, Date opening_day,
+                                       FeeSchedule fees)
     : account_(std::move(account)),
       fees_(fees),
       opening_balance_(opening_balance),
@@ -82,11 +85,12 @@ Money FuturesAccountBook::margin_needed(const Contract& c, Side side, Price pric
   return short_option_margin(c, price, c.initial_margin, mark) * opening;
 }
 
-Outcome FuturesAccountBook::reserve_for_order(OrderId order, const Contract& contract, Side side, FuturesOCType octype,
-                                              Price price, Quantity quantity, const MarkPrice& mark, Date today) {
+Outcome FuturesAccountBook::reserve_for_order(OrderId order, const Contract& contract, Side side,
+                                              FuturesOCType octype, Price price, Quantity quantity,
+                                              const MarkPrice& mark, Date today) {
   if (quantity <= 0) {
-    return refuse(RefusalCode::InvalidQuantity,
-                  "an order of " + std::to_string(quantity) + " contracts holds nothing; expected at least 1 contract");
+    return refuse(RefusalCode::InvalidQuantity, "an order of " + std::to_string(quantity) +
+                                                    " contracts holds nothing; expected at least 1 contract");
   }
   Quantity reserved = 0;
   for (const auto& [id, hold] : holds_) {
@@ -95,8 +99,9 @@ Outcome FuturesAccountBook::reserve_for_order(OrderId order, const Contract& con
   const Quantity free = open_quantity(contract.code, opposite(side)) - reserved;
   if (octype == FuturesOCType::Cover && quantity > free) {
     return refuse(RefusalCode::InsufficientHoldings,
-                  "covering " + std::to_string(quantity) + " contracts of " + contract.code + " needs an opposite " +
-                      "position that large; expected at most " + std::to_string(std::max<Quantity>(free, 0)));
+                  "covering " + std::to_string(quantity) + " contracts of " + contract.code +
+                      " needs an opposite " + "position that large; expected at most " +
+                      std::to_string(std::max<Quantity>(free, 0)));
   }
   Hold hold{contract.code, side, quantity, std::min(quantity, std::max<Quantity>(free, 0)), 0};
   hold.funds = margin_needed(contract, side, price, quantity - hold.offset, mark);
@@ -125,9 +130,9 @@ void FuturesAccountBook::use_hold(OrderId order, Quantity quantity) {
 
 Result<FuturesFillOutcome> FuturesAccountBook::apply_fill(const Contract& contract, const FuturesFill& fill) {
   if (fill.quantity <= 0 || !fill.price.is_positive()) {
-    return refuse(RefusalCode::InvalidQuantity, "a fill of " + std::to_string(fill.quantity) + " contracts at " +
-                                                    fill.price.to_string() +
-                                                    " cannot be booked; expected positive quantity and price");
+    return refuse(RefusalCode::InvalidQuantity,
+                  "a fill of " + std::to_string(fill.quantity) + " contracts at " + fill.price.to_string() +
+                      " cannot be booked; expected positive quantity and price");
   }
   const Side closing_side = opposite(fill.side);
   const Quantity held = open_quantity(contract.code, closing_side);
@@ -170,7 +175,8 @@ Result<FuturesFillOutcome> FuturesAccountBook::apply_fill(const Contract& contra
       Lot& oldest = p.lots.front();
       const Lot part = oldest.take(std::min(left, oldest.quantity));
       if (oldest.quantity == 0) p.lots.erase(p.lots.begin());
-      const Money gross = signed_move(closing_side, part.price, fill.price, part.quantity, contract.multiplier);
+      const Money gross =
+          signed_move(closing_side, part.price, fill.price, part.quantity, contract.multiplier);
       out.realised += gross;
       FutureProfitDetail d;
       d.date = part.date;
@@ -224,13 +230,14 @@ Outcome FuturesAccountBook::deposit(Money amount, Date today) {
 
 Outcome FuturesAccountBook::withdraw(Money amount, const MarkPrice& mark, Date today) {
   if (amount <= 0) {
-    return refuse(RefusalCode::InvalidAmount,
-                  "a withdrawal of " + money_text(amount) + " TWD is not possible; expected a positive amount");
+    return refuse(RefusalCode::InvalidAmount, "a withdrawal of " + money_text(amount) +
+                                                  " TWD is not possible; expected a positive amount");
   }
   const Money available = margin(mark, today).available_margin;
   if (amount > available) {
-    return refuse(RefusalCode::InsufficientFunds, "a withdrawal of " + money_text(amount) + " TWD exceeds the " +
-                                                      money_text(available) + " TWD of available margin");
+    return refuse(RefusalCode::InsufficientFunds, "a withdrawal of " + money_text(amount) +
+                                                      " TWD exceeds the " + money_text(available) +
+                                                      " TWD of available margin");
   }
   deposit_withdrawal_ -= amount;
   return std::nullopt;
@@ -276,9 +283,9 @@ MarginSheet FuturesAccountBook::margin(const MarkPrice& mark, Date today) {
   for (const auto& [order, hold] : holds_) m.order_margin_premium += hold.funds;
   m.available_margin = m.equity_amount - m.initial_margin - m.order_margin_premium;
   m.margin_call = m.equity_amount < m.maintenance_margin ? m.initial_margin - m.equity_amount : 0;
-  m.risk_indicator = m.initial_margin > 0
-                         ? static_cast<double>(m.equity_amount) * 100.0 / static_cast<double>(m.initial_margin)
-                         : kNothingOpenRiskIndicator;
+  m.risk_indicator = m.initial_margin > 0 ? static_cast<double>(m.equity_amount) * 100.0 /
+                                                static_cast<double>(m.initial_margin)
+                                          : kNothingOpenRiskIndicator;
   return m;
 }
 
@@ -296,7 +303,8 @@ std::vector<FuturePosition> FuturesAccountBook::positions(const MarkPrice& mark)
     const std::optional<Price> marked = mark_of(mark, row.code);
     row.last_price = marked.value_or(Price::from_double(row.price));
     for (const Lot& lot : p.lots) {
-      row.pnl += signed_move(p.direction, lot.price, marked.value_or(lot.price), lot.quantity, p.contract.multiplier);
+      row.pnl += signed_move(p.direction, lot.price, marked.value_or(lot.price), lot.quantity,
+                             p.contract.multiplier);
     }
     out.push_back(std::move(row));
   }
@@ -330,7 +338,8 @@ std::vector<FutureProfitLoss> FuturesAccountBook::profit_loss(Date begin, Date e
   return rows_between(realised_, begin, end);
 }
 
-Result<std::vector<FutureProfitDetail>> FuturesAccountBook::profit_loss_detail(std::uint64_t profit_loss_id) const {
+Result<std::vector<FutureProfitDetail>> FuturesAccountBook::profit_loss_detail(
+    std::uint64_t profit_loss_id) const {
   return details_of(realised_, profit_loss_id, account_);
 }
 

@@ -34,8 +34,9 @@ template <typename Realised>
 Result<decltype(Realised::details)> details_of(const std::vector<Realised>& realised, std::uint64_t id,
                                                const std::string& account) {
   if (id == 0 || id > realised.size()) {
-    return refuse(RefusalCode::UnknownPosition, "profit and loss " + std::to_string(id) + " is not known in account " +
-                                                    account + "; expected the id of a listed item");
+    return refuse(RefusalCode::UnknownPosition, "profit and loss " + std::to_string(id) +
+                                                    " is not known in account " + account +
+                                                    "; expected the id of a listed item");
   }
   return realised[id - 1].details;
 }
@@ -43,12 +44,13 @@ Result<decltype(Realised::details)> details_of(const std::vector<Realised>& real
 // `what` ("the order", "earmarking") needs more than the account has free.
 inline Refusal insufficient_funds(const std::string& what, Money needed, Money available) {
   return refuse(RefusalCode::InsufficientFunds, what + " needs " + money_text(needed) + " TWD and " +
-                                                    money_text(available) + " TWD is available; expected less");
+                                                    money_text(available) +
+                                                    " TWD is available; expected less");
 }
 
 inline Refusal unknown_position(std::uint64_t id, const std::string& account) {
-  return refuse(RefusalCode::UnknownPosition, "position " + std::to_string(id) + " is not open in account " + account +
-                                                  "; expected the id of a listed position");
+  return refuse(RefusalCode::UnknownPosition, "position " + std::to_string(id) + " is not open in account " +
+                                                  account + "; expected the id of a listed position");
 }
 
 }  // namespace quorvex::paper

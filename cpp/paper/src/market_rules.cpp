@@ -56,7 +56,9 @@ std::string_view to_text(TickLadder ladder) {
   return "Unknown";
 }
 
-Price tick_size(TickLadder ladder, Price price) { return Price::from_units(tick_units(ladder, price.units())); }
+Price tick_size(TickLadder ladder, Price price) {
+  return Price::from_units(tick_units(ladder, price.units()));
+}
 
 Price tick_size_below(TickLadder ladder, Price price) {
   return Price::from_units(tick_units(ladder, price.units() - 1));
@@ -113,7 +115,8 @@ PriceLimits price_limits(TickLadder ladder, Price reference, int percent) {
   const std::int64_t r = reference.units();
   const std::int64_t up = r * (100 + percent) / 100;
   const std::int64_t down = (r * (100 - percent) + 99) / 100;
-  return {round_up_to_ladder(ladder, Price::from_units(down)), round_down_to_ladder(ladder, Price::from_units(up))};
+  return {round_up_to_ladder(ladder, Price::from_units(down)),
+          round_down_to_ladder(ladder, Price::from_units(up))};
 }
 
 PriceLimits option_price_limits(Price reference, Price underlying_reference, int percent) {

@@ -28,7 +28,8 @@ std::uint64_t text_hash(std::string_view text) {
 }  // namespace
 
 struct MatchingEngine::BookState {
-  BookState(BookRules rules, std::uint64_t seed, Quantity unit) : book(std::move(rules)), rng(seed), unit(unit) {}
+  BookState(BookRules rules, std::uint64_t seed, Quantity unit)
+      : book(std::move(rules)), rng(seed), unit(unit) {}
   OrderBook book;
   SeededRandom rng;
   Quantity unit;
@@ -53,8 +54,9 @@ Result<MatchingEngine::BookState*> MatchingEngine::open_book(const std::string& 
   if (const auto it = books_.find(book_key(code, board)); it != books_.end()) return it->second.get();
   const Contract* contract = contracts_.find(code);
   if (contract == nullptr) {
-    return refuse(RefusalCode::UnknownContract,
-                  "contract " + code + " is not in the contract master; expected a stock, future or option code");
+    return refuse(
+        RefusalCode::UnknownContract,
+        "contract " + code + " is not in the contract master; expected a stock, future or option code");
   }
   const std::string key = book_key(contract->code, board);
   if (const auto it = books_.find(key); it != books_.end()) return it->second.get();
@@ -96,8 +98,8 @@ void MatchingEngine::replenish(BookState& state) {
       ticket.board = rules.board;
       ticket.side = side;
       ticket.price = price;
-      ticket.quantity =
-          odd ? state.rng.between(10, state.unit - 1) : state.rng.between(profile.min_quantity, profile.max_quantity);
+      ticket.quantity = odd ? state.rng.between(10, state.unit - 1)
+                            : state.rng.between(profile.min_quantity, profile.max_quantity);
       const OrderId id = kSyntheticIdBase + ++last_synthetic_id_;
       if (!book.submit(id, ticket, now, queue_, true)) mine.push_back(id);
     }
@@ -187,7 +189,8 @@ void MatchingEngine::prune_finished() {
 Result<OrderReceipt> MatchingEngine::conclude(std::unique_lock<std::mutex>& lock, BookState* book, OrderId id,
                                               Outcome refused) {
   settle_events(book);
-  Result<OrderReceipt> result = refused ? Result<OrderReceipt>(*std::move(refused)) : Result<OrderReceipt>(receipt(id));
+  Result<OrderReceipt> result =
+      refused ? Result<OrderReceipt>(*std::move(refused)) : Result<OrderReceipt>(receipt(id));
   prune_finished();
   lock.unlock();
   deliver();
@@ -210,9 +213,10 @@ Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optio
   const Timestamp now = clock_now();
   std::unique_lock lock(mutex_);
   if (issued && issued_.erase(*issued) == 0) {
-    return refuse(RefusalCode::DuplicateOrder, "order id " + std::to_string(*issued) +
-                                                   " was not issued or has been placed already; expected an id "
-                                                   "from issue_order_id, used once");
+    return refuse(RefusalCode::DuplicateOrder,
+                  "order id " + std::to_string(*issued) +
+                      " was not issued or has been placed already; expected an id "
+                      "from issue_order_id, used once");
   }
   const OrderId id = issued ? *issued : ++last_order_id_;
   Entry& entry = records_[id];
@@ -237,16 +241,18 @@ Result<OrderReceipt> MatchingEngine::place(const OrderTicket& ticket, std::optio
 }
 
 Outcome MatchingEngine::refuse_finished(OrderId id, OrderOperation op, const OrderRecord& r) {
-  Refusal refusal = refuse(RefusalCode::NothingToCancel, "order " + order_ordno(id) + " is already " +
-                                                             std::string(to_text(r.status)) + "; nothing left to " +
-                                                             (op == OrderOperation::Cancel ? "cancel" : "change"));
+  Refusal refusal = refuse(RefusalCode::NothingToCancel,
+                           "order " + order_ordno(id) + " is already " + std::string(to_text(r.status)) +
+                               "; nothing left to " + (op == OrderOperation::Cancel ? "cancel" : "change"));
   OrderTicket t = r.ticket;
   t.price = r.modified_price.is_zero() ? r.ticket.price : r.modified_price;
   t.quantity = 0;
   return queue_.add_refusal(op, id, t, std::move(refusal), clock_now());
 }
 
-Result<OrderReceipt> MatchingEngine::cancel(OrderId id) { return modify(id, OrderOperation::Cancel, Price(), 0); }
+Result<OrderReceipt> MatchingEngine::cancel(OrderId id) {
+  return modify(id, OrderOperation::Cancel, Price(), 0);
+}
 
 Result<OrderReceipt> MatchingEngine::change_price(OrderId id, Price price) {
   return modify(id, OrderOperation::ChangePrice, price, 0);
@@ -260,8 +266,9 @@ Result<OrderReceipt> MatchingEngine::modify(OrderId id, OrderOperation op, Price
   std::unique_lock lock(mutex_);
   const auto record = records_.find(id);
   if (record == records_.end()) {
-    return refuse(RefusalCode::UnknownOrder,
-                  "order id " + std::to_string(id) + " is not known to the broker; expected the id of a placed order");
+    return refuse(
+        RefusalCode::UnknownOrder,
+        "order id " + std::to_string(id) + " is not known to the broker; expected the id of a placed order");
   }
   Outcome refused;
   BookState* book = record->second.book;
@@ -334,9 +341,10 @@ std::vector<OrderRecord> MatchingEngine::orders_of(std::string_view account) con
 Result<BookSnapshot> MatchingEngine::book(std::string_view code, Board board, std::size_t depth) const {
   const Contract* contract = contracts_.find(code);
   if (contract == nullptr) {
-    return refuse(RefusalCode::UnknownContract, "contract " + std::string(code) +
-                                                    " is not in the contract master; expected a stock, future or "
-                                                    "option code");
+    return refuse(RefusalCode::UnknownContract,
+                  "contract " + std::string(code) +
+                      " is not in the contract master; expected a stock, future or "
+                      "option code");
   }
   Result<BookRules> rules = book_rules(*contract, board);
   if (!rules) return rules.refusal();

@@ -10,8 +10,10 @@ constexpr EnumNames<PriceType, 3> kPriceTypes{
     {{PriceType::Limit, "LMT"}, {PriceType::Market, "MKT"}, {PriceType::MarketRange, "MKP"}}};
 constexpr EnumNames<OrderType, 3> kOrderTypes{
     {{OrderType::ROD, "ROD"}, {OrderType::IOC, "IOC"}, {OrderType::FOK, "FOK"}}};
-constexpr EnumNames<Board, 4> kBoards{
-    {{Board::Common, "Common"}, {Board::Odd, "Odd"}, {Board::IntradayOdd, "IntradayOdd"}, {Board::Fixing, "Fixing"}}};
+constexpr EnumNames<Board, 4> kBoards{{{Board::Common, "Common"},
+                                       {Board::Odd, "Odd"},
+                                       {Board::IntradayOdd, "IntradayOdd"},
+                                       {Board::Fixing, "Fixing"}}};
 constexpr EnumNames<Status, 5> kStatuses{{{Status::Submitted, "Submitted"},
                                           {Status::PartFilled, "PartFilled"},
                                           {Status::Filled, "Filled"},

@@ -10,7 +10,8 @@ std::string quantity_text(Quantity q, const std::string& unit) { return std::to_
 
 }  // namespace
 
-Refusal EventQueue::add_refusal(OrderOperation op, OrderId id, const OrderTicket& t, Refusal refusal, Timestamp now) {
+Refusal EventQueue::add_refusal(OrderOperation op, OrderId id, const OrderTicket& t, Refusal refusal,
+                                Timestamp now) {
   OrderEvent& e = add();
   e.kind = OrderEventKind::Refused;
   e.operation = op;
@@ -29,8 +30,9 @@ Refusal EventQueue::add_refusal(OrderOperation op, OrderId id, const OrderTicket
 
 Result<BookRules> book_rules(const Contract& contract, Board board) {
   if (!contract.tradable()) {
-    return refuse(RefusalCode::UnknownContract,
-                  "contract " + contract.code + " is an index and does not trade; expected a stock, future or option");
+    return refuse(
+        RefusalCode::UnknownContract,
+        "contract " + contract.code + " is an index and does not trade; expected a stock, future or option");
   }
   BookRules rules;
   rules.code = contract.code;
@@ -88,7 +90,8 @@ Outcome OrderBook::check_price(Price price) const {
     const Price tick = tick_size(rules_.ladder, price);
     return refuse(RefusalCode::PriceOffLadder,
                   "price " + price.to_string() + " is not on the tick ladder; expected a multiple of " +
-                      tick.to_string() + " such as " + round_down_to_ladder(rules_.ladder, price).to_string() + " or " +
+                      tick.to_string() + " such as " +
+                      round_down_to_ladder(rules_.ladder, price).to_string() + " or " +
                       round_up_to_ladder(rules_.ladder, price).to_string());
   }
   if (!rules_.limits.contains(price)) {
@@ -103,9 +106,10 @@ Outcome OrderBook::validate(const OrderTicket& t) const {
   const bool market = t.price_type != PriceType::Limit;
   const Quantity max = market ? rules_.max_market_quantity : rules_.max_quantity;
   if (t.quantity <= 0 || t.quantity > max) {
-    return refuse(RefusalCode::InvalidQuantity, "quantity " + std::to_string(t.quantity) + " is not allowed on the " +
-                                                    std::string(to_text(rules_.board)) + " board; expected 1 to " +
-                                                    quantity_text(max, rules_.quantity_unit));
+    return refuse(RefusalCode::InvalidQuantity,
+                  "quantity " + std::to_string(t.quantity) + " is not allowed on the " +
+                      std::string(to_text(rules_.board)) + " board; expected 1 to " +
+                      quantity_text(max, rules_.quantity_unit));
   }
   if (market && !rules_.market_orders) {
     return refuse(RefusalCode::OrderTypeNotAllowed, "the " + std::string(to_text(rules_.board)) +
@@ -128,17 +132,18 @@ Outcome OrderBook::validate(const OrderTicket& t) const {
   return std::nullopt;
 }
 
-Outcome OrderBook::refuse_not_resting(OrderOperation op, OrderId id, Price price, Quantity quantity, Timestamp now,
-                                      EventQueue& queue) const {
+Outcome OrderBook::refuse_not_resting(OrderOperation op, OrderId id, Price price, Quantity quantity,
+                                      Timestamp now, EventQueue& queue) const {
   OrderTicket t;
   t.code = rules_.code;
   t.board = rules_.board;
   t.price = price;
   t.quantity = quantity;
-  return queue.add_refusal(op, id, t,
-                           refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " +
-                                                                 rules_.code + " book; expected a working order"),
-                           now);
+  return queue.add_refusal(
+      op, id, t,
+      refuse(RefusalCode::UnknownOrder, "order " + std::to_string(id) + " is not resting in the " +
+                                            rules_.code + " book; expected a working order"),
+      now);
 }
 
 OrderEvent& OrderBook::event_for(OrderEventKind kind, OrderOperation op, const Slot& s, Timestamp now,
@@ -166,14 +171,16 @@ Outcome OrderBook::refuse_live(OrderOperation op, std::uint32_t slot, Refusal re
   return refusal;
 }
 
-Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, EventQueue& queue, bool synthetic) {
+Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, EventQueue& queue,
+                          bool synthetic) {
   if (Outcome refused = validate(t)) return queue.add_refusal(OrderOperation::Place, id, t, *refused, now);
   const auto [entry, added] = index_.try_emplace(id, kNil);
   if (!added) {
-    return queue.add_refusal(OrderOperation::Place, id, t,
-                             refuse(RefusalCode::DuplicateOrder,
-                                    "order id " + std::to_string(id) + " is already in the book; expected a new id"),
-                             now);
+    return queue.add_refusal(
+        OrderOperation::Place, id, t,
+        refuse(RefusalCode::DuplicateOrder,
+               "order id " + std::to_string(id) + " is already in the book; expected a new id"),
+        now);
   }
   const std::uint32_t slot = allocate();
   entry->second = slot;
@@ -214,9 +221,10 @@ Outcome OrderBook::submit(OrderId id, const OrderTicket& t, Timestamp now, Event
     OrderEvent& e = event_for(OrderEventKind::Cancelled, OrderOperation::Place, after, now, queue);
     e.quantity = after.remaining;
     e.remaining = 0;
-    e.text = std::string(t.price_type == PriceType::Limit ? to_text(t.order_type) : std::string_view("market")) +
-             " order left " + quantity_text(after.remaining, rules_.quantity_unit) +
-             " unfilled: no more orders at acceptable prices";
+    e.text =
+        std::string(t.price_type == PriceType::Limit ? to_text(t.order_type) : std::string_view("market")) +
+        " order left " + quantity_text(after.remaining, rules_.quantity_unit) +
+        " unfilled: no more orders at acceptable prices";
     index_.erase(id);
     release(slot);
   }
@@ -241,12 +249,14 @@ Outcome OrderBook::change_price(OrderId id, Price price, Timestamp now, EventQue
   const auto it = index_.find(id);
   if (it == index_.end()) return refuse_not_resting(OrderOperation::ChangePrice, id, price, 0, now, queue);
   const std::uint32_t slot = it->second;
-  if (Outcome refused = check_price(price)) return refuse_live(OrderOperation::ChangePrice, slot, *refused, now, queue);
+  if (Outcome refused = check_price(price))
+    return refuse_live(OrderOperation::ChangePrice, slot, *refused, now, queue);
   if (price == slots_[slot].price) {
-    return refuse_live(OrderOperation::ChangePrice, slot,
-                       refuse(RefusalCode::PriceChangeNotAllowed,
-                              "the order's price is already " + price.to_string() + "; expected a different price"),
-                       now, queue);
+    return refuse_live(
+        OrderOperation::ChangePrice, slot,
+        refuse(RefusalCode::PriceChangeNotAllowed,
+               "the order's price is already " + price.to_string() + "; expected a different price"),
+        now, queue);
   }
   unlink(slot);
   slots_[slot].price = price;
@@ -264,14 +274,15 @@ Outcome OrderBook::change_price(OrderId id, Price price, Timestamp now, EventQue
 
 Outcome OrderBook::reduce_quantity(OrderId id, Quantity by, Timestamp now, EventQueue& queue) {
   const auto it = index_.find(id);
-  if (it == index_.end()) return refuse_not_resting(OrderOperation::ReduceQuantity, id, Price(), by, now, queue);
+  if (it == index_.end())
+    return refuse_not_resting(OrderOperation::ReduceQuantity, id, Price(), by, now, queue);
   const std::uint32_t slot = it->second;
   Slot& s = slots_[slot];
   if (by <= 0) {
     return refuse_live(OrderOperation::ReduceQuantity, slot,
-                       refuse(RefusalCode::InvalidQuantity, "a reduction of " + std::to_string(by) +
-                                                                " is not allowed; expected 1 to " +
-                                                                quantity_text(s.remaining, rules_.quantity_unit)),
+                       refuse(RefusalCode::InvalidQuantity,
+                              "a reduction of " + std::to_string(by) + " is not allowed; expected 1 to " +
+                                  quantity_text(s.remaining, rules_.quantity_unit)),
                        now, queue);
   }
   if (by > s.remaining) {
@@ -323,7 +334,8 @@ Quantity OrderBook::available_against(Side side, Price limit, Quantity wanted) c
   return available;
 }
 
-void OrderBook::match(std::uint32_t incoming, Price limit, Timestamp now, OrderOperation op, EventQueue& queue) {
+void OrderBook::match(std::uint32_t incoming, Price limit, Timestamp now, OrderOperation op,
+                      EventQueue& queue) {
   const Side side = slots_[incoming].side;
   while (slots_[incoming].remaining > 0) {
     const std::int32_t level = side == Side::Buy ? best_ask_ : best_bid_;
@@ -437,7 +449,8 @@ std::int32_t OrderBook::next_occupied_up(std::int32_t from) const {
   std::uint64_t bits = occupied_[word] & (~0ULL << (from & 63));
   while (true) {
     if (bits != 0) {
-      const auto level = static_cast<std::int32_t>(word * 64 + static_cast<std::size_t>(__builtin_ctzll(bits)));
+      const auto level =
+          static_cast<std::int32_t>(word * 64 + static_cast<std::size_t>(__builtin_ctzll(bits)));
       return level < static_cast<std::int32_t>(levels_.size()) ? level : -1;
     }
     if (++word >= occupied_.size()) return -1;
@@ -450,7 +463,8 @@ std::int32_t OrderBook::next_occupied_down(std::int32_t from) const {
   auto word = static_cast<std::size_t>(from) >> 6;
   std::uint64_t bits = occupied_[word] & (~0ULL >> (63 - (from & 63)));
   while (true) {
-    if (bits != 0) return static_cast<std::int32_t>(word * 64 + 63 - static_cast<std::size_t>(__builtin_clzll(bits)));
+    if (bits != 0)
+      return static_cast<std::int32_t>(word * 64 + 63 - static_cast<std::size_t>(__builtin_clzll(bits)));
     if (word == 0) return -1;
     bits = occupied_[--word];
   }

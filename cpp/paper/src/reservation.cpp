@@ -17,21 +17,24 @@ Result<StockReservation> ReservationDesk::reserve_stock(const std::string& accou
                                                         Quantity shares, Timestamp now) {
   const Contract* c = contracts_.find(code);
   if (c == nullptr || c->security_type != SecurityType::Stock) {
-    return refuse(RefusalCode::UnknownContract, "contract " + code + " is not a listed stock; expected a stock code");
+    return refuse(RefusalCode::UnknownContract,
+                  "contract " + code + " is not a listed stock; expected a stock code");
   }
   if (shares <= 0 || shares % c->unit != 0) {
-    return refuse(RefusalCode::InvalidQuantity, "reserving " + std::to_string(shares) + " shares of " + c->code +
+    return refuse(RefusalCode::InvalidQuantity, "reserving " + std::to_string(shares) + " shares of " +
+                                                    c->code +
                                                     " is not possible; expected a positive multiple of " +
                                                     std::to_string(c->unit) + " shares");
   }
   if (!c->short_selling) {
-    return refuse(RefusalCode::ShortSellingNotAllowed,
-                  c->code + " cannot be sold short, so it cannot be reserved; expected a stock open to short selling");
+    return refuse(
+        RefusalCode::ShortSellingNotAllowed,
+        c->code + " cannot be sold short, so it cannot be reserved; expected a stock open to short selling");
   }
   const Quantity available = available_to_reserve(c->code);
   if (shares > available) {
-    return refuse(RefusalCode::ReservationUnavailable, "only " + std::to_string(available) + " shares of " + c->code +
-                                                           " can still be reserved; asked for " +
+    return refuse(RefusalCode::ReservationUnavailable, "only " + std::to_string(available) + " shares of " +
+                                                           c->code + " can still be reserved; asked for " +
                                                            std::to_string(shares));
   }
   StockReservation r;
@@ -57,8 +60,8 @@ Outcome ReservationDesk::use(const std::string& account, const std::string& code
   const Quantity free = h == nullptr ? 0 : h->reserved - h->used;
   if (shares <= 0 || shares > free) {
     return refuse(RefusalCode::ReservationUnavailable, "account " + account + " has " + std::to_string(free) +
-                                                           " reserved shares of " + code + " free; asked to use " +
-                                                           std::to_string(shares));
+                                                           " reserved shares of " + code +
+                                                           " free; asked to use " + std::to_string(shares));
   }
   h->used += shares;
   return std::nullopt;

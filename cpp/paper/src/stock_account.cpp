@@ -24,7 +24,9 @@ std::string_view to_text(Unit unit) { return unit == Unit::Common ? "Common" : "
 
 std::string_view to_text(StockOrderCond cond) { return name_of(kConds, cond); }
 
-std::optional<StockOrderCond> stock_order_cond_from_text(std::string_view text) { return from_text(kConds, text); }
+std::optional<StockOrderCond> stock_order_cond_from_text(std::string_view text) {
+  return from_text(kConds, text);
+}
 
 StockAccountBook::Lot StockAccountBook::Lot::take(Quantity part) {
   Lot out = *this;
@@ -45,7 +47,8 @@ Quantity StockAccountBook::Holding::shares() const {
   return total;
 }
 
-StockAccountBook::StockAccountBook(std::string account, Money opening_cash, Date opening_day, FeeSchedule fees)
+StockAccountBook::StockAccountBook(std::string account, Money opening_cash, Date opening_day,
+                                   FeeSchedule fees)
     : account_(std::move(account)), fees_(fees), opening_cash_(opening_cash), today_(opening_day) {}
 
 void StockAccountBook::roll_to(Date day) {
@@ -80,11 +83,11 @@ Money StockAccountBook::funds_needed(Side side, StockOrderCond cond, Money value
   return value - loan + stock_fee(fees_, value, odd_lot);
 }
 
-Outcome StockAccountBook::reserve_for_order(OrderId order, const Contract& contract, Side side, StockOrderCond cond,
-                                            Price price, Quantity shares) {
+Outcome StockAccountBook::reserve_for_order(OrderId order, const Contract& contract, Side side,
+                                            StockOrderCond cond, Price price, Quantity shares) {
   if (shares <= 0) {
-    return refuse(RefusalCode::InvalidQuantity,
-                  "an order of " + std::to_string(shares) + " shares holds nothing; expected at least 1 share");
+    return refuse(RefusalCode::InvalidQuantity, "an order of " + std::to_string(shares) +
+                                                    " shares holds nothing; expected at least 1 share");
   }
   if (cond == StockOrderCond::MarginTrading && !contract.margin_trading) {
     return refuse(RefusalCode::MarginTradingNotAllowed,
@@ -169,10 +172,10 @@ Result<StockFillOutcome> StockAccountBook::apply_fill(const StockFill& fill) {
     const auto it = holdings_.find({fill.code, fill.cond});
     const Quantity owned = it == holdings_.end() ? 0 : it->second.shares();
     if (fill.shares > owned) {
-      return refuse(RefusalCode::InsufficientHoldings, "a fill closing " + std::to_string(fill.shares) + " shares of " +
-                                                           fill.code + " (" + std::string(to_text(fill.cond)) +
-                                                           ") finds only " + std::to_string(owned) +
-                                                           " held; expected at most that many");
+      return refuse(RefusalCode::InsufficientHoldings,
+                    "a fill closing " + std::to_string(fill.shares) + " shares of " + fill.code + " (" +
+                        std::string(to_text(fill.cond)) + ") finds only " + std::to_string(owned) +
+                        " held; expected at most that many");
     }
     Holding& h = it->second;
     const bool is_short = fill.cond == StockOrderCond::ShortSelling;
@@ -334,7 +337,8 @@ std::vector<StockProfitLoss> StockAccountBook::profit_loss(Date begin, Date end)
   return rows_between(realised_, begin, end);
 }
 
-Result<std::vector<StockProfitDetail>> StockAccountBook::profit_loss_detail(std::uint64_t profit_loss_id) const {
+Result<std::vector<StockProfitDetail>> StockAccountBook::profit_loss_detail(
+    std::uint64_t profit_loss_id) const {
   return details_of(realised_, profit_loss_id, account_);
 }
 
@@ -372,8 +376,10 @@ StockProfitLossSummaryTotal StockAccountBook::profit_loss_summary(Date begin, Da
   }
   for (auto& [key, index] : rows) {
     StockProfitLossSummary& s = out.profitloss_summary[index];
-    s.entry_price = static_cast<double>(price_sums[key].first) / static_cast<double>(s.quantity) / Price::kScale;
-    s.cover_price = static_cast<double>(price_sums[key].second) / static_cast<double>(s.quantity) / Price::kScale;
+    s.entry_price =
+        static_cast<double>(price_sums[key].first) / static_cast<double>(s.quantity) / Price::kScale;
+    s.cover_price =
+        static_cast<double>(price_sums[key].second) / static_cast<double>(s.quantity) / Price::kScale;
     s.pr_ratio = profit_ratio(s.pnl, s.entry_cost);
     out.total.quantity += s.quantity;
     out.total.buy_cost += s.buy_cost;
@@ -386,16 +392,17 @@ StockProfitLossSummaryTotal StockAccountBook::profit_loss_summary(Date begin, Da
   return out;
 }
 
-Result<Earmark> StockAccountBook::earmark(const Contract& contract, Quantity shares, Price price, Timestamp now) {
+Result<Earmark> StockAccountBook::earmark(const Contract& contract, Quantity shares, Price price,
+                                          Timestamp now) {
   if (shares <= 0) {
-    return refuse(RefusalCode::InvalidQuantity,
-                  "earmarking " + std::to_string(shares) + " shares is not possible; expected at least 1 share");
+    return refuse(RefusalCode::InvalidQuantity, "earmarking " + std::to_string(shares) +
+                                                    " shares is not possible; expected at least 1 share");
   }
   if (!on_ladder(contract.ladder, price) || !contract.limits().contains(price)) {
-    return refuse(RefusalCode::PriceOutsideLimits, "earmarking price " + price.to_string() + " for " + contract.code +
-                                                       " is not a ladder price within the day's limits; expected " +
-                                                       contract.limit_down.to_string() + " to " +
-                                                       contract.limit_up.to_string());
+    return refuse(RefusalCode::PriceOutsideLimits,
+                  "earmarking price " + price.to_string() + " for " + contract.code +
+                      " is not a ladder price within the day's limits; expected " +
+                      contract.limit_down.to_string() + " to " + contract.limit_up.to_string());
   }
   const Money value = trade_value(price, shares);
   Earmark e;
@@ -417,7 +424,8 @@ Result<Earmark> StockAccountBook::earmark(const Contract& contract, Quantity sha
 Money StockAccountBook::committed_in_positions() const {
   Money total = 0;
   for (const auto& [key, h] : holdings_) {
-    for (const Lot& lot : h.lots) total += h.cond == StockOrderCond::ShortSelling ? lot.deposit : lot.cost - lot.loan;
+    for (const Lot& lot : h.lots)
+      total += h.cond == StockOrderCond::ShortSelling ? lot.deposit : lot.cost - lot.loan;
   }
   return total;
 }

@@ -63,7 +63,9 @@ nb::object get_item(nb::handle mapping, nb::handle key) {
   if (!item) throw nb::python_error();
   return nb::steal(item);
 }
-nb::object get_item(nb::handle mapping, const char* key) { return get_item(mapping, nb::handle(nb::str(key))); }
+nb::object get_item(nb::handle mapping, const char* key) {
+  return get_item(mapping, nb::handle(nb::str(key)));
+}
 
 // A futures broker's account key starts with "F"; its detail payloads carry fewer keys.
 bool is_futures_key(nb::handle key) { return truthy(attr(key, QV_NAME("startswith"))("F")); }
@@ -83,8 +85,12 @@ AccountReply account_reply(nb::handle resp) {
 
 // Account(**block) of a reply, and whether its type is the stock type: the listings and the
 // summary compare it with the text "S", the detail handlers with AccountType.Stock.
-nb::object reply_account(nb::handle block) { return call_with_fields(module_attr(QV_NAME("Account")), block); }
-bool is_stock(nb::handle account, nb::handle stock) { return equals(attr(account, QV_NAME("account_type")), stock); }
+nb::object reply_account(nb::handle block) {
+  return call_with_fields(module_attr(QV_NAME("Account")), block);
+}
+bool is_stock(nb::handle account, nb::handle stock) {
+  return equals(attr(account, QV_NAME("account_type")), stock);
+}
 nb::object record_class(bool stock, const char* stock_cls, const char* future_cls) {
   return module_attr(stock ? stock_cls : future_cls);
 }
@@ -100,16 +106,17 @@ struct CachedListing {
   const char* future_cls;
 };
 
-constexpr CachedListing kPositions{"list_positions_topic", "_list_positions_cb", "_positions",
-                                   "positions",            "StockPosition",      "FuturePosition"};
-constexpr CachedListing kProfitLoss{"list_profit_loss_topic", "_list_profit_loss_cb", "_profit_loss",
-                                    "profitloss",             "StockProfitLoss",      "FutureProfitLoss"};
+constexpr CachedListing kPositions{"list_positions_topic", "_list_positions_cb", "_positions", "positions",
+                                   "StockPosition",        "FuturePosition"};
+constexpr CachedListing kProfitLoss{"list_profit_loss_topic", "_list_profit_loss_cb",
+                                    "_profit_loss",           "profitloss",
+                                    "StockProfitLoss",        "FutureProfitLoss"};
 
 // Differs from the shared sequence: nothing goes into _reqrep; the result is the account's
 // cache entry, replaced by a fresh list only after the request is sent, so a reply racing
 // ahead of that fills the previous list. The caller gets the very list the reply fills.
-nb::object send_cached_listing(nb::handle self, const CachedListing& listing, nb::handle account, nb::handle payload,
-                               nb::handle timeout, nb::handle cb) {
+nb::object send_cached_listing(nb::handle self, const CachedListing& listing, nb::handle account,
+                               nb::handle payload, nb::handle timeout, nb::handle cb) {
   nb::object corrid = new_corrid(self);
   nb::object key = account_key(account);
   const bool blocking = truthy(timeout);
@@ -183,8 +190,8 @@ nb::object detail_target(nb::handle self, const char* method, const char* cache_
 
 nb::object profit_loss_summary(nb::handle status) {
   return module_attr(QV_NAME("ProfitLossSummaryTotal"))("profitloss_summary"_a = nb::list(),
-                                                       "total"_a = module_attr(QV_NAME("ProfitLossTotal"))(),
-                                                       "status"_a = status);
+                                                        "total"_a = module_attr(QV_NAME("ProfitLossTotal"))(),
+                                                        "status"_a = status);
 }
 
 // Adds the reply handler `name` of an account query: a 200 reply is applied to the result by
@@ -214,10 +221,10 @@ void account_reply_handler(ApiClass& api, const char* name, Apply apply) {
 }  // namespace
 
 void define_accounts(ApiClass& api) {
-  import_names(api, {"AccountBalance", "Margin", "Settlement", "SettlementV1", "StockPosition", "FuturePosition",
-                     "StockPositionDetail", "FuturePositionDetail", "StockProfitLoss", "FutureProfitLoss",
-                     "StockProfitDetail", "FutureProfitDetail", "StockProfitLossSummary", "FutureProfitLossSummary",
-                     "ProfitLossTotal", "ProfitLossSummaryTotal"});
+  import_names(api, {"AccountBalance", "Margin", "Settlement", "SettlementV1", "StockPosition",
+                     "FuturePosition", "StockPositionDetail", "FuturePositionDetail", "StockProfitLoss",
+                     "FutureProfitLoss", "StockProfitDetail", "FutureProfitDetail", "StockProfitLossSummary",
+                     "FutureProfitLossSummary", "ProfitLossTotal", "ProfitLossSummaryTotal"});
 
   // ---- balance and margin ----
 
@@ -231,8 +238,8 @@ void define_accounts(ApiClass& api) {
         nb::object payload = account_payload(account);
         nb::object corrid = new_corrid(self);  // drawn before the refusal: a simulated call uses one too
         if (refuse_in_simulation(self, "account_balance")) return balance("Fetched");
-        return send_query(self, {"account_balance_topic", "_account_balance_cb"}, corrid, payload, timeout, cb,
-                          [&] { return balance("Fetching"); });
+        return send_query(self, {"account_balance_topic", "_account_balance_cb"}, corrid, payload, timeout,
+                          cb, [&] { return balance("Fetching"); });
       },
       nb::arg("account"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
@@ -262,7 +269,8 @@ void define_accounts(ApiClass& api) {
 
   // Whatever keys the sheet holds go to the record; it decides what it accepts.
   account_reply_handler(api, "_margin_cb", [](const AccountReply& reply, nb::handle sheet) {
-    call_with_fields(attr(sheet, QV_NAME("lazy_setter")), get(reply.response, QV_NAME("margins"), empty_dict()));
+    call_with_fields(attr(sheet, QV_NAME("lazy_setter")),
+                     get(reply.response, QV_NAME("margins"), empty_dict()));
   });
 
   // ---- settlements ----
@@ -289,16 +297,18 @@ void define_accounts(ApiClass& api) {
       [](nb::handle self, nb::handle account, nb::handle timeout, nb::handle cb) -> nb::object {
         nb::object payload = account_payload(account);
         nb::object corrid = new_corrid(self);
-        return send_query(self, {"list_settlement_topic", "_list_settlements_cb"}, corrid, payload, timeout, cb, [] {
-          return module_attr(QV_NAME("Settlement"))("t_money"_a = 0, "t1_money"_a = 0, "t2_money"_a = 0,
-                                                    "t_day"_a = "", "t1_day"_a = "", "t2_day"_a = "",
-                                                    "status"_a = fetch_status("Fetching"));
-        });
+        return send_query(
+            self, {"list_settlement_topic", "_list_settlements_cb"}, corrid, payload, timeout, cb, [] {
+              return module_attr(QV_NAME("Settlement"))("t_money"_a = 0, "t1_money"_a = 0, "t2_money"_a = 0,
+                                                        "t_day"_a = "", "t1_day"_a = "", "t2_day"_a = "",
+                                                        "status"_a = fetch_status("Fetching"));
+            });
       },
       nb::arg("account"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
   account_reply_handler(api, "_list_settlements_cb", [](const AccountReply& reply, nb::handle sheet) {
-    call_with_fields(attr(sheet, QV_NAME("lazy_setter")), get(reply.response, QV_NAME("settlements"), empty_dict()));
+    call_with_fields(attr(sheet, QV_NAME("lazy_setter")),
+                     get(reply.response, QV_NAME("settlements"), empty_dict()));
   });
 
   // ---- positions ----
@@ -306,7 +316,8 @@ void define_accounts(ApiClass& api) {
   // No simulation refusal: in simulation the topic names the paper-trading service.
   api.method(
       "list_positions",
-      [](nb::handle self, nb::handle account, nb::handle unit, nb::handle timeout, nb::handle cb) -> nb::object {
+      [](nb::handle self, nb::handle account, nb::handle unit, nb::handle timeout,
+         nb::handle cb) -> nb::object {
         nb::dict payload;
         payload["account"] = account_payload(account);
         payload["unit"] = unit;
@@ -319,7 +330,8 @@ void define_accounts(ApiClass& api) {
   // Reads the cache filled by list_positions: an unknown account or id sends nothing.
   api.method(
       "list_position_detail",
-      [](nb::handle self, nb::handle account, nb::handle detail_id, nb::handle timeout, nb::handle cb) -> nb::object {
+      [](nb::handle self, nb::handle account, nb::handle detail_id, nb::handle timeout,
+         nb::handle cb) -> nb::object {
         nb::object key = account_key(account);
         nb::object position = detail_target(self, "list_position_detail", "_positions", key, detail_id);
         if (!truthy(position)) return nb::list();
@@ -334,8 +346,8 @@ void define_accounts(ApiClass& api) {
           payload["ttype"] = attr(position, "cond");
         }
         nb::object corrid = new_corrid(self);
-        return send_query(self, {"list_position_detail_topic", "_list_position_detail_cb"}, corrid, payload, timeout,
-                          cb, [] { return nb::list(); });
+        return send_query(self, {"list_position_detail_topic", "_list_position_detail_cb"}, corrid, payload,
+                          timeout, cb, [] { return nb::list(); });
       },
       nb::arg("account"), nb::arg("detail_id"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
@@ -380,7 +392,8 @@ void define_accounts(ApiClass& api) {
   // Reads the cache filled by list_profit_loss; the item's values are read by key.
   api.method(
       "list_profit_loss_detail",
-      [](nb::handle self, nb::handle account, nb::handle detail_id, nb::handle timeout, nb::handle cb) -> nb::object {
+      [](nb::handle self, nb::handle account, nb::handle detail_id, nb::handle timeout,
+         nb::handle cb) -> nb::object {
         nb::object key = account_key(account);
         nb::object item = detail_target(self, "list_profit_loss_detail", "_profit_loss", key, detail_id);
         if (!truthy(item)) return nb::list();
@@ -397,8 +410,8 @@ void define_accounts(ApiClass& api) {
           payload["dseq"] = get_item(item, "dseq");
         }
         nb::object corrid = new_corrid(self);
-        return send_query(self, {"list_profit_loss_detail_topic", "_list_profit_loss_detail_cb"}, corrid, payload,
-                          timeout, cb, [] { return nb::list(); });
+        return send_query(self, {"list_profit_loss_detail_topic", "_list_profit_loss_detail_cb"}, corrid,
+                          payload, timeout, cb, [] { return nb::list(); });
       },
       nb::arg("account"), nb::arg("detail_id"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
@@ -406,7 +419,8 @@ void define_accounts(ApiClass& api) {
     nb::object details = get(reply.response, QV_NAME("profitdetail"), empty_list());
     nb::object account = reply_account(reply.account);
     const bool stock = is_stock(account, attr(module_attr(QV_NAME("AccountType")), QV_NAME("Stock")));
-    rows.attr("extend")(records_from(record_class(stock, "StockProfitDetail", "FutureProfitDetail"), details));
+    rows.attr("extend")(
+        records_from(record_class(stock, "StockProfitDetail", "FutureProfitDetail"), details));
   });
 
   api.method(
@@ -418,14 +432,15 @@ void define_accounts(ApiClass& api) {
         payload["begin_date"] = begin_date;
         payload["end_date"] = end_date;
         nb::object corrid = new_corrid(self);
-        if (refuse_in_simulation(self, "list_profit_loss_summary")) return profit_loss_summary(fetch_status("Fetched"));
+        if (refuse_in_simulation(self, "list_profit_loss_summary"))
+          return profit_loss_summary(fetch_status("Fetched"));
         const bool blocking = truthy(timeout);
         if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
         nb::object handler = attr(self, "_list_profit_loss_summary_cb");
         nb::object placeholder = profit_loss_summary(fetch_status("Fetching"));
         set_item(attr(self, QV_NAME("_reqrep")), corrid, placeholder);  // before the send, as for every query
-        nb::object resp =
-            send_request(self, attr(self, "list_profit_loss_summary_topic"), payload, corrid, timeout, handler);
+        nb::object resp = send_request(self, attr(self, "list_profit_loss_summary_topic"), payload, corrid,
+                                       timeout, handler);
         // The blocking path hands the handler the topic held in `list_profit_loss_sum_topic`,
         // which the constructor does not set: the call fails there with AttributeError after
         // the request went out, and the placeholder stays in _reqrep.
@@ -435,16 +450,18 @@ void define_accounts(ApiClass& api) {
       nb::arg("account"), nb::arg("begin_date"), nb::arg("end_date"), nb::arg("timeout") = 5000,
       nb::arg("cb") = nb::none());
 
-  account_reply_handler(api, "_list_profit_loss_summary_cb", [](const AccountReply& reply, nb::handle summary) {
-    nb::object rows = get(reply.response, QV_NAME("profitloss_sum"), empty_list());
-    // An absent total defaults to a list, which is no mapping of fields: TypeError.
-    nb::object total = get(reply.response, QV_NAME("total"), empty_list());
-    nb::object account = reply_account(reply.account);
-    nb::object cls = record_class(is_stock(account, nb::str("S")), "StockProfitLossSummary", "FutureProfitLossSummary");
-    nb::list summary_rows = records_from(cls, rows);
-    nb::object total_record = call_with_fields(module_attr(QV_NAME("ProfitLossTotal")), total);
-    summary.attr("lazy_setter")("profitloss_summary"_a = summary_rows, "total"_a = total_record);
-  });
+  account_reply_handler(
+      api, "_list_profit_loss_summary_cb", [](const AccountReply& reply, nb::handle summary) {
+        nb::object rows = get(reply.response, QV_NAME("profitloss_sum"), empty_list());
+        // An absent total defaults to a list, which is no mapping of fields: TypeError.
+        nb::object total = get(reply.response, QV_NAME("total"), empty_list());
+        nb::object account = reply_account(reply.account);
+        nb::object cls = record_class(is_stock(account, nb::str("S")), "StockProfitLossSummary",
+                                      "FutureProfitLossSummary");
+        nb::list summary_rows = records_from(cls, rows);
+        nb::object total_record = call_with_fields(module_attr(QV_NAME("ProfitLossTotal")), total);
+        summary.attr("lazy_setter")("profitloss_summary"_a = summary_rows, "total"_a = total_record);
+      });
 }
 
 }  // namespace quorvex::api

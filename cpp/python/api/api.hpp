@@ -22,10 +22,10 @@ namespace nb = nanobind;
 using namespace nb::literals;
 
 // An interned Python string made once per use site: attribute names and keys on hot paths.
-#define QV_NAME(lit)                                                  \
-  ([]() -> ::nanobind::handle {                                       \
-    static PyObject* interned_ = PyUnicode_InternFromString(lit);     \
-    return interned_;                                                 \
+#define QV_NAME(lit)                                              \
+  ([]() -> ::nanobind::handle {                                   \
+    static PyObject* interned_ = PyUnicode_InternFromString(lit); \
+    return interned_;                                             \
   }())
 
 // ---- the class under construction ------------------------------------------------
@@ -187,8 +187,8 @@ nb::object local_now_text(const char* fmt);
 nb::object new_corrid(nb::handle self);
 
 // self.session.request(topic, payload, corrid=corrid, timeout=timeout, cb=handler)
-nb::object send_request(nb::handle self, nb::handle topic, nb::handle payload, nb::handle corrid, nb::handle timeout,
-                        nb::handle handler);
+nb::object send_request(nb::handle self, nb::handle topic, nb::handle payload, nb::handle corrid,
+                        nb::handle timeout, nb::handle handler);
 
 // One query's topic attribute and reply handler attribute, e.g.
 // {"account_balance_topic", "_account_balance_cb"}.

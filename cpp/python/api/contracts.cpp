@@ -89,8 +89,8 @@ void define_contracts(ApiClass& api) {
         nb::object topic = attr(self, QV_NAME("data_contracts_topic"));
         nb::object handler = attr(self, QV_NAME("_fetch_contracts_cb"));
         nb::object resp = attr(self, QV_NAME("session"))
-                              .attr(QV_NAME("request"))(topic, payload, "corrid"_a = corrid, "timeout"_a = timeout,
-                                                        "cb"_a = handler);
+                              .attr(QV_NAME("request"))(topic, payload, "corrid"_a = corrid,
+                                                        "timeout"_a = timeout, "cb"_a = handler);
         if (truthy(resp)) handler(topic, corrid, resp);
       },
       nb::arg("security_type"), nb::arg("page") = -1, nb::arg("timeout") = 0, nb::arg("page_size") = 5000,

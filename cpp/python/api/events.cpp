@@ -26,7 +26,8 @@ void exit_with_error(nb::handle catcher, nb::python_error& e) {
 }
 
 bool is_library_logger(nb::handle logger) {
-  static PyObject* const library_logger = nb::getattr(nb::module_::import_("loguru"), "logger").release().ptr();
+  static PyObject* const library_logger =
+      nb::getattr(nb::module_::import_("loguru"), "logger").release().ptr();
   return logger.ptr() == library_logger;
 }
 
@@ -127,8 +128,9 @@ void define_events(ApiClass& api) {
       nb::arg("func"));
 
   // Decorator forms: register and hand the function back unchanged.
-  for (auto [name, setter] : {std::pair{"on_quote", "set_quote_callback"}, std::pair{"on_event", "set_event_callback"},
-                              std::pair{"on_order", "set_order_callback"}}) {
+  for (auto [name, setter] :
+       {std::pair{"on_quote", "set_quote_callback"}, std::pair{"on_event", "set_event_callback"},
+        std::pair{"on_order", "set_order_callback"}}) {
     const char* setter_name = setter;
     api.method(
         name,

@@ -94,11 +94,12 @@ DefaultHandlers make_default_handlers() {
   h.bidask_fop = two("on_bidask_fop_v1_callback", "exchange", "bidask");
   h.quote_stk = two("on_quote_stk_v1_callback", "exchange", "bidask");
   h.order = two("on_order_callback", "topic", "msg");
-  h.session_down = nb::cpp_function([]() { builtin_print("Session Down."); }, nb::name("on_session_down_callback"));
+  h.session_down =
+      nb::cpp_function([]() { builtin_print("Session Down."); }, nb::name("on_session_down_callback"));
   h.event = nb::cpp_function(
       [](nb::handle resp_code, nb::handle event_code, nb::handle info, nb::handle event) {
-        builtin_print(format("Response Code: {} | Event Code: {} | Info: {} | Event: {}", resp_code, event_code, info,
-                     event));
+        builtin_print(format("Response Code: {} | Event Code: {} | Info: {} | Event: {}", resp_code,
+                             event_code, info, event));
       },
       nb::name("on_event_callback"), nb::arg("resp_code").none(), nb::arg("event_code").none(),
       nb::arg("info").none(), nb::arg("event").none());
@@ -178,8 +179,9 @@ void define_frame(ApiClass& api) {
         set("_prev_trace_log_ts", nb::float_(0.0));
       },
       nb::arg("host"), nb::arg("vpn"), nb::arg("user"), nb::arg("password"), nb::arg("simulation"),
-      nb::arg("proxies") = shared_proxies, nb::arg("connect_timeout_ms") = 3000, nb::arg("reconnect_retries") = 10,
-      nb::arg("keep_alive_ms") = 3000, nb::arg("reconnect_retry_wait") = 3000, nb::arg("keep_alive_limit") = 3);
+      nb::arg("proxies") = shared_proxies, nb::arg("connect_timeout_ms") = 3000,
+      nb::arg("reconnect_retries") = 10, nb::arg("keep_alive_ms") = 3000,
+      nb::arg("reconnect_retry_wait") = 3000, nb::arg("keep_alive_limit") = 3);
 
   api.method("set_init_callback", [](nb::handle self) {
     nb::object session = attr(self, "session");

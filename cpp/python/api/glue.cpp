@@ -19,8 +19,8 @@ nb::object checked(nb::object result) {
 }  // namespace
 
 const char* detail::positional_name(std::size_t index) {
-  static const char* const names[] = {"a0", "a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8", "a9", "a10", "a11",
-                                      "a12", "a13", "a14", "a15", "a16", "a17", "a18", "a19"};
+  static const char* const names[] = {"a0",  "a1",  "a2",  "a3",  "a4",  "a5",  "a6",  "a7",  "a8",  "a9",
+                                      "a10", "a11", "a12", "a13", "a14", "a15", "a16", "a17", "a18", "a19"};
   return index < sizeof(names) / sizeof(names[0]) ? names[index] : "a_more";
 }
 
@@ -53,7 +53,9 @@ nb::object pop(nb::handle mapping, nb::handle key, nb::handle dflt) {
   return checked(call_method(mapping, QV_NAME("pop"), key, dflt));
 }
 
-nb::object pop(nb::handle mapping, nb::handle key) { return checked(call_method(mapping, QV_NAME("pop"), key)); }
+nb::object pop(nb::handle mapping, nb::handle key) {
+  return checked(call_method(mapping, QV_NAME("pop"), key));
+}
 
 void set_item(nb::handle mapping, nb::handle key, nb::handle value) {
   if (PyObject_SetItem(mapping.ptr(), key.ptr(), value.ptr()) != 0) throw nb::python_error();
@@ -90,8 +92,9 @@ nb::object call_with_fields(nb::handle callable, nb::handle fields) {
     if (PyDict_Merge(kwargs.ptr(), fields.ptr(), 1) != 0) throw nb::python_error();
   } else {
     nb::object name = nb::getattr(callable, "__qualname__", nb::str(Py_TYPE(callable.ptr())->tp_name));
-    PyErr_Format(PyExc_TypeError, "%S() argument after ** must be a mapping of field names to values, not %.200s",
-                 name.ptr(), Py_TYPE(fields.ptr())->tp_name);
+    PyErr_Format(PyExc_TypeError,
+                 "%S() argument after ** must be a mapping of field names to values, not %.200s", name.ptr(),
+                 Py_TYPE(fields.ptr())->tp_name);
     throw nb::python_error();
   }
   nb::object args = nb::steal(PyTuple_New(0));
@@ -138,16 +141,19 @@ nb::object local_now_text(const char* fmt) {
   return datetime_cls.attr(QV_NAME("now"))().attr(QV_NAME("strftime"))(fmt);
 }
 
-nb::object new_corrid(nb::handle self) { return attr(self, QV_NAME("session")).attr(QV_NAME("_gen_reqid"))(); }
+nb::object new_corrid(nb::handle self) {
+  return attr(self, QV_NAME("session")).attr(QV_NAME("_gen_reqid"))();
+}
 
-nb::object send_request(nb::handle self, nb::handle topic, nb::handle payload, nb::handle corrid, nb::handle timeout,
-                        nb::handle handler) {
+nb::object send_request(nb::handle self, nb::handle topic, nb::handle payload, nb::handle corrid,
+                        nb::handle timeout, nb::handle handler) {
   return attr(self, QV_NAME("session"))
       .attr(QV_NAME("request"))(topic, payload, "corrid"_a = corrid, "timeout"_a = timeout, "cb"_a = handler);
 }
 
 nb::object send_query(nb::handle self, const Query& query, nb::handle corrid, nb::handle payload,
-                      nb::handle timeout, nb::handle cb, const std::function<nb::object()>& make_placeholder) {
+                      nb::handle timeout, nb::handle cb,
+                      const std::function<nb::object()>& make_placeholder) {
   const bool blocking = truthy(timeout);
   nb::object topic = attr(self, query.topic_attr);
   nb::object handler = attr(self, query.handler_attr);

@@ -67,7 +67,8 @@ nb::object topic_exchange(const char* text, Py_ssize_t size) {
     ++components;
   }
   if (components < 6) {
-    PyErr_Format(PyExc_ValueError, "need more than %zd value%.1s to unpack", components, components == 1 ? "" : "s");
+    PyErr_Format(PyExc_ValueError, "need more than %zd value%.1s to unpack", components,
+                 components == 1 ? "" : "s");
     throw nb::python_error();
   }
   if (components > 6) {
@@ -166,7 +167,8 @@ nb::list contract_dicts(nb::handle contracts) {
 void columns_reply(nb::handle self, nb::handle topic, nb::handle corrid, nb::handle resp) {
   Reply reply = begin_reply(self, corrid, resp);
   if (reply.ok()) {
-    call_with_fields(attr(reply.result, QV_NAME("lazy_setter")), get(resp, QV_NAME("response"), empty_dict()));
+    call_with_fields(attr(reply.result, QV_NAME("lazy_setter")),
+                     get(resp, QV_NAME("response"), empty_dict()));
   } else {
     raise_resp_error(self, reply.status_code, resp);
   }
@@ -247,7 +249,8 @@ void define_market_data(ApiClass& api) {
         name,
         [name](nb::handle self, nb::handle contract, nb::handle quote_type, nb::handle intraday_odd,
                nb::handle version) {
-          nb::object topic = module_attr(QV_NAME("contract2topic"))(contract, quote_type, intraday_odd, version);
+          nb::object topic =
+              module_attr(QV_NAME("contract2topic"))(contract, quote_type, intraday_odd, version);
           attr(attr(self, QV_NAME("session")), name)(topic);
         },
         nb::arg("contract"), nb::arg("quote_type") = tick, nb::arg("intraday_odd") = false,
@@ -255,11 +258,13 @@ void define_market_data(ApiClass& api) {
   }
 
   api.method(
-      "on_quote_wrap", [](nb::handle self, nb::handle topic, nb::handle quote) { route_quote(self, topic, quote); },
+      "on_quote_wrap",
+      [](nb::handle self, nb::handle topic, nb::handle quote) { route_quote(self, topic, quote); },
       nb::arg("topic"), nb::arg("quote"));
 
   api.method(
-      "set_quote_callback", [](nb::handle self, nb::handle func) { nb::setattr(self, "on_quote_callback", func); },
+      "set_quote_callback",
+      [](nb::handle self, nb::handle func) { nb::setattr(self, "on_quote_callback", func); },
       nb::arg("func"));
 
   const std::pair<const char*, const char*> typed_setters[] = {
@@ -275,8 +280,9 @@ void define_market_data(ApiClass& api) {
         setter,
         [handler_attr](nb::handle self, nb::handle func, nb::handle bind) {
           // The context is bound now: a later set_context does not reach this handler.
-          nb::object value = truthy(bind) ? module_attr(QV_NAME("partial"))(func, attr(self, QV_NAME("context")))
-                                          : nb::borrow(func);
+          nb::object value = truthy(bind)
+                                 ? module_attr(QV_NAME("partial"))(func, attr(self, QV_NAME("context")))
+                                 : nb::borrow(func);
           nb::setattr(self, handler_attr, value);
         },
         nb::arg("func"), nb::arg("bind") = false);
@@ -291,7 +297,8 @@ void define_market_data(ApiClass& api) {
       [](nb::handle self, nb::handle contract, nb::handle date, nb::handle query_type, nb::handle time_start,
          nb::handle time_end, nb::handle last_cnt, nb::handle timeout, nb::handle cb) -> nb::object {
         nb::object query_types = module_attr(QV_NAME("TicksQueryType"));
-        if (equals(query_type, attr(query_types, "RangeTime")) && (time_start.is_none() || time_end.is_none())) {
+        if (equals(query_type, attr(query_types, "RangeTime")) &&
+            (time_start.is_none() || time_end.is_none())) {
           raise_plain("Please take start time and end time parameter.");
         }
         if (equals(query_type, attr(query_types, "LastCount"))) {
@@ -319,8 +326,9 @@ void define_market_data(ApiClass& api) {
         });
       },
       nb::arg("contract"), nb::arg("date") = dates.today,
-      nb::arg("query_type") = attr(module_attr(QV_NAME("TicksQueryType")), "AllDay"), nb::arg("time_start") = nb::none(),
-      nb::arg("time_end") = nb::none(), nb::arg("last_cnt") = 0, nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
+      nb::arg("query_type") = attr(module_attr(QV_NAME("TicksQueryType")), "AllDay"),
+      nb::arg("time_start") = nb::none(), nb::arg("time_end") = nb::none(), nb::arg("last_cnt") = 0,
+      nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
   api.method(
       "kbars",
@@ -340,14 +348,15 @@ void define_market_data(ApiClass& api) {
 
   api.method(
       "daily_quotes",
-      [](nb::handle self, nb::handle date, nb::handle exclude, nb::handle timeout, nb::handle cb) -> nb::object {
+      [](nb::handle self, nb::handle date, nb::handle exclude, nb::handle timeout,
+         nb::handle cb) -> nb::object {
         nb::dict payload;
         payload["date"] = attr(date, "isoformat")();
         payload["exclude"] = exclude;
         nb::object corrid = new_corrid(self);
         return send_query(self, {"daily_quotes_topic", "_daily_quotes_cb"}, corrid, payload, timeout, cb, [] {
-          return empty_columns("DailyQuotes",
-                               {"Date", "Code", "Open", "High", "Low", "Close", "Volume", "Transaction", "Amount"});
+          return empty_columns("DailyQuotes", {"Date", "Code", "Open", "High", "Low", "Close", "Volume",
+                                               "Transaction", "Amount"});
         });
       },
       nb::arg("date"), nb::arg("exclude"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
@@ -410,7 +419,8 @@ void define_market_data(ApiClass& api) {
         if (refuse_in_simulation(self, "short_stock_sources")) return nb::list();
         nb::dict payload;
         payload["contracts"] = contract_dicts(contracts);
-        return send_list_query(self, {"short_stock_source_topic", "_short_stock_source_cb"}, payload, timeout, cb);
+        return send_list_query(self, {"short_stock_source_topic", "_short_stock_source_cb"}, payload, timeout,
+                               cb);
       },
       nb::arg("contracts"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 

@@ -10,7 +10,7 @@ namespace {
 
 // The client library's modules, searched in this order for a record, enumeration or helper.
 constexpr const char* kLibraryModules[] = {
-    "quorvex.constant", "quorvex.account", "quorvex.contracts", "quorvex.order",  "quorvex.position",
+    "quorvex.constant", "quorvex.account", "quorvex.contracts", "quorvex.order", "quorvex.position",
     "quorvex.data",     "quorvex.reserve", "quorvex.error",     "quorvex.utils",
 };
 
@@ -40,11 +40,34 @@ void import_from(nb::module_& m, const char* source, std::initializer_list<const
 }
 
 void import_modules(nb::module_& m) {
-  import_library_names(m, {"Account", "AccountType", "FutureAccount", "StockAccount", "TraceLog", "Exchange",
-                           "OrderState", "QuoteType", "QuoteVersion", "SecurityType", "Unit", "ScannerType",
-                           "TicksQueryType", "BaseContract", "ComboContract", "Contract", "Contracts",
-                           "FetchStatus", "Future", "Index", "Option", "Stock", "get_product_contracts",
-                           "Status", "TokenError", "TimeoutError", "log", "raise_resp_error"});
+  import_library_names(m, {"Account",
+                           "AccountType",
+                           "FutureAccount",
+                           "StockAccount",
+                           "TraceLog",
+                           "Exchange",
+                           "OrderState",
+                           "QuoteType",
+                           "QuoteVersion",
+                           "SecurityType",
+                           "Unit",
+                           "ScannerType",
+                           "TicksQueryType",
+                           "BaseContract",
+                           "ComboContract",
+                           "Contract",
+                           "Contracts",
+                           "FetchStatus",
+                           "Future",
+                           "Index",
+                           "Option",
+                           "Stock",
+                           "get_product_contracts",
+                           "Status",
+                           "TokenError",
+                           "TimeoutError",
+                           "log",
+                           "raise_resp_error"});
   import_from(m, "quorvex._version", {"__version__"});
   import_from(m, "quorvex.backend.solace.utils",
               {"convert_ts", "intraday_odd_quo_convert", "intraday_odd_tic_convert", "login_check",
@@ -67,9 +90,9 @@ void import_modules(nb::module_& m) {
     nb::object reason = nb::str(e.value());
     m.attr("SolClient") = nb::cpp_function(
         [reason]() -> nb::object {
-          throw nb::import_error(
-              ("the messaging binding pymqlink.SolClient is not available: " + std::string(nb::str(reason).c_str()))
-                  .c_str());
+          throw nb::import_error(("the messaging binding pymqlink.SolClient is not available: " +
+                                  std::string(nb::str(reason).c_str()))
+                                     .c_str());
         },
         nb::name("SolClient"));
   }
@@ -101,7 +124,8 @@ void ApiClass::install(const char* name, nb::handle impl, const std::vector<Para
       signature += "=" + slot;
     }
   }
-  const std::string source = "def " + std::string(name) + "(" + signature + "):\n    return __impl(" + call + ")\n";
+  const std::string source =
+      "def " + std::string(name) + "(" + signature + "):\n    return __impl(" + call + ")\n";
   nb::object builtins = nb::module_::import_("builtins");
   nb::object code = builtins.attr("compile")(nb::str(source.c_str()), "<quorvex.backend.solace.api>", "exec");
   builtins.attr("exec")(code, scope);

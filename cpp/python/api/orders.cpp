@@ -60,7 +60,9 @@ nb::object checked(PyObject* result) {
 }
 
 // mapping[key], KeyError when absent.
-nb::object item(nb::handle mapping, nb::handle key) { return checked(PyObject_GetItem(mapping.ptr(), key.ptr())); }
+nb::object item(nb::handle mapping, nb::handle key) {
+  return checked(PyObject_GetItem(mapping.ptr(), key.ptr()));
+}
 
 bool contains(nb::handle mapping, nb::handle key) {
   const int r = PySequence_Contains(mapping.ptr(), key.ptr());
@@ -157,7 +159,8 @@ void require_record(nb::handle value, const char* method, const char* param, con
 // unseen; refuse it while the caller can still see why.
 void require_callback(nb::handle cb, const char* method) {
   if (cb.is_none() || PyCallable_Check(cb.ptr())) return;
-  raise_type_error(format("{}: cb must be a callable taking the result, or None, got {}", method, kind_of(cb)));
+  raise_type_error(
+      format("{}: cb must be a callable taking the result, or None, got {}", method, kind_of(cb)));
 }
 
 // The reply handlers' typed parameters.
@@ -171,14 +174,15 @@ void check_reply_args(nb::handle topic, nb::handle corrid, nb::handle resp) {
 void check_new_price(nb::handle price) {
   if (price.is_none()) return;
   if (PyBool_Check(price.ptr()) || PyComplex_Check(price.ptr()) || !PyNumber_Check(price.ptr())) {
-    raise_type_error(format("update_order: price must be a number (the new limit price) or None, got {}",
-                            kind_of(price)));
+    raise_type_error(
+        format("update_order: price must be a number (the new limit price) or None, got {}", kind_of(price)));
   }
   const double value = PyFloat_AsDouble(checked(PyNumber_Float(price.ptr())).ptr());
   if (value == -1.0 && PyErr_Occurred()) throw nb::python_error();
   if (!std::isfinite(value) || value < 0) {
-    raise_value_error(format("update_order: price must be a finite number not below 0 (the new limit price), got {}",
-                             nb::handle(price)));
+    raise_value_error(
+        format("update_order: price must be a finite number not below 0 (the new limit price), got {}",
+               nb::handle(price)));
   }
 }
 
@@ -411,7 +415,8 @@ void merge_entry(nb::handle self, const TradeBook& book, nb::handle entry) {
   nb::object order_id = get(order_block, QV_NAME("id"), nb::str(""));
   nb::object status_block = get(entry, QV_NAME("status"), empty_dict());
 
-  nb::object holder = get(get(order_block, QV_NAME("account"), empty_dict()), QV_NAME("person_id"), nb::str(""));
+  nb::object holder =
+      get(get(order_block, QV_NAME("account"), empty_dict()), QV_NAME("person_id"), nb::str(""));
   if (!truthy(holder.attr("strip")())) {
     set_item(item(order_block, QV_NAME("account")), QV_NAME("person_id"), attr(self, QV_NAME("_person_id")));
   }
@@ -461,14 +466,15 @@ nb::object book_list(nb::handle self, const TradeBook& book) {
 void check_refresh_args(const char* method, nb::handle account, nb::handle seqno, nb::handle cb) {
   require_record(account, method, "account", "Account", "an account record (StockAccount or FutureAccount)");
   if (!PyUnicode_Check(seqno.ptr())) {
-    raise_type_error(format("{}: seqno must be text (an order's sequence number, or \"\" for every order), got {}",
-                            method, kind_of(seqno)));
+    raise_type_error(
+        format("{}: seqno must be text (an order's sequence number, or \"\" for every order), got {}", method,
+               kind_of(seqno)));
   }
   require_callback(cb, method);
 }
 
 using ReplyFlow = nb::object (*)(nb::handle self, const TradeBook& book, nb::handle topic, nb::handle corrid,
-                                  nb::handle resp);
+                                 nb::handle resp);
 
 struct ReplyHandler {
   const char* name;
@@ -478,12 +484,9 @@ struct ReplyHandler {
 
 // The combination placement's handler has no leading underscore: callers know it by that name.
 const ReplyHandler kReplyHandlers[] = {
-    {"_place_order_cb", place_reply, &kSingle},
-    {"_cancel_order_cb", cancel_reply, &kSingle},
-    {"_update_order_cb", acknowledge_reply, &kSingle},
-    {"_update_status_cb", refresh_reply, &kSingle},
-    {"place_comboorder_cb", place_reply, &kCombo},
-    {"_cancel_comboorder_cb", acknowledge_reply, &kCombo},
+    {"_place_order_cb", place_reply, &kSingle},         {"_cancel_order_cb", cancel_reply, &kSingle},
+    {"_update_order_cb", acknowledge_reply, &kSingle},  {"_update_status_cb", refresh_reply, &kSingle},
+    {"place_comboorder_cb", place_reply, &kCombo},      {"_cancel_comboorder_cb", acknowledge_reply, &kCombo},
     {"_update_combostatus_cb", refresh_reply, &kCombo},
 };
 
@@ -551,8 +554,8 @@ void define_orders(ApiClass& api) {
                     quantity_reducible);
         return nb::borrow(trade);
       },
-      nb::arg("trade"), nb::arg("price") = nb::none(), nb::arg("quantity") = nb::none(), nb::arg("timeout") = 5000,
-      nb::arg("cb") = nb::none());
+      nb::arg("trade"), nb::arg("price") = nb::none(), nb::arg("quantity") = nb::none(),
+      nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 
   api.method(
       "update_status",
@@ -570,7 +573,8 @@ void define_orders(ApiClass& api) {
       "place_comboorder",
       [](nb::handle self, nb::handle combocontract, nb::handle order, nb::handle timeout,
          nb::handle cb) -> nb::object {
-        require_record(combocontract, "place_comboorder", "combocontract", "ComboContract", "a ComboContract");
+        require_record(combocontract, "place_comboorder", "combocontract", "ComboContract",
+                       "a ComboContract");
         require_record(order, "place_comboorder", "order", "Order", "an Order");
         require_callback(cb, "place_comboorder");
         if (refuse_in_simulation(self, "place_comboorder")) {
@@ -605,7 +609,8 @@ void define_orders(ApiClass& api) {
 
   api.method(
       "update_combostatus",
-      [](nb::handle self, nb::handle account, nb::handle seqno, nb::handle timeout, nb::handle cb) -> nb::object {
+      [](nb::handle self, nb::handle account, nb::handle seqno, nb::handle timeout,
+         nb::handle cb) -> nb::object {
         check_refresh_args("update_combostatus", account, seqno, cb);
         if (refuse_in_simulation(self, "update_combostatus")) return nb::none();
         return refresh(self, kCombo, account, seqno, timeout, cb);

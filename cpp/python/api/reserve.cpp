@@ -10,8 +10,8 @@ namespace {
 
 // The shared sequence with one difference: a blocking call whose reply is empty raises
 // TimeoutError(topic, payload); the placeholder stays stored.
-nb::object send_reservation(nb::handle self, const Query& query, nb::handle payload, nb::handle timeout, nb::handle cb,
-                            nb::handle placeholder) {
+nb::object send_reservation(nb::handle self, const Query& query, nb::handle payload, nb::handle timeout,
+                            nb::handle cb, nb::handle placeholder) {
   nb::object corrid = new_corrid(self);
   const bool blocking = truthy(timeout);
   if (!blocking) set_item(attr(self, QV_NAME("_rep_callback_map")), corrid, cb);
@@ -35,14 +35,16 @@ nb::object send_reservation(nb::handle self, const Query& query, nb::handle payl
 nb::object error_response(nb::handle resp) {
   nb::object status = get(resp, QV_NAME("status"), empty_dict());
   nb::object response = get(resp, QV_NAME("response"), empty_dict());
-  return module_attr(QV_NAME("ErrorResponse"))("status_code"_a = get(status, QV_NAME("status_code"), nb::str("")),
-                                               "detail"_a = get(response, QV_NAME("detail"), nb::str("")));
+  return module_attr(QV_NAME("ErrorResponse"))(
+      "status_code"_a = get(status, QV_NAME("status_code"), nb::str("")),
+      "detail"_a = get(response, QV_NAME("detail"), nb::str("")));
 }
 
 // StockAccount(**response["account"]); the block is read without a default, so a reply
 // lacking it fails here with TypeError.
 nb::object reply_stock_account(nb::handle response) {
-  return call_with_fields(module_attr(QV_NAME("StockAccount")), get(response, QV_NAME("account"), nb::none()));
+  return call_with_fields(module_attr(QV_NAME("StockAccount")),
+                          get(response, QV_NAME("account"), nb::none()));
 }
 
 // The text a request is signed over: its values' text forms joined with " | ", signed for
@@ -126,8 +128,9 @@ void define_reserve(ApiClass& api) {
       [](nb::handle self, nb::handle account, nb::handle contract, nb::handle share, nb::handle timeout,
          nb::handle cb) -> nb::object {
         auto placeholder = [&] {
-          nb::object answer = module_attr(QV_NAME("ReserveOrderResp"))(
-              "contract"_a = contract, "account"_a = account, "share"_a = share, "status"_a = false, "info"_a = "");
+          nb::object answer =
+              module_attr(QV_NAME("ReserveOrderResp"))("contract"_a = contract, "account"_a = account,
+                                                       "share"_a = share, "status"_a = false, "info"_a = "");
           return module_attr(QV_NAME("ReserveStockResponse"))("response"_a = answer);
         };
         // Refused before signing, so simulation needs no certificate.
@@ -165,8 +168,8 @@ void define_reserve(ApiClass& api) {
         nb::object order =
             module_attr(QV_NAME("EarmarkingOrder"))("share"_a = share, "price"_a = price, "ca"_a = casign);
         nb::dict payload = request_payload(account, contract, order);
-        return send_reservation(self, {"reserve_earmarking_topic", "_reserve_earmarking_cb"}, payload, timeout, cb,
-                                placeholder());
+        return send_reservation(self, {"reserve_earmarking_topic", "_reserve_earmarking_cb"}, payload,
+                                timeout, cb, placeholder());
       },
       nb::arg("account"), nb::arg("contract"), nb::arg("share"), nb::arg("price"), nb::arg("timeout") = 5000,
       nb::arg("cb") = nb::none());
@@ -185,7 +188,8 @@ void define_reserve(ApiClass& api) {
           if (refuse_in_simulation(self, listing.method)) return listing_placeholder(listing, account);
           nb::dict payload;
           payload["account"] = attr(account, QV_NAME("dict"))();
-          return send_reservation(self, listing.query, payload, timeout, cb, listing_placeholder(listing, account));
+          return send_reservation(self, listing.query, payload, timeout, cb,
+                                  listing_placeholder(listing, account));
         },
         nb::arg("account"), nb::arg("timeout") = 5000, nb::arg("cb") = nb::none());
 

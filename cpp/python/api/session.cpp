@@ -18,8 +18,8 @@ nb::object checked(PyObject* result) {
 // caller may leave a credential to the service to refuse.
 void require_str(nb::handle value, const char* name) {
   if (value.is_none() || PyUnicode_Check(value.ptr())) return;
-  PyErr_Format(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", name, "str",
-               Py_TYPE(value.ptr())->tp_name);
+  PyErr_Format(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", name,
+               "str", Py_TYPE(value.ptr())->tp_name);
   throw nb::python_error();
 }
 
@@ -103,7 +103,8 @@ nb::object accept_login(nb::handle self, nb::handle resp, nb::handle status_code
     session.attr("disconnect")();
     raise_resp_error(self, status_code, resp);
     // Only a substituted raise_resp_error returns here; the login then has no result.
-    PyErr_SetString(PyExc_UnboundLocalError, "local variable 'contract_download' referenced before assignment");
+    PyErr_SetString(PyExc_UnboundLocalError,
+                    "local variable 'contract_download' referenced before assignment");
     throw nb::python_error();
   }
   nb::object response = response_of(resp);
@@ -141,7 +142,8 @@ nb::object signing_key_of(nb::handle secret_key) {
   } catch (nb::python_error& e) {
     if (!e.matches(PyExc_ValueError) && !e.matches(PyExc_TypeError)) throw;
     nb::object kind = nb::borrow(e.type());
-    nb::raise_from(e, kind, "the secret key is not usable (%s); expected the Base58 text of a 32-byte Ed25519 seed",
+    nb::raise_from(e, kind,
+                   "the secret key is not usable (%s); expected the Base58 text of a 32-byte Ed25519 seed",
                    nb::str(e.value()).c_str());
   }
 }
@@ -152,9 +154,9 @@ nb::object b58_text(nb::handle data) {
 
 nb::object trace_record(nb::handle self, nb::handle account, const char* action, nb::handle func_content,
                         const char* result) {
-  return module_attr(QV_NAME("TraceLog"))("person_id"_a = attr(self, "_person_id"), "account"_a = account,
-                                          "ip"_a = attr(self, "_public_ip"), "action"_a = action, "func"_a = action,
-                                          "func_content"_a = func_content, "result"_a = result);
+  return module_attr(QV_NAME("TraceLog"))(
+      "person_id"_a = attr(self, "_person_id"), "account"_a = account, "ip"_a = attr(self, "_public_ip"),
+      "action"_a = action, "func"_a = action, "func_content"_a = func_content, "result"_a = result);
 }
 
 nb::object value_of(nb::handle member) { return attr(member, "value"); }
@@ -188,7 +190,8 @@ void define_session(ApiClass& api) {
         return nb::make_tuple(attr(self, "accounts"), get(response, "contract_download", nb::bool_(false)),
                               get(response, "web_token", nb::str("")));
       },
-      nb::arg("person_id"), nb::arg("password"), nb::arg("hashed") = false, nb::arg("subscribe_trade") = true);
+      nb::arg("person_id"), nb::arg("password"), nb::arg("hashed") = false,
+      nb::arg("subscribe_trade") = true);
 
   api.method("list_accounts", [](nb::handle self) { return attr(self, "accounts"); });
 
@@ -312,7 +315,8 @@ void define_session(ApiClass& api) {
         content["order_type"] = value_of(attr(order, "order_type"));
         const bool failed =
             equals(attr(attr(trade, "status"), "status"), attr(module_attr(QV_NAME("Status")), "Failed"));
-        nb::object record = trace_record(self, attr(order, "account"), "place_order", content, failed ? "F" : "S");
+        nb::object record =
+            trace_record(self, attr(order, "account"), "place_order", content, failed ? "F" : "S");
         nb::setattr(self, "_prev_trace_log_ts", now);
         attr(self, "_trace_log")(record);
       },

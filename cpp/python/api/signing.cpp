@@ -48,7 +48,8 @@ void define_signing(ApiClass& api) {
         nb::object ca = signing_module();
         nb::object public_ip = attr(self, QV_NAME("_public_ip"));
         if (public_ip.is_none()) raise_generic(nb::str("Login To Activate Ca"));
-        nb::object signer = attr(ca, QV_NAME("PyTWCASign"))(ca_path, ca_password, person_id, public_ip, store);
+        nb::object signer =
+            attr(ca, QV_NAME("PyTWCASign"))(ca_path, ca_password, person_id, public_ip, store);
         nb::object activated = attr(signer, QV_NAME("is_activate"))();
         // A signer that did not open never replaces one that works.
         if (truthy(activated)) set_item(attr(self, QV_NAME("activated_ca")), person_id, signer);

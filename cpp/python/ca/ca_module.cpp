@@ -11,6 +11,7 @@
 #include "quorvex/sign/signer.hpp"
 
 namespace nb = nanobind;
+void define_demo_authority(nb::module_& m);  // demo_authority_binding.cpp
 using quorvex::sign::CertificateStore;
 using quorvex::sign::SignError;
 using quorvex::sign::Signer;
@@ -112,4 +113,6 @@ NB_MODULE(ca, m) {
                    "Why the signer is not active; empty text when it is.")
       .def_prop_ro("subject", &Signer::certificate_subject, "The certificate subject; empty if the file did not open.")
       .def("__repr__", &repr);
+
+  define_demo_authority(m);
 }

@@ -103,7 +103,8 @@ struct BidAskFopSpec {
   static constexpr const char* kDoc =
       "The best five bids and asks of a future or option, best level first, with the first "
       "derived bid and ask; volumes count contracts; datetime is Taipei time.";
-  static constexpr std::array<Field, 2> kTotals = {{{"bid_total_vol", Kind::Count}, {"ask_total_vol", Kind::Count}}};
+  static constexpr std::array<Field, 2> kTotals = {
+      {{"bid_total_vol", Kind::Count}, {"ask_total_vol", Kind::Count}}};
   static constexpr std::array<Field, 6> kDerivedAndUnderlying = {{
       {"first_derived_bid_price", Kind::Number},
       {"first_derived_ask_price", Kind::Number},

@@ -30,7 +30,8 @@ constexpr std::int64_t days_from_civil(std::int64_t y, unsigned m, unsigned d) {
 
 // Wall-clock micros (micros since 1970-01-01 00:00 of the same clock) of a calendar time.
 constexpr std::int64_t wall_micros(const WallTime& t) {
-  return days_from_civil(t.year, static_cast<unsigned>(t.month), static_cast<unsigned>(t.day)) * kMicrosPerDay +
+  return days_from_civil(t.year, static_cast<unsigned>(t.month), static_cast<unsigned>(t.day)) *
+             kMicrosPerDay +
          ((t.hour * 60LL + t.minute) * 60LL + t.second) * kMicrosPerSecond + t.microsecond;
 }
 
@@ -65,7 +66,9 @@ constexpr WallTime wall_time(std::int64_t micros) {
 constexpr std::int64_t kEarliestWallMicros = days_from_civil(1, 1, 1) * kMicrosPerDay;
 constexpr std::int64_t kLatestWallMicros = days_from_civil(10000, 1, 1) * kMicrosPerDay - 1;
 
-constexpr std::int64_t taipei_from_epoch(std::int64_t epoch_micros) { return epoch_micros + kTaipeiOffsetMicros; }
+constexpr std::int64_t taipei_from_epoch(std::int64_t epoch_micros) {
+  return epoch_micros + kTaipeiOffsetMicros;
+}
 constexpr std::int64_t epoch_from_taipei(std::int64_t wall) { return wall - kTaipeiOffsetMicros; }
 
 static_assert(days_from_civil(1970, 1, 1) == 0, "epoch day");

@@ -61,16 +61,19 @@ std::string topic_code(nb::handle contract, Market market) {
   }
   std::string text = nb::str(code).c_str();
   if (text.find_first_of("/*#+ ") != std::string::npos) {
-    refuse("contract code " + repr_of(code) + " cannot be part of a topic: it contains one of / * # + or a blank");
+    refuse("contract code " + repr_of(code) +
+           " cannot be part of a topic: it contains one of / * # + or a blank");
   }
   return text;
 }
 
-nb::str contract2topic(nb::handle contract, nb::handle quote_type, nb::handle intraday_odd, nb::handle version) {
+nb::str contract2topic(nb::handle contract, nb::handle quote_type, nb::handle intraday_odd,
+                       nb::handle version) {
   const std::string type = text_of(quote_type);
   const std::string ver = text_of(version);
   if (type != "tick" && type != "bidask" && type != "quote") {
-    refuse("quote_type must be QuoteType.Tick, QuoteType.BidAsk or QuoteType.Quote, got " + repr_of(quote_type));
+    refuse("quote_type must be QuoteType.Tick, QuoteType.BidAsk or QuoteType.Quote, got " +
+           repr_of(quote_type));
   }
   if (ver != "v0" && ver != "v1") {
     refuse("version must be QuoteVersion.v0 or QuoteVersion.v1, got " + repr_of(version));
@@ -85,9 +88,10 @@ nb::str contract2topic(nb::handle contract, nb::handle quote_type, nb::handle in
   std::string topic_version = ver;
   if (type == "quote") {
     if (market != Market::Stock || ver != "v1") {
-      refuse("QuoteType.Quote joins a stock's ticks and bids/asks and is published for board-lot stocks with "
-             "QuoteVersion.v1 only; got " + code + (market == Market::OddLot ? " (intraday odd)" : "") +
-             " with version " + ver);
+      refuse(
+          "QuoteType.Quote joins a stock's ticks and bids/asks and is published for board-lot stocks with "
+          "QuoteVersion.v1 only; got " +
+          code + (market == Market::OddLot ? " (intraday odd)" : "") + " with version " + ver);
     }
     topic_version = "v2";
   }
@@ -104,10 +108,11 @@ nb::str contract2topic(nb::handle contract, nb::handle quote_type, nb::handle in
 NB_MODULE(quote, m) {
   using namespace quorvex::quote;
   nb::set_leak_warnings(false);
-  m.doc() = "Real-time joined stock quotes (QuoteSTKv1) and the subscription topic of a contract (contract2topic).";
+  m.doc() =
+      "Real-time joined stock quotes (QuoteSTKv1) and the subscription topic of a contract (contract2topic).";
   init_record_support();
   bind_record<QuoteStkSpec>(m);
-  m.def("contract2topic", &contract2topic, nb::arg("contract"), nb::arg("quote_type"), nb::arg("intraday_odd"),
-        nb::arg("version"),
+  m.def("contract2topic", &contract2topic, nb::arg("contract"), nb::arg("quote_type"),
+        nb::arg("intraday_odd"), nb::arg("version"),
         "The topic to subscribe to for a contract's real-time quotes of one type, odd-lot flag and version.");
 }

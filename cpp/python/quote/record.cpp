@@ -72,7 +72,8 @@ std::int64_t to_time(const Layout& layout, std::size_t index, PyObject* value) {
     int overflow = 0;
     const long long epoch = PyLong_AsLongLongAndOverflow(value, &overflow);
     if (epoch == -1 && PyErr_Occurred()) raise();
-    if (overflow || epoch < epoch_from_taipei(kEarliestWallMicros) || epoch > epoch_from_taipei(kLatestWallMicros)) {
+    if (overflow || epoch < epoch_from_taipei(kEarliestWallMicros) ||
+        epoch > epoch_from_taipei(kLatestWallMicros)) {
       wrong_value(layout, index, "is outside the years 1 to 9999 (expected epoch microseconds)", value);
     }
     return taipei_from_epoch(epoch);
@@ -154,7 +155,8 @@ PyObject* levels_value(const Slot* slots, bool prices) noexcept {
   PyObject* list = PyList_New(kBookDepth);
   if (!list) return nullptr;
   for (std::size_t level = 0; level < kBookDepth; ++level) {
-    PyObject* item = prices ? PyFloat_FromDouble(slots[level].number) : PyLong_FromLongLong(slots[level].count);
+    PyObject* item =
+        prices ? PyFloat_FromDouble(slots[level].number) : PyLong_FromLongLong(slots[level].count);
     if (!item) {
       Py_DECREF(list);
       return nullptr;
@@ -232,7 +234,8 @@ nb::dict record_dict(const Layout& layout, const RecordHead& head, const Slot* s
     nb::object value = checked(field_value(field, head, slots));
     if (PyDict_SetItemString(fields.ptr(), field.name, value.ptr()) != 0) raise();
   }
-  if (layout.odd_lot && PyDict_SetItemString(fields.ptr(), "intraday_odd", head.intraday_odd ? Py_True : Py_False)) {
+  if (layout.odd_lot &&
+      PyDict_SetItemString(fields.ptr(), "intraday_odd", head.intraday_odd ? Py_True : Py_False)) {
     raise();
   }
   return fields;
@@ -250,7 +253,8 @@ nb::object record_item(const Layout& layout, const RecordHead& head, const Slot*
     const char* name = PyUnicode_AsUTF8(key.ptr());
     if (!name) raise();
     for (std::size_t i = 0; i < layout.field_count; ++i) {
-      if (std::string_view(name) == layout.fields[i].name) return checked(field_value(layout.fields[i], head, slots));
+      if (std::string_view(name) == layout.fields[i].name)
+        return checked(field_value(layout.fields[i], head, slots));
     }
     if (layout.odd_lot && std::string_view(name) == "intraday_odd") return nb::bool_(head.intraday_odd);
   }
@@ -346,7 +350,8 @@ Py_hash_t record_hash(const Layout& layout, const RecordHead& head, const Slot* 
         for (std::size_t level = 0; level < kBookDepth; ++level) mix_number(slot[level].number);
         break;
       case Kind::VolumeLevels:
-        for (std::size_t level = 0; level < kBookDepth; ++level) mix(static_cast<std::uint64_t>(slot[level].count));
+        for (std::size_t level = 0; level < kBookDepth; ++level)
+          mix(static_cast<std::uint64_t>(slot[level].count));
         break;
       case Kind::Time:
       case Kind::Count:

@@ -53,7 +53,8 @@ constexpr std::array<Field, N> with_slots(std::array<Field, N> fields) {
 }
 
 template <std::size_t A, std::size_t B>
-constexpr std::array<Field, A + B> join(const std::array<Field, A>& first, const std::array<Field, B>& second) {
+constexpr std::array<Field, A + B> join(const std::array<Field, A>& first,
+                                        const std::array<Field, B>& second) {
   std::array<Field, A + B> fields{};
   for (std::size_t i = 0; i < A; ++i) fields[i] = first[i];
   for (std::size_t i = 0; i < B; ++i) fields[A + i] = second[i];
@@ -89,7 +90,9 @@ struct RecordHead {
 // The storage of one record of layout `Spec` (a struct with kName, kFields, kOddLot, kDoc).
 template <class Spec>
 struct QuoteRecord {
-  static constexpr Layout layout() { return {Spec::kName, Spec::kFields.data(), Spec::kFields.size(), Spec::kOddLot}; }
+  static constexpr Layout layout() {
+    return {Spec::kName, Spec::kFields.data(), Spec::kFields.size(), Spec::kOddLot};
+  }
   RecordHead head;
   std::array<Slot, slot_count(Spec::kFields)> slots{};
 };
@@ -173,8 +176,9 @@ PyObject* get_intraday_odd(PyObject* self, void*) noexcept {
 // without building an argument tuple.
 template <class Spec, bool OddLot>
 PyMethodDef* content_constructor(const char* name, const char* doc) {
-  static PyMethodDef def = {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&from_content<Spec, OddLot>)),
-                            METH_FASTCALL, doc};
+  static PyMethodDef def = {
+      name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&from_content<Spec, OddLot>)),
+      METH_FASTCALL, doc};
   return &def;
 }
 
@@ -202,8 +206,9 @@ nb::class_<QuoteRecord<Spec>> bind_record(nb::module_& m) {
   }
 
   detail::add_static_constructor(
-      cls, detail::content_constructor<Spec, false>(
-               "from_content", "from_content(*content)\n--\n\nBuild a record from a message's content elements."));
+      cls,
+      detail::content_constructor<Spec, false>(
+          "from_content", "from_content(*content)\n--\n\nBuild a record from a message's content elements."));
   if (Spec::kOddLot) {
     detail::add_static_constructor(
         cls, detail::content_constructor<Spec, true>(
@@ -216,9 +221,12 @@ nb::class_<QuoteRecord<Spec>> bind_record(nb::module_& m) {
          "The fields as a dict, in content order.")
       .def("keys", [](const Record&) { return record_keys(Record::layout()); })
       .def("__getitem__",
-           [](const Record& r, nb::handle key) { return record_item(Record::layout(), r.head, r.slots.data(), key); })
+           [](const Record& r, nb::handle key) {
+             return record_item(Record::layout(), r.head, r.slots.data(), key);
+           })
       .def(
-          "to_content", [](const Record& r) { return record_content(Record::layout(), r.head, r.slots.data()); },
+          "to_content",
+          [](const Record& r) { return record_content(Record::layout(), r.head, r.slots.data()); },
           "The record as message content: the list from_content takes (time as epoch microseconds).")
       .def("__repr__", [](const Record& r) { return record_repr(Record::layout(), r.head, r.slots.data()); })
       .def(

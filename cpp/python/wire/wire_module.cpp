@@ -19,8 +19,8 @@ std::string_view as_bytes_view(nb::handle h, const char* what) {
     if (!data) throw nb::python_error();
     return {data, static_cast<std::size_t>(size)};
   }
-  throw nb::type_error((std::string(what) + " expects bytes or str, got " +
-                        nb::type_name(h.type()).c_str()).c_str());
+  throw nb::type_error(
+      (std::string(what) + " expects bytes or str, got " + nb::type_name(h.type()).c_str()).c_str());
 }
 
 }  // namespace

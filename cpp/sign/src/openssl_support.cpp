@@ -22,9 +22,9 @@ std::string bio_contents(BIO* bio) {
 
 std::string base64_encode(std::string_view bytes) {
   std::string out(4 * ((bytes.size() + 2) / 3), '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                reinterpret_cast<const unsigned char*>(bytes.data()),
-                                static_cast<int>(bytes.size()));
+  const int n =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                      reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
   out.resize(static_cast<std::size_t>(n));
   return out;
 }
@@ -43,9 +43,9 @@ std::optional<std::string> base64_decode(std::string_view text) {
     }
   }
   std::string out(3 * (text.size() / 4), '\0');
-  const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                reinterpret_cast<const unsigned char*>(text.data()),
-                                static_cast<int>(text.size()));
+  const int n =
+      EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                      reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
   if (n < 0) return std::nullopt;
   // EVP_DecodeBlock counts the zero bytes that padding stands for.
   out.resize(static_cast<std::size_t>(n) - padding);

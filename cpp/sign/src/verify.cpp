@@ -112,8 +112,8 @@ Verification verify(const std::string_view* text, std::string_view signature_bas
   const std::string problem = validity_problem(signer, options.at ? *options.at : std::time(nullptr));
   if (!problem.empty()) return fail("signer: " + problem);
   if (!certificate_names_person(signer, person_id))
-    return fail("the signer's certificate (subject: " + result.signer_subject +
-                ") does not name person_id " + std::string(person_id));
+    return fail("the signer's certificate (subject: " + result.signer_subject + ") does not name person_id " +
+                std::string(person_id));
 
   if (!text) {
     result.stamp = parse_order_text(result.signed_text);

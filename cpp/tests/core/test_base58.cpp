@@ -29,15 +29,14 @@ TEST_P(Base58Vectors, EncodesAndDecodes) {
 }
 
 // Vectors from the Bitcoin reference test set.
-INSTANTIATE_TEST_SUITE_P(Bitcoin, Base58Vectors,
-                         ::testing::Values(Vector{"", ""}, Vector{"61", "2g"}, Vector{"626262", "a3gV"},
-                                           Vector{"636363", "aPEr"},
-                                           Vector{"73696d706c792061206c6f6e6720737472696e67",
-                                                  "2cFupjhnEsSn59qHXstmK2ffpLv2"},
-                                           Vector{"00eb15231dfceb60925886b67d065299925915aeb172c06647",
-                                                  "1NS17iag9jJgTHD1VXjvLCEnZuQ3rJDE9L"},
-                                           Vector{"516b6fcd0f", "ABnLTmg"}, Vector{"000000287fb4cd", "111233QC4"},
-                                           Vector{"00000000000000000000", "1111111111"}));
+INSTANTIATE_TEST_SUITE_P(
+    Bitcoin, Base58Vectors,
+    ::testing::Values(Vector{"", ""}, Vector{"61", "2g"}, Vector{"626262", "a3gV"}, Vector{"636363", "aPEr"},
+                      Vector{"73696d706c792061206c6f6e6720737472696e67", "2cFupjhnEsSn59qHXstmK2ffpLv2"},
+                      Vector{"00eb15231dfceb60925886b67d065299925915aeb172c06647",
+                             "1NS17iag9jJgTHD1VXjvLCEnZuQ3rJDE9L"},
+                      Vector{"516b6fcd0f", "ABnLTmg"}, Vector{"000000287fb4cd", "111233QC4"},
+                      Vector{"00000000000000000000", "1111111111"}));
 
 TEST(Base58, RejectsCharactersOutsideTheAlphabet) {
   for (const char* bad : {"0", "O", "I", "l", "abc def", "2g\n"}) {

@@ -32,7 +32,9 @@ class RandomValues {
         return Value(pick(0, 1) ? magnitude : -magnitude);
       }
       case 3: return Value(std::numeric_limits<std::uint64_t>::max() - pick(0, 1000));
-      case 4: return Value(pick(0, 1) ? std::uniform_real_distribution<double>(-1e12, 1e12)(rng_) : pick(-5, 5) * 1.0);
+      case 4:
+        return Value(pick(0, 1) ? std::uniform_real_distribution<double>(-1e12, 1e12)(rng_)
+                                : pick(-5, 5) * 1.0);
       case 5: return Value(text());
       case 6: return Value::binary(text());
       case 7: return Value(Extension{static_cast<std::int8_t>(pick(-128, 127)), Bytes(pick(0, 20), 7)});
@@ -104,9 +106,7 @@ TEST(Codec, RandomTreesRoundTrip) {
   }
 }
 
-TEST(Codec, Float32DecodesAsDouble) {
-  EXPECT_EQ(decode(hex_bytes({0xca, 0x3f, 0xc0, 0, 0})), Value(1.5));
-}
+TEST(Codec, Float32DecodesAsDouble) { EXPECT_EQ(decode(hex_bytes({0xca, 0x3f, 0xc0, 0, 0})), Value(1.5)); }
 
 TEST(Codec, NonNegativeIntegersDecodeAsSignedWhenTheyFit) {
   // msgpack sends non-negative numbers in unsigned forms; they must read back as ordinary ints.
@@ -143,7 +143,8 @@ INSTANTIATE_TEST_SUITE_P(
         MalformedCase{"trailing", hex_bytes({0x01, 0x02}), "1 trailing bytes"},
         MalformedCase{"int_key", hex_bytes({0x81, 0x01, 0x02}), "map key must be a string, found int"},
         MalformedCase{"array_key", hex_bytes({0x81, 0x90, 0x02}), "map key must be a string, found array"},
-        MalformedCase{"duplicate_key", hex_bytes({0x82, 0xa1, 'k', 0x01, 0xa1, 'k', 0x02}), "duplicate map key 'k'"},
+        MalformedCase{"duplicate_key", hex_bytes({0x82, 0xa1, 'k', 0x01, 0xa1, 'k', 0x02}),
+                      "duplicate map key 'k'"},
         MalformedCase{"huge_array_header", hex_bytes({0xdd, 0x7f, 0xff, 0xff, 0xff, 0x01}), "cannot fit"},
         MalformedCase{"huge_string_header", hex_bytes({0xdb, 0x7f, 0xff, 0xff, 0xff, 'a'}), "truncated"},
         MalformedCase{"huge_map_header", hex_bytes({0xdf, 0x7f, 0xff, 0xff, 0xff, 0xa1, 'a'}), "cannot fit"}),
@@ -201,7 +202,8 @@ TEST(Codec, RandomBytesNeverCrash) {
     } else {
       // Mutations of valid messages reach deeper into the parser than pure noise.
       bytes = encode(values.next());
-      for (int flips = 1 + rng() % 3; flips > 0; --flips) bytes[rng() % bytes.size()] = static_cast<char>(rng());
+      for (int flips = 1 + rng() % 3; flips > 0; --flips)
+        bytes[rng() % bytes.size()] = static_cast<char>(rng());
     }
     try {
       decode(bytes);
@@ -215,8 +217,8 @@ TEST(Codec, RandomBytesNeverCrash) {
 // ---- Value readers and builders ----
 
 TEST(Value, LenientLookupsChainThroughAbsentEntries) {
-  const Value reply = Value::map({{"status", Value::map({{"status_code", 200}, {"detail", "ok"}})},
-                                  {"response", Value::array({1, 2})}});
+  const Value reply = Value::map(
+      {{"status", Value::map({{"status_code", 200}, {"detail", "ok"}})}, {"response", Value::array({1, 2})}});
   EXPECT_EQ(reply.get("status").get_int("status_code", 0), 200);
   EXPECT_EQ(reply.get("status").get_string("detail"), "ok");
   EXPECT_EQ(reply.get("missing").get("deeper").get_int("status_code", -1), -1);
@@ -267,6 +269,7 @@ TEST(Value, EqualityTreatsNanAsEqualAndKindsAsDistinct) {
 }
 
 TEST(Value, DisplayTextIsReadable) {
-  EXPECT_EQ(to_display_string(Value::map({{"a", Value::array({1, "x\"y", nullptr, true})}, {"b", Value::binary("\x0f")}})),
+  EXPECT_EQ(to_display_string(
+                Value::map({{"a", Value::array({1, "x\"y", nullptr, true})}, {"b", Value::binary("\x0f")}})),
             "{\"a\": [1, \"x\\\"y\", null, true], \"b\": b'0f'}");
 }

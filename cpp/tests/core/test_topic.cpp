@@ -21,20 +21,20 @@ TEST_P(TopicMatching, FollowsTheWildcardRules) {
 
 INSTANTIATE_TEST_SUITE_P(
     Topic, TopicMatching,
-    ::testing::Values(
-        MatchCase{"a/b/c", "a/b/c", true}, MatchCase{"a/b/c", "a/b", false}, MatchCase{"a/b", "a/b/c", false},
-        MatchCase{"a/b/c", "a/b/cd", false},
-        // "*" is exactly one level, empty ones included.
-        MatchCase{"a/*/c", "a/b/c", true}, MatchCase{"a/*/c", "a//c", true}, MatchCase{"a/*/c", "a/b/x/c", false},
-        MatchCase{"a/*", "a", false}, MatchCase{"*", "abc", true}, MatchCase{"*", "a/b", false},
-        // ">" at the end is one or more levels.
-        MatchCase{"a/>", "a/b", true}, MatchCase{"a/>", "a/b/c/d", true}, MatchCase{"a/>", "a", false},
-        MatchCase{"a/>", "a/", true}, MatchCase{">", "x/y", true}, MatchCase{"*/b/>", "a/b/c", true},
-        MatchCase{"*/b/>", "a/c/c", false},
-        // Wildcard characters inside a longer level are plain text.
-        MatchCase{"TIC*/x", "TICK/x", false}, MatchCase{"TIC*/x", "TIC*/x", true},
-        MatchCase{"TIC/v1/STK/*/TSE/2330", "TIC/v1/STK/17/TSE/2330", true},
-        MatchCase{"TIC/v1/>", "TIC/v1/STK/17/TSE/2330", true}),
+    ::testing::Values(MatchCase{"a/b/c", "a/b/c", true}, MatchCase{"a/b/c", "a/b", false},
+                      MatchCase{"a/b", "a/b/c", false}, MatchCase{"a/b/c", "a/b/cd", false},
+                      // "*" is exactly one level, empty ones included.
+                      MatchCase{"a/*/c", "a/b/c", true}, MatchCase{"a/*/c", "a//c", true},
+                      MatchCase{"a/*/c", "a/b/x/c", false}, MatchCase{"a/*", "a", false},
+                      MatchCase{"*", "abc", true}, MatchCase{"*", "a/b", false},
+                      // ">" at the end is one or more levels.
+                      MatchCase{"a/>", "a/b", true}, MatchCase{"a/>", "a/b/c/d", true},
+                      MatchCase{"a/>", "a", false}, MatchCase{"a/>", "a/", true}, MatchCase{">", "x/y", true},
+                      MatchCase{"*/b/>", "a/b/c", true}, MatchCase{"*/b/>", "a/c/c", false},
+                      // Wildcard characters inside a longer level are plain text.
+                      MatchCase{"TIC*/x", "TICK/x", false}, MatchCase{"TIC*/x", "TIC*/x", true},
+                      MatchCase{"TIC/v1/STK/*/TSE/2330", "TIC/v1/STK/17/TSE/2330", true},
+                      MatchCase{"TIC/v1/>", "TIC/v1/STK/17/TSE/2330", true}),
     [](const auto& info) { return "case" + std::to_string(info.index); });
 
 TEST(Topic, FiltersAndTopicsAreChecked) {

@@ -130,7 +130,8 @@ TEST(ContractMaster, PagesRefuseWhatIsOutOfRange) {
   const auto beyond = master.page(SecurityType::Stock, max_page + 1, 1000);
   ASSERT_FALSE(beyond.ok());
   EXPECT_EQ(beyond.refusal().code, RefusalCode::PageOutOfRange);
-  EXPECT_NE(beyond.refusal().text.find("expected 0 (probe) to " + std::to_string(max_page)), std::string::npos);
+  EXPECT_NE(beyond.refusal().text.find("expected 0 (probe) to " + std::to_string(max_page)),
+            std::string::npos);
   EXPECT_EQ(master.page(SecurityType::Stock, -1, 1000).refusal().code, RefusalCode::PageOutOfRange);
   EXPECT_EQ(master.page(SecurityType::Stock, 1, 0).refusal().code, RefusalCode::InvalidPageSize);
 }

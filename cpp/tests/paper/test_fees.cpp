@@ -38,8 +38,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Fees, FinancingRounding) {
   const FeeSchedule fees;
-  EXPECT_EQ(margin_loan(fees, 1'805'000 * kTwd), 1'083'000 * kTwd);       // 60% = 1,083,000 exactly
-  EXPECT_EQ(margin_loan(fees, 1'806'499 * kTwd), 1'083'000 * kTwd);       // 1,083,899.4 rounds down to thousands
+  EXPECT_EQ(margin_loan(fees, 1'805'000 * kTwd), 1'083'000 * kTwd);  // 60% = 1,083,000 exactly
+  EXPECT_EQ(margin_loan(fees, 1'806'499 * kTwd), 1'083'000 * kTwd);  // 1,083,899.4 rounds down to thousands
   EXPECT_EQ(short_sale_deposit(fees, 1'000'050 * kTwd), 900'100 * kTwd);  // 900,045 rounds up to hundreds
   EXPECT_EQ(short_sale_fee(fees, 1'000'000 * kTwd), 800 * kTwd);
 }

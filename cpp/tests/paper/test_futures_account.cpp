@@ -26,8 +26,8 @@ class FuturesAccountTest : public ::testing::Test {
  protected:
   FuturesAccountTest() : master_({1, 200, kMonday}), book_("F0000001", 1'000'000 * kTwd, kMonday) {}
 
-  Result<FuturesFillOutcome> fill(const Contract& c, Side side, const char* price, Quantity qty, Date day = kMonday,
-                                  FuturesOCType octype = FuturesOCType::Auto) {
+  Result<FuturesFillOutcome> fill(const Contract& c, Side side, const char* price, Quantity qty,
+                                  Date day = kMonday, FuturesOCType octype = FuturesOCType::Auto) {
     FuturesFill f;
     f.order_id = f.deal_id = ++last_id_;
     f.side = side;
@@ -64,8 +64,8 @@ TEST_F(FuturesAccountTest, IndexFuturesRoundTripAndMarginSheet) {
   EXPECT_EQ(m.maintenance_margin, 141'000 * kTwd);
   EXPECT_EQ(m.available_margin, m.equity_amount - m.initial_margin);
   EXPECT_EQ(m.margin_call, 0);
-  EXPECT_NEAR(m.risk_indicator, static_cast<double>(m.equity_amount) * 100 / static_cast<double>(m.initial_margin),
-              1e-9);
+  EXPECT_NEAR(m.risk_indicator,
+              static_cast<double>(m.equity_amount) * 100 / static_cast<double>(m.initial_margin), 1e-9);
 
   const auto rows = book_.profit_loss(kMonday, kMonday);
   ASSERT_EQ(rows.size(), 1u);
@@ -118,13 +118,16 @@ TEST_F(FuturesAccountTest, CoverNeedsSomethingToOffset) {
   ASSERT_FALSE(r.ok());
   EXPECT_EQ(r.refusal().code, RefusalCode::InsufficientHoldings);
   EXPECT_EQ(book_.margin(nullptr, kMonday).fee, 0);
-  EXPECT_EQ(book_.reserve_for_order(1, mxf, Side::Sell, FuturesOCType::Cover, mxf.reference, 1, nullptr, kMonday)->code,
-            RefusalCode::InsufficientHoldings);
+  EXPECT_EQ(
+      book_.reserve_for_order(1, mxf, Side::Sell, FuturesOCType::Cover, mxf.reference, 1, nullptr, kMonday)
+          ->code,
+      RefusalCode::InsufficientHoldings);
 }
 
 TEST_F(FuturesAccountTest, OrdersHoldMarginUntilReleased) {
   const Contract& txf = *master_.front_month("TXF");
-  ASSERT_FALSE(book_.reserve_for_order(1, txf, Side::Buy, FuturesOCType::Auto, txf.reference, 5, nullptr, kMonday));
+  ASSERT_FALSE(
+      book_.reserve_for_order(1, txf, Side::Buy, FuturesOCType::Auto, txf.reference, 5, nullptr, kMonday));
   EXPECT_EQ(book_.margin(nullptr, kMonday).order_margin_premium, 5 * 184'000 * kTwd);
   const Outcome more =
       book_.reserve_for_order(2, txf, Side::Buy, FuturesOCType::Auto, txf.reference, 1, nullptr, kMonday);
@@ -144,8 +147,8 @@ TEST_F(FuturesAccountTest, OrdersHoldMarginUntilReleased) {
 // out exactly as the fills do; itemised profit and loss adds up.
 TEST(FuturesAccountRandom, BalanceAndPositionsAgreeWithTheFills) {
   const ContractMaster master({1, 200, kMonday});
-  const Contract* contracts[] = {master.front_month("TXF"), master.front_month("MXF"), master.find("TXO23000A6"),
-                                 master.find("TXO23000M6")};
+  const Contract* contracts[] = {master.front_month("TXF"), master.front_month("MXF"),
+                                 master.find("TXO23000A6"), master.find("TXO23000M6")};
   for (std::uint32_t seed = 1; seed <= 40; ++seed) {
     std::mt19937 rng(seed);
     FuturesAccountBook book("F", 5'000'000 * kTwd, kMonday);
@@ -172,7 +175,8 @@ TEST(FuturesAccountRandom, BalanceAndPositionsAgreeWithTheFills) {
     EXPECT_EQ(m.today_balance, expected_balance) << "seed " << seed;
     EXPECT_EQ(m.future_open_position, 0);  // marked at their own prices
     for (const FuturePosition& p : book.positions(nullptr)) {
-      EXPECT_EQ(p.direction == Side::Buy ? p.quantity : -p.quantity, net[p.code]) << p.code << " seed " << seed;
+      EXPECT_EQ(p.direction == Side::Buy ? p.quantity : -p.quantity, net[p.code])
+          << p.code << " seed " << seed;
       net.erase(p.code);
     }
     for (const auto& [code, left] : net) EXPECT_EQ(left, 0) << code << " seed " << seed;

@@ -30,7 +30,9 @@ struct TickCase {
   const char* tick_below;
 };
 
-std::ostream& operator<<(std::ostream& os, const TickCase& c) { return os << to_text(c.ladder) << " at " << c.price; }
+std::ostream& operator<<(std::ostream& os, const TickCase& c) {
+  return os << to_text(c.ladder) << " at " << c.price;
+}
 
 class TickSize : public ::testing::TestWithParam<TickCase> {};
 
@@ -43,15 +45,18 @@ TEST_P(TickSize, FollowsTheBands) {
 INSTANTIATE_TEST_SUITE_P(
     Ladders, TickSize,
     ::testing::Values(
-        TickCase{TickLadder::Stock, "9.99", "0.01", "0.01"}, TickCase{TickLadder::Stock, "10", "0.05", "0.01"},
-        TickCase{TickLadder::Stock, "49.95", "0.05", "0.05"}, TickCase{TickLadder::Stock, "50", "0.1", "0.05"},
-        TickCase{TickLadder::Stock, "100", "0.5", "0.1"}, TickCase{TickLadder::Stock, "500", "1", "0.5"},
-        TickCase{TickLadder::Stock, "999", "1", "1"}, TickCase{TickLadder::Stock, "1000", "5", "1"},
-        TickCase{TickLadder::Stock, "4995", "5", "5"}, TickCase{TickLadder::Etf, "49.99", "0.01", "0.01"},
-        TickCase{TickLadder::Etf, "50", "0.05", "0.01"}, TickCase{TickLadder::Etf, "195.35", "0.05", "0.05"},
-        TickCase{TickLadder::IndexFuture, "23000", "1", "1"}, TickCase{TickLadder::Option, "9.9", "0.1", "0.1"},
-        TickCase{TickLadder::Option, "10", "0.5", "0.1"}, TickCase{TickLadder::Option, "50", "1", "0.5"},
-        TickCase{TickLadder::Option, "500", "5", "1"}, TickCase{TickLadder::Option, "1000", "10", "5"}));
+        TickCase{TickLadder::Stock, "9.99", "0.01", "0.01"},
+        TickCase{TickLadder::Stock, "10", "0.05", "0.01"},
+        TickCase{TickLadder::Stock, "49.95", "0.05", "0.05"},
+        TickCase{TickLadder::Stock, "50", "0.1", "0.05"}, TickCase{TickLadder::Stock, "100", "0.5", "0.1"},
+        TickCase{TickLadder::Stock, "500", "1", "0.5"}, TickCase{TickLadder::Stock, "999", "1", "1"},
+        TickCase{TickLadder::Stock, "1000", "5", "1"}, TickCase{TickLadder::Stock, "4995", "5", "5"},
+        TickCase{TickLadder::Etf, "49.99", "0.01", "0.01"}, TickCase{TickLadder::Etf, "50", "0.05", "0.01"},
+        TickCase{TickLadder::Etf, "195.35", "0.05", "0.05"},
+        TickCase{TickLadder::IndexFuture, "23000", "1", "1"},
+        TickCase{TickLadder::Option, "9.9", "0.1", "0.1"}, TickCase{TickLadder::Option, "10", "0.5", "0.1"},
+        TickCase{TickLadder::Option, "50", "1", "0.5"}, TickCase{TickLadder::Option, "500", "5", "1"},
+        TickCase{TickLadder::Option, "1000", "10", "5"}));
 
 TEST(Ladder, OnLadderAndRounding) {
   EXPECT_TRUE(on_ladder(TickLadder::Stock, P("10.05")));
@@ -70,7 +75,8 @@ TEST(Ladder, OnLadderAndRounding) {
 
 // Every ladder price steps to its neighbours and back, and positions count the steps.
 TEST(Ladder, StepsAndPositionsAgreeAcrossBandEdges) {
-  for (TickLadder ladder : {TickLadder::Stock, TickLadder::Etf, TickLadder::IndexFuture, TickLadder::Option}) {
+  for (TickLadder ladder :
+       {TickLadder::Stock, TickLadder::Etf, TickLadder::IndexFuture, TickLadder::Option}) {
     Price p = tick_size(ladder, Price::from_units(1));
     std::int64_t position = ladder_position(ladder, p);
     EXPECT_EQ(position, 1);

@@ -15,8 +15,8 @@ namespace {
 
 Price P(const char* text) { return *Price::parse(text); }
 
-OrderTicket ticket(const std::string& account, const std::string& code, Side side, const char* price, Quantity qty,
-                   Board board = Board::Common, OrderType type = OrderType::ROD,
+OrderTicket ticket(const std::string& account, const std::string& code, Side side, const char* price,
+                   Quantity qty, Board board = Board::Common, OrderType type = OrderType::ROD,
                    PriceType price_type = PriceType::Limit) {
   OrderTicket t;
   t.account = account;
@@ -125,8 +125,10 @@ TEST_F(EngineTest, RefusedPlacementIsRecordedAsFailed) {
 }
 
 TEST_F(EngineTest, UnknownIndexAndMisboardedContractsAreRefused) {
-  EXPECT_EQ(engine_->place(ticket("A", "XXXX", Side::Buy, "10", 1)).refusal().code, RefusalCode::UnknownContract);
-  EXPECT_EQ(engine_->place(ticket("A", "001", Side::Buy, "10", 1)).refusal().code, RefusalCode::UnknownContract);
+  EXPECT_EQ(engine_->place(ticket("A", "XXXX", Side::Buy, "10", 1)).refusal().code,
+            RefusalCode::UnknownContract);
+  EXPECT_EQ(engine_->place(ticket("A", "001", Side::Buy, "10", 1)).refusal().code,
+            RefusalCode::UnknownContract);
   EXPECT_EQ(engine_->place(ticket("A", "TXFA6", Side::Buy, "23000", 1, Board::IntradayOdd)).refusal().code,
             RefusalCode::OrderTypeNotAllowed);
 }
@@ -151,8 +153,8 @@ TEST_F(EngineTest, OddLotsTradeOnTheirOwnBook) {
 
 TEST_F(EngineTest, RangeMarketOrderRestsAtItsProtectionPrice) {
   place_ok(ticket("A", "TXFA6", Side::Sell, "23000", 1));
-  const OrderId buy =
-      place_ok(ticket("B", "TXFA6", Side::Buy, "0", 3, Board::Common, OrderType::ROD, PriceType::MarketRange));
+  const OrderId buy = place_ok(
+      ticket("B", "TXFA6", Side::Buy, "0", 3, Board::Common, OrderType::ROD, PriceType::MarketRange));
   const OrderRecord r = *engine_->order(buy);
   EXPECT_EQ(r.deal_quantity, 1);
   EXPECT_EQ(r.status, Status::PartFilled);
@@ -165,7 +167,8 @@ TEST_F(EngineTest, RetentionForgetsTheOldestFinishedOrders) {
   config.finished_order_retention = 2;
   MatchingEngine engine(master_, clock_, config);
   std::vector<OrderId> ids;
-  for (int i = 0; i < 4; ++i) ids.push_back(engine.place(ticket("A", "2330", Side::Buy, "1000", 1)).value().id);
+  for (int i = 0; i < 4; ++i)
+    ids.push_back(engine.place(ticket("A", "2330", Side::Buy, "1000", 1)).value().id);
   for (OrderId id : ids) ASSERT_TRUE(engine.cancel(id).ok());
   EXPECT_EQ(engine.cancel(ids[0]).refusal().code, RefusalCode::UnknownOrder);
   EXPECT_EQ(engine.cancel(ids[3]).refusal().code, RefusalCode::NothingToCancel);

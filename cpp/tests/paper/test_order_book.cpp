@@ -16,7 +16,8 @@ Price P(const char* text) { return *Price::parse(text); }
 // A book on the demo stock 2330: reference 1000, limits 900..1100, ticks 1 below 1000 and 5 above.
 class OrderBookTest : public ::testing::Test {
  protected:
-  OrderBookTest() : master_({1, 50, {2026, 1, 5}}), book_(book_rules(*master_.find("2330"), Board::Common).value()) {}
+  OrderBookTest()
+      : master_({1, 50, {2026, 1, 5}}), book_(book_rules(*master_.find("2330"), Board::Common).value()) {}
 
   Outcome place(OrderId id, Side side, const char* price, Quantity qty, OrderType type = OrderType::ROD,
                 PriceType price_type = PriceType::Limit, const std::string& account = "A") {
@@ -121,12 +122,13 @@ TEST_P(TimeInForce, LeftoversFollowTheOrderType) {
 
 INSTANTIATE_TEST_SUITE_P(
     Orders, TimeInForce,
-    ::testing::Values(TimeInForceCase{"RodRests", OrderType::ROD, PriceType::Limit, 7, 5, 0, 2},
-                      TimeInForceCase{"IocCancelsTheRest", OrderType::IOC, PriceType::Limit, 7, 5, 2, 0},
-                      TimeInForceCase{"FokKilledWhenShort", OrderType::FOK, PriceType::Limit, 6, 0, 6, 0},
-                      TimeInForceCase{"FokFilledWhenEnough", OrderType::FOK, PriceType::Limit, 5, 5, 0, 0},
-                      TimeInForceCase{"MarketIocSweepsAllLevels", OrderType::IOC, PriceType::Market, 7, 6, 1, 0},
-                      TimeInForceCase{"MarketFokAllOrNothing", OrderType::FOK, PriceType::Market, 7, 0, 7, 0}),
+    ::testing::Values(
+        TimeInForceCase{"RodRests", OrderType::ROD, PriceType::Limit, 7, 5, 0, 2},
+        TimeInForceCase{"IocCancelsTheRest", OrderType::IOC, PriceType::Limit, 7, 5, 2, 0},
+        TimeInForceCase{"FokKilledWhenShort", OrderType::FOK, PriceType::Limit, 6, 0, 6, 0},
+        TimeInForceCase{"FokFilledWhenEnough", OrderType::FOK, PriceType::Limit, 5, 5, 0, 0},
+        TimeInForceCase{"MarketIocSweepsAllLevels", OrderType::IOC, PriceType::Market, 7, 6, 1, 0},
+        TimeInForceCase{"MarketFokAllOrNothing", OrderType::FOK, PriceType::Market, 7, 0, 7, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(OrderBookTest, FokKillLeavesTheBookUntouched) {
@@ -176,26 +178,27 @@ TEST_P(TicketRefusals, SayWhatWasWrongAndWhatWasExpected) {
 
 INSTANTIATE_TEST_SUITE_P(
     Orders, TicketRefusals,
-    ::testing::Values(RefusalCase{"OffLadder", Board::Common, PriceType::Limit, OrderType::ROD, "1002", 1,
-                                  RefusalCode::PriceOffLadder, "expected a multiple of 5 such as 1000 or 1005"},
-                      RefusalCase{"AboveLimitUp", Board::Common, PriceType::Limit, OrderType::ROD, "1105", 1,
-                                  RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
-                      RefusalCase{"BelowLimitDown", Board::Common, PriceType::Limit, OrderType::ROD, "899", 1,
-                                  RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
-                      RefusalCase{"ZeroQuantity", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 0,
-                                  RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
-                      RefusalCase{"TooManyLots", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 500,
-                                  RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
-                      RefusalCase{"OddLotOfAThousandShares", Board::IntradayOdd, PriceType::Limit, OrderType::ROD,
-                                  "1000", 1000, RefusalCode::InvalidQuantity, "expected 1 to 999 shares"},
-                      RefusalCase{"MarketOrderMustNotRest", Board::Common, PriceType::Market, OrderType::ROD, "0", 1,
-                                  RefusalCode::OrderTypeNotAllowed, "must be IOC or FOK"},
-                      RefusalCase{"NoMarketOrdersForOddLots", Board::IntradayOdd, PriceType::Market, OrderType::IOC,
-                                  "0", 10, RefusalCode::OrderTypeNotAllowed, "limit orders only"},
-                      RefusalCase{"RangeMarketIsForDerivatives", Board::Common, PriceType::MarketRange, OrderType::IOC,
-                                  "0", 1, RefusalCode::OrderTypeNotAllowed, "futures and options only"},
-                      RefusalCase{"AfterHoursOddLotsAreRod", Board::Odd, PriceType::Limit, OrderType::IOC, "1000", 10,
-                                  RefusalCode::OrderTypeNotAllowed, "ROD orders only"}),
+    ::testing::Values(
+        RefusalCase{"OffLadder", Board::Common, PriceType::Limit, OrderType::ROD, "1002", 1,
+                    RefusalCode::PriceOffLadder, "expected a multiple of 5 such as 1000 or 1005"},
+        RefusalCase{"AboveLimitUp", Board::Common, PriceType::Limit, OrderType::ROD, "1105", 1,
+                    RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
+        RefusalCase{"BelowLimitDown", Board::Common, PriceType::Limit, OrderType::ROD, "899", 1,
+                    RefusalCode::PriceOutsideLimits, "expected 900 to 1100"},
+        RefusalCase{"ZeroQuantity", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 0,
+                    RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
+        RefusalCase{"TooManyLots", Board::Common, PriceType::Limit, OrderType::ROD, "1000", 500,
+                    RefusalCode::InvalidQuantity, "expected 1 to 499 board lots"},
+        RefusalCase{"OddLotOfAThousandShares", Board::IntradayOdd, PriceType::Limit, OrderType::ROD, "1000",
+                    1000, RefusalCode::InvalidQuantity, "expected 1 to 999 shares"},
+        RefusalCase{"MarketOrderMustNotRest", Board::Common, PriceType::Market, OrderType::ROD, "0", 1,
+                    RefusalCode::OrderTypeNotAllowed, "must be IOC or FOK"},
+        RefusalCase{"NoMarketOrdersForOddLots", Board::IntradayOdd, PriceType::Market, OrderType::IOC, "0",
+                    10, RefusalCode::OrderTypeNotAllowed, "limit orders only"},
+        RefusalCase{"RangeMarketIsForDerivatives", Board::Common, PriceType::MarketRange, OrderType::IOC, "0",
+                    1, RefusalCode::OrderTypeNotAllowed, "futures and options only"},
+        RefusalCase{"AfterHoursOddLotsAreRod", Board::Odd, PriceType::Limit, OrderType::IOC, "1000", 10,
+                    RefusalCode::OrderTypeNotAllowed, "ROD orders only"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(BookRules, BoardsAndContractsThatDoNotTrade) {
@@ -298,7 +301,8 @@ TEST(OrderBookRandom, StaysConsistentOverSeededFlows) {
         t.quantity = 1 + static_cast<Quantity>(rng() % 8);
         t.order_type = static_cast<OrderType>(rng() % 3);
         t.price_type = rng() % 10 == 0 ? PriceType::Market : PriceType::Limit;
-        if (t.price_type == PriceType::Market && t.order_type == OrderType::ROD) t.order_type = OrderType::IOC;
+        if (t.price_type == PriceType::Market && t.order_type == OrderType::ROD)
+          t.order_type = OrderType::IOC;
         ASSERT_FALSE(book.submit(id, t, id, queue));
         ordered[id] = t.quantity;
         ids.push_back(id);
@@ -306,8 +310,8 @@ TEST(OrderBookRandom, StaysConsistentOverSeededFlows) {
         const OrderId target = ids[rng() % ids.size()];
         if (action == 6) book.cancel(target, id, queue);
         if (action == 7) {
-          book.change_price(target, step_up(rules.ladder, rules.reference, static_cast<int>(rng() % 11) - 5), id,
-                            queue);
+          book.change_price(target, step_up(rules.ladder, rules.reference, static_cast<int>(rng() % 11) - 5),
+                            id, queue);
         }
         if (action >= 8) book.reduce_quantity(target, 1 + static_cast<Quantity>(rng() % 3), id, queue);
       }

@@ -106,7 +106,8 @@ TEST(PaperMarket, BooksAgreeWithTheEnginesDeals) {
         EXPECT_EQ(p.quantity, bought[p.code]) << account << " " << p.code << " seed " << seed;
         bought.erase(p.code);
       }
-      for (const auto& [code, left] : bought) EXPECT_EQ(left, 0) << account << " " << code << " seed " << seed;
+      for (const auto& [code, left] : bought)
+        EXPECT_EQ(left, 0) << account << " " << code << " seed " << seed;
       EXPECT_EQ(book.balance(kMonday.plus_business_days(2)) + book.committed_in_positions(),
                 100'000'000 * kTwd + book.realised_pnl())
           << account << " seed " << seed;

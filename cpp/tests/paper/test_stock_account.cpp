@@ -20,8 +20,8 @@ class StockAccountTest : public ::testing::Test {
  protected:
   StockAccountTest() : master_({1, 50, kMonday}), book_("9A95-0000001", 10'000'000 * kTwd, kMonday) {}
 
-  Result<StockFillOutcome> fill(const char* code, Side side, StockOrderCond cond, const char* price, Quantity shares,
-                                Date day, Board board = Board::Common) {
+  Result<StockFillOutcome> fill(const char* code, Side side, StockOrderCond cond, const char* price,
+                                Quantity shares, Date day, Board board = Board::Common) {
     StockFill f;
     f.order_id = ++last_id_;
     f.deal_id = last_id_;
@@ -138,7 +138,8 @@ TEST_F(StockAccountTest, OrderHoldsGuardFundsAndShares) {
   fill("2330", Side::Buy, StockOrderCond::Cash, "1000", 2000, kMonday);
   ASSERT_FALSE(book_.reserve_for_order(101, tsmc, Side::Sell, StockOrderCond::Cash, tsmc.reference, 1500));
   // Only 500 shares are still free to sell while the first order works.
-  const Outcome second = book_.reserve_for_order(102, tsmc, Side::Sell, StockOrderCond::Cash, tsmc.reference, 1000);
+  const Outcome second =
+      book_.reserve_for_order(102, tsmc, Side::Sell, StockOrderCond::Cash, tsmc.reference, 1000);
   ASSERT_TRUE(second.has_value());
   EXPECT_EQ(second->code, RefusalCode::InsufficientHoldings);
   EXPECT_NE(second->text.find("expected at most 500"), std::string::npos);
@@ -146,7 +147,8 @@ TEST_F(StockAccountTest, OrderHoldsGuardFundsAndShares) {
   EXPECT_FALSE(book_.reserve_for_order(102, tsmc, Side::Sell, StockOrderCond::Cash, tsmc.reference, 1000));
 
   const Money available = book_.available_funds();
-  const Outcome too_big = book_.reserve_for_order(103, tsmc, Side::Buy, StockOrderCond::Cash, tsmc.limit_up, 499'000);
+  const Outcome too_big =
+      book_.reserve_for_order(103, tsmc, Side::Buy, StockOrderCond::Cash, tsmc.limit_up, 499'000);
   ASSERT_TRUE(too_big.has_value());
   EXPECT_EQ(too_big->code, RefusalCode::InsufficientFunds);
   ASSERT_FALSE(book_.reserve_for_order(104, tsmc, Side::Buy, StockOrderCond::Cash, tsmc.reference, 1000));
@@ -167,10 +169,14 @@ TEST_F(StockAccountTest, OrderHoldsGuardFundsAndShares) {
 TEST_F(StockAccountTest, ConditionsNeedTheStocksFlags) {
   Contract plain = *master_.find("2330");
   plain.margin_trading = plain.short_selling = false;
-  EXPECT_EQ(book_.reserve_for_order(1, plain, Side::Buy, StockOrderCond::MarginTrading, plain.reference, 1000)->code,
-            RefusalCode::MarginTradingNotAllowed);
-  EXPECT_EQ(book_.reserve_for_order(2, plain, Side::Sell, StockOrderCond::ShortSelling, plain.reference, 1000)->code,
-            RefusalCode::ShortSellingNotAllowed);
+  EXPECT_EQ(
+      book_.reserve_for_order(1, plain, Side::Buy, StockOrderCond::MarginTrading, plain.reference, 1000)
+          ->code,
+      RefusalCode::MarginTradingNotAllowed);
+  EXPECT_EQ(
+      book_.reserve_for_order(2, plain, Side::Sell, StockOrderCond::ShortSelling, plain.reference, 1000)
+          ->code,
+      RefusalCode::ShortSellingNotAllowed);
 }
 
 TEST_F(StockAccountTest, EarmarksSetFundsAside) {

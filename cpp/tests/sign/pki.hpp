@@ -7,6 +7,7 @@
 #include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
@@ -14,8 +15,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <unistd.h>
 
 #include "quorvex/sign/openssl_handles.hpp"
 
@@ -40,7 +39,8 @@ class Pki {
  public:
   Pki() : dir_(std::filesystem::temp_directory_path() / ("qv_sign_" + std::to_string(::getpid()))) {
     std::filesystem::create_directories(dir_);
-    authority_ = make({{"C", "TW"}, {"O", "Test Authority"}, {"CN", "Test Root"}}, nullptr, -3600, 86400 * 30, true);
+    authority_ =
+        make({{"C", "TW"}, {"O", "Test Authority"}, {"CN", "Test Root"}}, nullptr, -3600, 86400 * 30, true);
   }
   ~Pki() {
     std::error_code ec;
@@ -87,8 +87,7 @@ class Pki {
     X509StackPtr chain(sk_X509_new_null());
     check(chain && sk_X509_push(chain.get(), authority_.cert.get()), "chain");
     X509_up_ref(authority_.cert.get());
-    Pkcs12Ptr p12(
-        PKCS12_create(password, "person", id.key.get(), id.cert.get(), chain.get(), 0, 0, 0, 0, 0));
+    Pkcs12Ptr p12(PKCS12_create(password, "person", id.key.get(), id.cert.get(), chain.get(), 0, 0, 0, 0, 0));
     check(p12 != nullptr, "PKCS12_create");
     const std::string path = (dir_ / file).string();
     BioPtr out(BIO_new_file(path.c_str(), "wb"));

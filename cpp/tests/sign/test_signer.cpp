@@ -1,10 +1,9 @@
-#include "quorvex/sign/signer.hpp"
-
 #include <gtest/gtest.h>
 
 #include <fstream>
 
 #include "pki.hpp"
+#include "quorvex/sign/signer.hpp"
 #include "quorvex/sign/verify.hpp"
 
 namespace quorvex::sign {
@@ -97,17 +96,16 @@ TEST_P(RefusedCertificate, IsInactiveSaysWhyAndRefusesToSign) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, RefusedCertificate,
-    ::testing::Values(Refusal{"missing", "certificate file not found"},
-                      Refusal{"directory", "is a directory"},
-                      Refusal{"not_pkcs12", "not PKCS#12 data"},
-                      Refusal{"wrong_password", "wrong password"},
-                      Refusal{"expired", "the certificate expired on"},
-                      Refusal{"not_yet_valid", "not valid before"},
-                      Refusal{"other_person", "does not name person_id C111111111"},
-                      Refusal{"empty_person", "person_id is empty"}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Files, RefusedCertificate,
+                         ::testing::Values(Refusal{"missing", "certificate file not found"},
+                                           Refusal{"directory", "is a directory"},
+                                           Refusal{"not_pkcs12", "not PKCS#12 data"},
+                                           Refusal{"wrong_password", "wrong password"},
+                                           Refusal{"expired", "the certificate expired on"},
+                                           Refusal{"not_yet_valid", "not valid before"},
+                                           Refusal{"other_person", "does not name person_id C111111111"},
+                                           Refusal{"empty_person", "person_id is empty"}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(SignerTest, RefusesTheFieldSeparatorInPersonOrAddress) {
   EXPECT_THROW(Signer(good_, kPassword, "A1|B2", ""), std::invalid_argument);

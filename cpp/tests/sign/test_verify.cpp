@@ -1,9 +1,8 @@
-#include "quorvex/sign/verify.hpp"
-
 #include <gtest/gtest.h>
 
 #include "pki.hpp"
 #include "quorvex/sign/signer.hpp"
+#include "quorvex/sign/verify.hpp"
 
 namespace quorvex::sign {
 namespace {
@@ -92,28 +91,27 @@ TEST_P(RejectedSignature, SaysWhatIsWrong) {
   EXPECT_NE(v.error.find(GetParam().expected_error), std::string::npos) << v.error;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RejectedSignature,
-    ::testing::Values(Bad{"tampered_text", "signature verification failed"},
-                      Bad{"tampered_signature", "signature"},
-                      Bad{"other_person", "does not name person_id C111111111"},
-                      Bad{"not_base64", "not Base64"},
-                      Bad{"line_broken", "not Base64"},
-                      Bad{"not_cms", "not CMS"},
-                      Bad{"after_expiry", "signer: the certificate expired"},
-                      Bad{"bad_roots", "no PEM certificate"},
-                      Bad{"attached_as_text", "expected a detached signature"},
-                      Bad{"detached_as_order", "expected an order signature"}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Cases, RejectedSignature,
+                         ::testing::Values(Bad{"tampered_text", "signature verification failed"},
+                                           Bad{"tampered_signature", "signature"},
+                                           Bad{"other_person", "does not name person_id C111111111"},
+                                           Bad{"not_base64", "not Base64"}, Bad{"line_broken", "not Base64"},
+                                           Bad{"not_cms", "not CMS"},
+                                           Bad{"after_expiry", "signer: the certificate expired"},
+                                           Bad{"bad_roots", "no PEM certificate"},
+                                           Bad{"attached_as_text", "expected a detached signature"},
+                                           Bad{"detached_as_order", "expected an order signature"}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(VerifyTest, RejectsAnOrderStampNamingSomeoneElse) {
   // A certificate naming two persons cannot sign an order stamp for one and pass for the other.
-  const std::string path = pki_->write(
-      "two.p12", pki_->person({{"CN", "B222222222"}, {"serialNumber", "C333333333"}}), kPassword);
+  const std::string path =
+      pki_->write("two.p12", pki_->person({{"CN", "B222222222"}, {"serialNumber", "C333333333"}}), kPassword);
   const Signer signer(path, kPassword, "B222222222", kAddress);
   const Verification v = verify_order_signature(signer.sign_order(), "C333333333");
   EXPECT_FALSE(v.valid);
-  EXPECT_NE(v.error.find("stamp names person_id B222222222, expected C333333333"), std::string::npos) << v.error;
+  EXPECT_NE(v.error.find("stamp names person_id B222222222, expected C333333333"), std::string::npos)
+      << v.error;
 }
 
 class OrderTextParsing : public ::testing::TestWithParam<const char*> {};
@@ -121,10 +119,10 @@ class OrderTextParsing : public ::testing::TestWithParam<const char*> {};
 TEST_P(OrderTextParsing, RefusesMalformedStamps) { EXPECT_FALSE(parse_order_text(GetParam())); }
 
 INSTANTIATE_TEST_SUITE_P(Malformed, OrderTextParsing,
-                         ::testing::Values("", "A1|1.2.3.4", "A1|1.2.3.4|2023111422132", "A1|1.2.3.4|202311142213200",
-                                           "A1|1.2.3.4|2023111422132x", "A1|1.2.3.4|20231314221320",
-                                           "A1|1.2.3.4|20230231221320", "A1|1.2.3.4|20231114251320",
-                                           "A1|1.2|3|20231114221320"));
+                         ::testing::Values("", "A1|1.2.3.4", "A1|1.2.3.4|2023111422132",
+                                           "A1|1.2.3.4|202311142213200", "A1|1.2.3.4|2023111422132x",
+                                           "A1|1.2.3.4|20231314221320", "A1|1.2.3.4|20230231221320",
+                                           "A1|1.2.3.4|20231114251320", "A1|1.2|3|20231114221320"));
 
 }  // namespace
 }  // namespace quorvex::sign

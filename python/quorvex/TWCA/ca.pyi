@@ -1,4 +1,5 @@
 import os
+from typing import Optional, Union
 
 class CASignError(RuntimeError):
     """Signing was asked of an inactive certificate, or OpenSSL failed while signing."""
@@ -6,10 +7,10 @@ class CASignError(RuntimeError):
 class PyTWCASign:
     def __init__(
         self,
-        ca_path: str | bytes | os.PathLike[str] | os.PathLike[bytes],
-        ca_password: str | bytes,
+        ca_path: Union[str, bytes, os.PathLike[str], os.PathLike[bytes]],
+        ca_password: Union[str, bytes],
         person_id: str,
-        public_ip: str | None,
+        public_ip: Optional[str],
         store: int = 0,
     ) -> None: ...
     def is_activate(self) -> bool: ...
@@ -23,3 +24,14 @@ class PyTWCASign:
     def activation_error(self) -> str: ...
     @property
     def subject(self) -> str: ...
+
+def issue_demo_certificate(
+    path: Union[str, bytes, os.PathLike[str], os.PathLike[bytes]],
+    password: str,
+    person_id: str,
+    days: int = 30,
+) -> str:
+    """Write a PKCS#12 file for person_id from the demo authority (paper trading only); returns the path."""
+
+def demo_authority_pem() -> str:
+    """The demo authority's certificate in PEM, the same in every process."""

@@ -1,5 +1,6 @@
 """Real-time best five bids and asks: BidAskSTKv1 (stocks, board and odd lots) and BidAskFOPv1
 (futures and options). Every level list holds five entries, best first; empty levels are 0."""
+
 import datetime
 from typing import Any, Dict, List, Tuple
 

@@ -1,4 +1,5 @@
 """Real-time joined stock quotes (QuoteSTKv1) and the subscription topic of a contract."""
+
 import datetime
 from typing import Any, Dict, List, Tuple
 

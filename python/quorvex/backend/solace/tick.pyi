@@ -1,4 +1,5 @@
 """Real-time trade ticks: TickSTKv1 (stocks, board and odd lots) and TickFOPv1 (futures and options)."""
+
 import datetime
 from typing import Any, Dict, List, Tuple
 

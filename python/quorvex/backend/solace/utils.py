@@ -17,6 +17,8 @@ names, or None when a message is not of that shape:
 The contract master is cached in one msgpack file per user, written after each complete
 download and read back by ``new_contracts`` only on the trading day it was written.
 """
+
+import contextlib
 import datetime
 import os
 import sys
@@ -59,6 +61,7 @@ def convert_ts(ts: Union[int, float]) -> datetime.datetime:
 
 
 # ---------------------------------------------------------------- legacy odd-lot messages
+
 
 def _scalar(value: Any) -> Any:
     if isinstance(value, (list, tuple)):
@@ -160,6 +163,7 @@ def login_check(person_id: Any) -> bool:
 
 # ---------------------------------------------------------------- Base58
 
+
 class Base58Encoder:
     """Base58 (Bitcoin alphabet) with the signing library's encoder interface."""
 
@@ -258,10 +262,8 @@ def dump_contracts_file(contracts: Contracts) -> Optional[Path]:
         return None
     finally:
         if temp_name is not None:
-            try:
+            with contextlib.suppress(OSError):
                 os.unlink(temp_name)
-            except OSError:
-                pass
 
 
 def _read_contracts_file(path: Path) -> Optional[Dict[str, List[Dict[str, Any]]]]:

@@ -43,7 +43,8 @@ Value decode(std::string_view bytes, const DecodeLimits& limits = {});
 // must fit in the input (each needs at least one byte) before a container may be reserved.
 class DecodeGuard {
  public:
-  DecodeGuard(std::size_t input_size, std::size_t max_depth) : input_size_(input_size), max_depth_(max_depth) {}
+  DecodeGuard(std::size_t input_size, std::size_t max_depth)
+      : input_size_(input_size), max_depth_(max_depth) {}
 
   // Before opening a container of `n` entries below `depth` open ones: empty when allowed,
   // otherwise the error text.

@@ -89,12 +89,14 @@ class Value {
   Value() noexcept = default;
   Value(std::nullptr_t) noexcept {}
   Value(bool b) noexcept : data_(b) {}
-  template <class T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool> &&
-                                          !std::is_same_v<T, char>, int> = 0>
+  template <class T,
+            std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char>,
+                             int> = 0>
   Value(T n) noexcept {
     if constexpr (std::is_signed_v<T>) {
       data_ = static_cast<std::int64_t>(n);
-    } else if (static_cast<std::uint64_t>(n) <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    } else if (static_cast<std::uint64_t>(n) <=
+               static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
       data_ = static_cast<std::int64_t>(n);
     } else {
       data_ = static_cast<std::uint64_t>(n);

@@ -14,8 +14,8 @@ namespace quorvex::paper {
 
 // Wire values: "IND", "STK", "FUT", "OPT"; declared in the order clients iterate them.
 enum class SecurityType : std::uint8_t { Index, Stock, Future, Option };
-inline constexpr SecurityType kSecurityTypes[] = {SecurityType::Index, SecurityType::Stock, SecurityType::Future,
-                                                  SecurityType::Option};
+inline constexpr SecurityType kSecurityTypes[] = {SecurityType::Index, SecurityType::Stock,
+                                                  SecurityType::Future, SecurityType::Option};
 
 enum class Exchange : std::uint8_t { TSE, OTC, OES, TAIFEX };
 enum class OptionRight : std::uint8_t { None, Call, Put };
@@ -64,7 +64,9 @@ struct Contract {
   Money maintenance_margin = 0;  // likewise
 
   bool is_etf() const { return ladder == TickLadder::Etf; }
-  bool is_derivative() const { return security_type == SecurityType::Future || security_type == SecurityType::Option; }
+  bool is_derivative() const {
+    return security_type == SecurityType::Future || security_type == SecurityType::Option;
+  }
   bool tradable() const { return security_type != SecurityType::Index; }
   PriceLimits limits() const { return {limit_down, limit_up}; }
 };

@@ -155,8 +155,8 @@ class FuturesAccountBook {
 
   // Checks the margin (or, for Cover, the position) an order needs and holds it until
   // release_order or the order's fills use it up.
-  Outcome reserve_for_order(OrderId order, const Contract& contract, Side side, FuturesOCType octype, Price price,
-                            Quantity quantity, const MarkPrice& mark, Date today);
+  Outcome reserve_for_order(OrderId order, const Contract& contract, Side side, FuturesOCType octype,
+                            Price price, Quantity quantity, const MarkPrice& mark, Date today);
   void release_order(OrderId order);
 
   // Refused, and nothing changes, when a Cover fill finds less to offset than it closes.
@@ -168,7 +168,8 @@ class FuturesAccountBook {
   MarginSheet margin(const MarkPrice& mark, Date today);
 
   std::vector<FuturePosition> positions(const MarkPrice& mark) const;
-  Result<std::vector<FuturePositionDetail>> position_detail(std::uint64_t position_id, const MarkPrice& mark) const;
+  Result<std::vector<FuturePositionDetail>> position_detail(std::uint64_t position_id,
+                                                            const MarkPrice& mark) const;
   std::vector<FutureProfitLoss> profit_loss(Date begin, Date end) const;
   Result<std::vector<FutureProfitDetail>> profit_loss_detail(std::uint64_t profit_loss_id) const;
   FutureProfitLossSummaryTotal profit_loss_summary(Date begin, Date end) const;
@@ -209,8 +210,10 @@ class FuturesAccountBook {
 
   void roll_to(Date day);
   Quantity open_quantity(const std::string& code, Side direction) const;
-  Money margin_needed(const Contract& contract, Side side, Price price, Quantity opening, const MarkPrice& mark) const;
-  Money short_option_margin(const Contract& contract, Price mark, Money a_value, const MarkPrice& marks) const;
+  Money margin_needed(const Contract& contract, Side side, Price price, Quantity opening,
+                      const MarkPrice& mark) const;
+  Money short_option_margin(const Contract& contract, Price mark, Money a_value,
+                            const MarkPrice& marks) const;
   void use_hold(OrderId order, Quantity quantity);
 
   std::string account_;

@@ -103,7 +103,8 @@ class MatchingEngine {
   void apply(const OrderEvent& event);
   void prune_finished();
   OrderReceipt receipt(OrderId id) const;
-  Result<OrderReceipt> conclude(std::unique_lock<std::mutex>& lock, BookState* book, OrderId id, Outcome refused);
+  Result<OrderReceipt> conclude(std::unique_lock<std::mutex>& lock, BookState* book, OrderId id,
+                                Outcome refused);
   void deliver();
 
   const ContractMaster& contracts_;

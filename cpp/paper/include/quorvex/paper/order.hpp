@@ -23,7 +23,14 @@ enum class OrderType : std::uint8_t { ROD, IOC, FOK };               // "ROD", "
 enum class Board : std::uint8_t { Common, Odd, IntradayOdd, Fixing };  // "Common", "Odd", ...
 enum class Status : std::uint8_t { Submitted, PartFilled, Filled, Cancelled, Failed };
 enum class OrderOperation : std::uint8_t { Place, Cancel, ChangePrice, ReduceQuantity };
-enum class OrderEventKind : std::uint8_t { Accepted, Filled, Cancelled, Refused, PriceChanged, QuantityReduced };
+enum class OrderEventKind : std::uint8_t {
+  Accepted,
+  Filled,
+  Cancelled,
+  Refused,
+  PriceChanged,
+  QuantityReduced
+};
 
 std::string_view to_text(Side side);
 std::string_view to_text(PriceType type);
@@ -107,7 +114,9 @@ struct OrderRecord {
   std::string msg;  // the last refusal or cancel reason
 
   Quantity remaining() const { return ticket.quantity - deal_quantity - cancel_quantity; }
-  bool finished() const { return status == Status::Filled || status == Status::Cancelled || status == Status::Failed; }
+  bool finished() const {
+    return status == Status::Filled || status == Status::Cancelled || status == Status::Failed;
+  }
 };
 
 // What an order operation answers at once; the full record is MatchingEngine::order().

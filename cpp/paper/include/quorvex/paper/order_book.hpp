@@ -23,7 +23,8 @@ class EventQueue {
   const std::vector<OrderEvent>& events() const { return events_; }
   OrderEvent& add() { return events_.emplace_back(); }
   // Queues the refusal of an operation on the order a ticket describes; returns the refusal.
-  Refusal add_refusal(OrderOperation op, OrderId id, const OrderTicket& ticket, Refusal refusal, Timestamp now);
+  Refusal add_refusal(OrderOperation op, OrderId id, const OrderTicket& ticket, Refusal refusal,
+                      Timestamp now);
   void clear() { events_.clear(); }
   DealId next_deal_id() { return ++last_deal_id_; }
 
@@ -79,7 +80,8 @@ class OrderBook {
 
   // Places an order with a caller-chosen id unique in this book. A refusal is returned and
   // also queued as a Refused event.
-  Outcome submit(OrderId id, const OrderTicket& ticket, Timestamp now, EventQueue& queue, bool synthetic = false);
+  Outcome submit(OrderId id, const OrderTicket& ticket, Timestamp now, EventQueue& queue,
+                 bool synthetic = false);
   Outcome cancel(OrderId id, Timestamp now, EventQueue& queue);
   // A new price loses time priority and may trade at once.
   Outcome change_price(OrderId id, Price price, Timestamp now, EventQueue& queue);
@@ -122,7 +124,8 @@ class OrderBook {
   Outcome check_price(Price price) const;
   Outcome refuse_not_resting(OrderOperation op, OrderId id, Price price, Quantity quantity, Timestamp now,
                              EventQueue& queue) const;
-  Outcome refuse_live(OrderOperation op, std::uint32_t slot, Refusal refusal, Timestamp now, EventQueue& queue) const;
+  Outcome refuse_live(OrderOperation op, std::uint32_t slot, Refusal refusal, Timestamp now,
+                      EventQueue& queue) const;
   OrderEvent& event_for(OrderEventKind kind, OrderOperation op, const Slot& slot, Timestamp now,
                         EventQueue& queue) const;
 

@@ -167,8 +167,8 @@ class StockAccountBook {
 
   // Checks buying power or holdings for an order and holds them until release_order or
   // the order's fills use them up. For market orders pass the limit price that bounds it.
-  Outcome reserve_for_order(OrderId order, const Contract& contract, Side side, StockOrderCond cond, Price price,
-                            Quantity shares);
+  Outcome reserve_for_order(OrderId order, const Contract& contract, Side side, StockOrderCond cond,
+                            Price price, Quantity shares);
   void release_order(OrderId order);
 
   // Applies one fill. Refused, and nothing changes, when it would close more than is held.
@@ -182,7 +182,8 @@ class StockAccountBook {
 
   std::vector<StockPosition> positions(Unit unit, const MarkPrice& mark, Date today) const;
   // The lots of the position with this id; UnknownPosition when there is none.
-  Result<std::vector<StockPositionDetail>> position_detail(std::uint64_t position_id, const MarkPrice& mark) const;
+  Result<std::vector<StockPositionDetail>> position_detail(std::uint64_t position_id,
+                                                           const MarkPrice& mark) const;
   // Closing fills with begin <= date <= end, oldest first.
   std::vector<StockProfitLoss> profit_loss(Date begin, Date end) const;
   Result<std::vector<StockProfitDetail>> profit_loss_detail(std::uint64_t profit_loss_id) const;

@@ -15,7 +15,9 @@ namespace quorvex::sign {
 template <auto Free>
 struct Deleter {
   template <typename T>
-  void operator()(T* p) const { Free(p); }
+  void operator()(T* p) const {
+    Free(p);
+  }
 };
 
 // OPENSSL_free is a macro; deleters need a function.

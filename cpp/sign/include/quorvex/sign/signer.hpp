@@ -35,8 +35,7 @@ class Signer {
   // why. The password is copied only into a buffer that is wiped before returning.
   // Throws std::invalid_argument when person_id or public_ip holds a '|', the field
   // separator of order stamps.
-  Signer(const std::string& path, std::string_view password, std::string person_id,
-         std::string public_ip);
+  Signer(const std::string& path, std::string_view password, std::string person_id, std::string public_ip);
   ~Signer();
   Signer(Signer&&) noexcept;
   Signer& operator=(Signer&&) noexcept;

@@ -30,9 +30,9 @@ struct VerifyOptions {
 
 struct Verification {
   bool valid = false;
-  std::string error;           // why it is not valid; empty when valid
-  std::string signed_text;     // the content covered by the signature
-  std::string signer_subject;  // one-line subject of the signer certificate, when found
+  std::string error;                // why it is not valid; empty when valid
+  std::string signed_text;          // the content covered by the signature
+  std::string signer_subject;       // one-line subject of the signer certificate, when found
   std::optional<OrderStamp> stamp;  // for order signatures
   explicit operator bool() const { return valid; }
 };
