@@ -172,7 +172,8 @@ def main():
     print("|---|---|---|---|---|---|---|---|---|")
     for r in runs:
         print(
-            f"| {r['name']} | {r['stocks']:,} | {r['speed']:,.0f}x | {r['rate']:,.0f} | {r['rate'] / baseline:.3f} | "
+            f"| {r['name']} | {r['stocks']:,} | {r['speed']:,.0f}x | {r['rate']:,.0f} | "
+            f"{r['rate'] / baseline:.3f} | "
             f"{r['missing']} | {r['median_ms']:.1f} | {r['p99_ms']:.1f} | {r['drained_s']:.2f} |"
         )
 

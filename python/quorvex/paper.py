@@ -15,6 +15,7 @@ configuration, build it and attach it to a bus, and connect to ``inproc://NAME``
 
 Importing this module also makes ``paper://`` reachable for every session of the process.
 """
+
 from typing import Any, Dict, List, Optional
 
 from pydantic import BaseModel, ConfigDict, Field, field_validator

@@ -49,7 +49,12 @@ def client(connect):
 def logged():
     """Records loguru messages (with exception text) logged during the test."""
     records = []
-    sink = logger.add(lambda message: records.append(message), format="{message}\n{exception}", level="DEBUG",
-                      backtrace=True, diagnose=True)
+    sink = logger.add(
+        lambda message: records.append(message),
+        format="{message}\n{exception}",
+        level="DEBUG",
+        backtrace=True,
+        diagnose=True,
+    )
     yield records
     logger.remove(sink)

@@ -35,8 +35,10 @@ def test_wrap_catches_logs_and_returns_none(api, caught, wrap, attr, args):
     assert len(caught) == 1 and "handler failed" in caught[0].record["exception"].value.args[0]
 
 
-@pytest.mark.parametrize("wrap,attr", [("on_event_wrap", "on_event_callback"),
-                                       ("on_session_down_wrap", "on_session_down_callback")])
+@pytest.mark.parametrize(
+    "wrap,attr",
+    [("on_event_wrap", "on_event_callback"), ("on_session_down_wrap", "on_session_down_callback")],
+)
 def test_wrap_catches_a_missing_handler_too(api, caught, wrap, attr):
     delattr(api, attr)
     args = (1, 2, "info", "event") if wrap == "on_event_wrap" else ()

@@ -1,6 +1,7 @@
 """The paper broker's own matches and resting orders show in its quotes and history."""
 
 import pytest
+
 from quorvex.constant import Action, OrderType, PriceType, QuoteType, QuoteVersion
 from quorvex.contracts import Stock
 from quorvex.order import Order

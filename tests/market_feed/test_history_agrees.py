@@ -4,6 +4,7 @@ import datetime
 from collections import OrderedDict
 
 import pytest
+
 from quorvex.constant import QuoteType, QuoteVersion, ScannerType
 
 from .feed_support import HARBOR, INDEX_FUTURE, PREVIOUS_DAY, TRADING_DAY, TSMC, Received, paper_api

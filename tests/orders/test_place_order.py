@@ -1,15 +1,21 @@
 """A placement's life in the trade book: in flight, accepted and re-keyed, failed, refused."""
+
 import logging
 
 import pytest
+
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api
 from quorvex.constant import Status
 from quorvex.error import TokenError
 
 TOPIC = "api/v1/order/place_order"
-ACCEPTED = ok({"order": {"id": "ord-9", "seqno": "000123", "price": 581.0},
-               "status": {"status": "PendingSubmit", "order_ts": 1763600000, "status_code": "0000"}})
+ACCEPTED = ok(
+    {
+        "order": {"id": "ord-9", "seqno": "000123", "price": 581.0},
+        "status": {"status": "PendingSubmit", "order_ts": 1763600000, "status_code": "0000"},
+    }
+)
 
 
 @pytest.fixture
@@ -26,16 +32,24 @@ def test_sends_the_signed_order_and_rekeys_the_accepted_trade(api):
     assert payload["order"]["ca"] == "sig-1" and payload["contract"] == TSMC.dict()
     assert api._trades == {"ord-9": trade} and api._rep_callback_map == {}
     # The server's order fields win; the fields it left out keep the placed values.
-    assert (trade.order.id, trade.order.seqno, trade.order.price, trade.order.quantity) == ("ord-9", "000123", 581.0, 3)
+    assert (trade.order.id, trade.order.seqno, trade.order.price, trade.order.quantity) == (
+        "ord-9",
+        "000123",
+        581.0,
+        3,
+    )
     assert trade.order.ca == "sig-1" and trade.order.account == STOCK_ACCOUNT
     assert (trade.status.id, trade.status.status) == ("ord-9", Status.PendingSubmit)
     assert trade.status.order_datetime == local_time(1763600000)
 
 
-@pytest.mark.parametrize("response, key, when", [
-    ({"order": {"id": "ord-2"}}, "ord-2", local_time(1568768168)),
-    ({"status": {"order_ts": 1763600000}}, "", local_time(1763600000)),
-])
+@pytest.mark.parametrize(
+    "response, key, when",
+    [
+        ({"order": {"id": "ord-2"}}, "ord-2", local_time(1568768168)),
+        ({"status": {"order_ts": 1763600000}}, "", local_time(1763600000)),
+    ],
+)
 def test_accepted_reply_with_missing_fields(api, response, key, when):
     api.session.reply(TOPIC, ok(response))
     trade = api.place_order(TSMC, order())
@@ -43,8 +57,10 @@ def test_accepted_reply_with_missing_fields(api, response, key, when):
 
 
 def test_reply_status_keys_override_the_computed_ones(api):
-    api.session.reply(TOPIC, ok({"order": {"id": "ord-3"},
-                                 "status": {"id": "srv-3", "order_datetime": "2026-11-20T09:00:00"}}))
+    api.session.reply(
+        TOPIC,
+        ok({"order": {"id": "ord-3"}, "status": {"id": "srv-3", "order_datetime": "2026-11-20T09:00:00"}}),
+    )
     trade = api.place_order(TSMC, order())
     assert api._trades == {"ord-3": trade} and trade.status.id == "srv-3"
     assert trade.status.order_datetime.isoformat() == "2026-11-20T09:00:00"
@@ -71,11 +87,17 @@ def test_unsuccessful_reply_leaves_the_trade_under_its_correlation_id(api, caplo
 
 
 def test_refused_token_is_logged_and_raised(api, caplog):
-    api.session.reply(TOPIC, refused(401, "token expired", order={"ca": "MIIB-order-signature"}, token="tok-1"))
+    api.session.reply(
+        TOPIC, refused(401, "token expired", order={"ca": "MIIB-order-signature"}, token="tok-1")
+    )
     with caplog.at_level(logging.ERROR, logger="quorvex"), pytest.raises(TokenError) as info:
         api.place_order(TSMC, order())
     assert (info.value.status_code, info.value.detail) == (401, "token expired")
-    assert "token expired" in caplog.text and "MIIB-order-signature" not in caplog.text and "tok-1" not in caplog.text
+    assert (
+        "token expired" in caplog.text
+        and "MIIB-order-signature" not in caplog.text
+        and "tok-1" not in caplog.text
+    )
     assert api._trades["corr-1"].status.status == Status.Inactive
 
 

@@ -208,12 +208,25 @@ def test_an_unusable_secret_is_named_without_being_shown(api, secret):
 
 @pytest.mark.parametrize(
     "call, error",
-    [(lambda api: api.token_login(7, SECRET, True, 1), "Argument 'key' has incorrect type (expected str, got int)"),
-     (lambda api: api.token_login("k", SECRET.encode(), True, 1),
-      "Argument 'secret_key' has incorrect type (expected str, got bytes)"),
-     (lambda api: api.token_login("k", None, True, 1), "the secret key is missing"),
-     (lambda api: api.simulation_login(7, PERSON), "Argument 'token' has incorrect type (expected str, got int)"),
-     (lambda api: api.simulation_login("t", 7), "Argument 'person_id' has incorrect type (expected str, got int)")],
+    [
+        (
+            lambda api: api.token_login(7, SECRET, True, 1),
+            "Argument 'key' has incorrect type (expected str, got int)",
+        ),
+        (
+            lambda api: api.token_login("k", SECRET.encode(), True, 1),
+            "Argument 'secret_key' has incorrect type (expected str, got bytes)",
+        ),
+        (lambda api: api.token_login("k", None, True, 1), "the secret key is missing"),
+        (
+            lambda api: api.simulation_login(7, PERSON),
+            "Argument 'token' has incorrect type (expected str, got int)",
+        ),
+        (
+            lambda api: api.simulation_login("t", 7),
+            "Argument 'person_id' has incorrect type (expected str, got int)",
+        ),
+    ],
     ids=["key", "secret-bytes", "secret-none", "token", "person_id"],
 )
 def test_other_logins_refuse_credentials_of_the_wrong_type(api, call, error):
