@@ -55,7 +55,8 @@ std::string host_for_display(const std::string& host) {
 
 void register_transport(const std::string& scheme, TransportFactory factory) {
   if (scheme.empty() || scheme.find("://") != std::string::npos) {
-    throw BusError("cannot register transport scheme '" + scheme + "': expected a bare scheme such as 'paper'");
+    throw BusError("cannot register transport scheme '" + scheme +
+                   "': expected a bare scheme such as 'paper'");
   }
   auto& reg = detail::registry();
   std::lock_guard<std::mutex> lock(reg.mutex);
@@ -70,7 +71,8 @@ std::vector<std::string> registered_schemes() {
   return schemes;
 }
 
-std::unique_ptr<Transport> open_transport(const ConnectOptions& options, std::weak_ptr<TransportListener> listener) {
+std::unique_ptr<Transport> open_transport(const ConnectOptions& options,
+                                          std::weak_ptr<TransportListener> listener) {
   const auto pos = options.host.find("://");
   if (pos == std::string::npos || pos == 0) {
     throw BusError("cannot connect to host '" + host_for_display(options.host) +
@@ -87,11 +89,12 @@ std::unique_ptr<Transport> open_transport(const ConnectOptions& options, std::we
     for (const auto& entry : reg.transports) known += (known.empty() ? "" : ", ") + entry.first;
   }
   if (!factory) {
-    throw BusError("cannot connect to host '" + host_for_display(options.host) + "': unknown scheme '" + scheme +
-                   "'; known schemes: " + known);
+    throw BusError("cannot connect to host '" + host_for_display(options.host) + "': unknown scheme '" +
+                   scheme + "'; known schemes: " + known);
   }
   auto transport = factory(options, std::move(listener));
-  if (!transport) throw BusError("cannot connect to host '" + host_for_display(options.host) + "': the transport refused");
+  if (!transport)
+    throw BusError("cannot connect to host '" + host_for_display(options.host) + "': the transport refused");
   return transport;
 }
 

@@ -22,7 +22,9 @@ std::shared_ptr<const SessionEvent> make_event(SessionEventCode code, int respon
 
 void check_options(const ConnectOptions& o) {
   auto require = [&](bool ok, const char* name, int value, const char* expected) {
-    if (!ok) throw std::invalid_argument(std::string(name) + " must be " + expected + ", got " + std::to_string(value));
+    if (!ok)
+      throw std::invalid_argument(std::string(name) + " must be " + expected + ", got " +
+                                  std::to_string(value));
   };
   require(o.connect_timeout_ms > 0, "connect_timeout_ms", o.connect_timeout_ms, "positive");
   require(o.reconnect_retries >= -1, "reconnect_retries", o.reconnect_retries, "-1 (forever) or more");
@@ -80,7 +82,8 @@ class Session::Core : public detail::Endpoint, public std::enable_shared_from_th
   void connect(const ConnectOptions& options);
   void disconnect();
   MessagePtr request(std::string topic, std::string payload, std::chrono::milliseconds timeout);
-  void request_async(std::string topic, std::string payload, std::string corrid, std::shared_ptr<void> context);
+  void request_async(std::string topic, std::string payload, std::string corrid,
+                     std::shared_ptr<void> context);
   void subscribe(const std::string& filter);
   void unsubscribe(const std::string& filter);
   void publish(std::string topic, std::string payload);
@@ -109,8 +112,8 @@ class Session::Core : public detail::Endpoint, public std::enable_shared_from_th
     bool done = false;
   };
   struct Pending {
-    BlockingWait* waiter = nullptr;                // blocking request, on the caller's stack
-    std::shared_ptr<const PendingReply> async;     // non-blocking request
+    BlockingWait* waiter = nullptr;             // blocking request, on the caller's stack
+    std::shared_ptr<const PendingReply> async;  // non-blocking request
   };
 
   void run_dispatcher(const std::shared_ptr<Channel>& channel);
@@ -142,8 +145,12 @@ class LinkListener final : public TransportListener {
   void on_reply(std::uint64_t request_id, MessagePtr reply) override {
     if (auto core = core_.lock()) core->complete(request_id, std::move(reply), channel_);
   }
-  void on_message(MessagePtr message) override { channel_->push(Delivery{DeliveryKind::Message, std::move(message), {}, {}}); }
-  void on_direct(MessagePtr message) override { channel_->push(Delivery{DeliveryKind::Direct, std::move(message), {}, {}}); }
+  void on_message(MessagePtr message) override {
+    channel_->push(Delivery{DeliveryKind::Message, std::move(message), {}, {}});
+  }
+  void on_direct(MessagePtr message) override {
+    channel_->push(Delivery{DeliveryKind::Direct, std::move(message), {}, {}});
+  }
   void on_link_lost(const std::string& reason) override { channel_->flag_link_lost(reason); }
 
  private:
@@ -173,8 +180,11 @@ void Session::Core::connect(const ConnectOptions& options) {
   channel->thread.start([weak = weak_from_this(), channel] {
     if (auto core = weak.lock()) core->run_dispatcher(channel);
   });
-  channel->push(Delivery{DeliveryKind::Event, {}, {},
-                         make_event(SessionEventCode::Connected, 0, "connected to " + host_for_display(options.host))});
+  channel->push(
+      Delivery{DeliveryKind::Event,
+               {},
+               {},
+               make_event(SessionEventCode::Connected, 0, "connected to " + host_for_display(options.host))});
 }
 
 void Session::Core::run_dispatcher(const std::shared_ptr<Channel>& channel) {
@@ -239,7 +249,8 @@ void Session::Core::recover_link(const std::shared_ptr<Channel>& channel, const 
       try {
         transport->subscribe(filter);
       } catch (const BusError& e) {
-        emit(SessionEventCode::SubscriptionError, 1, "could not restore subscription '" + filter + "': " + e.what());
+        emit(SessionEventCode::SubscriptionError, 1,
+             "could not restore subscription '" + filter + "': " + e.what());
       }
     }
     {
@@ -255,7 +266,8 @@ void Session::Core::recover_link(const std::shared_ptr<Channel>& channel, const 
     if (channel_ != channel) return;
     state_ = LinkState::Down;
   }
-  emit(SessionEventCode::Down, 1, "gave up reconnecting to " + host_for_display(options.host) + ": " + last_error);
+  emit(SessionEventCode::Down, 1,
+       "gave up reconnecting to " + host_for_display(options.host) + ": " + last_error);
   channel->push(Delivery{DeliveryKind::SessionDown, {}, {}, {}});
 }
 
@@ -307,7 +319,8 @@ std::shared_ptr<Transport> Session::Core::usable_transport(const std::string& ac
     case LinkState::Closed:
       throw BusError("cannot " + action + ": the session is not connected; call connect() first");
     case LinkState::Reconnecting:
-      throw BusError("cannot " + action + ": the session is reconnecting to " + host_for_display(options_.host));
+      throw BusError("cannot " + action + ": the session is reconnecting to " +
+                     host_for_display(options_.host));
     case LinkState::Down:
       throw BusError("cannot " + action + ": the session is down (reconnecting to " +
                      host_for_display(options_.host) + " failed); connect again");
@@ -329,7 +342,8 @@ MessagePtr Session::Core::request(std::string topic, std::string payload, std::c
     from = Requester{session_id_, client_name_, token_};
   }
   // Capped so that adding it to the clock cannot overflow.
-  const auto deadline = Clock::now() + std::min<std::chrono::milliseconds>(timeout, std::chrono::hours(24 * 365));
+  const auto deadline =
+      Clock::now() + std::min<std::chrono::milliseconds>(timeout, std::chrono::hours(24 * 365));
   try {
     transport->request(make_message(std::move(topic), std::move(payload)), request_id, from);
   } catch (...) {
@@ -347,7 +361,8 @@ MessagePtr Session::Core::request(std::string topic, std::string payload, std::c
 void Session::Core::request_async(std::string topic, std::string payload, std::string corrid,
                                   std::shared_ptr<void> context) {
   check_topic_for(topic, "send a request");
-  auto reply_route = std::make_shared<const PendingReply>(PendingReply{std::move(corrid), std::move(context)});
+  auto reply_route =
+      std::make_shared<const PendingReply>(PendingReply{std::move(corrid), std::move(context)});
   std::shared_ptr<Transport> transport;
   Requester from;
   std::uint64_t request_id;
@@ -377,7 +392,8 @@ void Session::Core::drop_pending(std::uint64_t request_id) {
   }
 }
 
-void Session::Core::complete(std::uint64_t request_id, MessagePtr reply, const std::shared_ptr<Channel>& channel) {
+void Session::Core::complete(std::uint64_t request_id, MessagePtr reply,
+                             const std::shared_ptr<Channel>& channel) {
   std::shared_ptr<const PendingReply> async;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -418,7 +434,8 @@ void Session::Core::subscribe(const std::string& filter) {
     transport->subscribe(filter);
   } catch (...) {
     std::lock_guard<std::mutex> lock(mutex_);
-    subscriptions_.erase(std::remove(subscriptions_.begin(), subscriptions_.end(), filter), subscriptions_.end());
+    subscriptions_.erase(std::remove(subscriptions_.begin(), subscriptions_.end(), filter),
+                         subscriptions_.end());
     throw;
   }
 }
@@ -459,7 +476,8 @@ void Session::Core::set_client_name(std::string name) {
 
 // ---- Session ----
 
-Session::Session(std::shared_ptr<SessionListener> listener) : core_(std::make_shared<Core>(std::move(listener))) {
+Session::Session(std::shared_ptr<SessionListener> listener)
+    : core_(std::make_shared<Core>(std::move(listener))) {
   detail::track_endpoint(core_);
 }
 
@@ -500,13 +518,16 @@ MessagePtr Session::request(std::string topic, std::string payload, std::chrono:
   return core_->request(std::move(topic), std::move(payload), timeout);
 }
 
-void Session::request_async(std::string topic, std::string payload, std::string corrid, std::shared_ptr<void> context) {
+void Session::request_async(std::string topic, std::string payload, std::string corrid,
+                            std::shared_ptr<void> context) {
   core_->request_async(std::move(topic), std::move(payload), std::move(corrid), std::move(context));
 }
 
 void Session::subscribe(const std::string& filter) { core_->subscribe(filter); }
 void Session::unsubscribe(const std::string& filter) { core_->unsubscribe(filter); }
-void Session::publish(std::string topic, std::string payload) { core_->publish(std::move(topic), std::move(payload)); }
+void Session::publish(std::string topic, std::string payload) {
+  core_->publish(std::move(topic), std::move(payload));
+}
 
 void Session::set_disconnect_grace(std::chrono::milliseconds grace) {
   std::lock_guard<std::mutex> lock(core_->mutex_);

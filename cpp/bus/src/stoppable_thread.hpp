@@ -47,9 +47,8 @@ class StoppableThread {
       return false;
     }
     std::unique_lock<std::mutex> lock(mutex_);
-    const bool finished = grace.count() < 0
-                              ? (finished_cv_.wait(lock, [&] { return finished_; }), true)
-                              : finished_cv_.wait_for(lock, grace, [&] { return finished_; });
+    const bool finished = grace.count() < 0 ? (finished_cv_.wait(lock, [&] { return finished_; }), true)
+                                            : finished_cv_.wait_for(lock, grace, [&] { return finished_; });
     lock.unlock();
     if (finished) {
       thread_.join();

@@ -16,7 +16,8 @@ constexpr std::size_t kMaxEncodeDepth = DecodeLimits{}.max_depth;
 
 std::uint32_t checked_length(std::size_t size, const char* what) {
   if (size > 0xffffffffu) {
-    throw CodecError(std::string(what) + " of " + std::to_string(size) + " exceeds the msgpack limit of 2^32-1");
+    throw CodecError(std::string(what) + " of " + std::to_string(size) +
+                     " exceeds the msgpack limit of 2^32-1");
   }
   return static_cast<std::uint32_t>(size);
 }
@@ -41,14 +42,16 @@ void pack_value(msgpack::packer<StringSink>& pk, std::string& out, const Value& 
       break;
     }
     case Value::Kind::Array: {
-      if (depth >= kMaxEncodeDepth) throw CodecError("value nests deeper than " + std::to_string(kMaxEncodeDepth) + " levels");
+      if (depth >= kMaxEncodeDepth)
+        throw CodecError("value nests deeper than " + std::to_string(kMaxEncodeDepth) + " levels");
       const Array& items = v.as_array();
       pk.pack_array(checked_length(items.size(), "array length"));
       for (const auto& item : items) pack_value(pk, out, item, depth + 1);
       break;
     }
     case Value::Kind::Map: {
-      if (depth >= kMaxEncodeDepth) throw CodecError("value nests deeper than " + std::to_string(kMaxEncodeDepth) + " levels");
+      if (depth >= kMaxEncodeDepth)
+        throw CodecError("value nests deeper than " + std::to_string(kMaxEncodeDepth) + " levels");
       const Map& entries = v.as_map();
       pk.pack_map(checked_length(entries.size(), "map size"));
       for (const auto& entry : entries) {
@@ -61,7 +64,8 @@ void pack_value(msgpack::packer<StringSink>& pk, std::string& out, const Value& 
     case Value::Kind::Extension: {
       const Extension& ext = v.as_extension();
       pk.pack_ext(checked_length(ext.data.size(), "extension length"), ext.type);
-      pk.pack_ext_body(reinterpret_cast<const char*>(ext.data.data()), static_cast<std::uint32_t>(ext.data.size()));
+      pk.pack_ext_body(reinterpret_cast<const char*>(ext.data.data()),
+                       static_cast<std::uint32_t>(ext.data.size()));
       break;
     }
   }
@@ -86,12 +90,15 @@ class TreeBuilder {
     if (in_key()) return take_key(data, size);
     return place(std::string(data, size));
   }
-  bool visit_bin(const char* data, std::uint32_t size) { return place(Value::binary(std::string_view(data, size))); }
+  bool visit_bin(const char* data, std::uint32_t size) {
+    return place(Value::binary(std::string_view(data, size)));
+  }
   bool visit_ext(const char* data, std::uint32_t size) {
     // The first byte is the type code, the rest the body.
     Extension ext;
     ext.type = static_cast<std::int8_t>(data[0]);
-    ext.data.assign(reinterpret_cast<const std::uint8_t*>(data) + 1, reinterpret_cast<const std::uint8_t*>(data) + size);
+    ext.data.assign(reinterpret_cast<const std::uint8_t*>(data) + 1,
+                    reinterpret_cast<const std::uint8_t*>(data) + size);
     return place(Value(std::move(ext)));
   }
   bool start_array(std::uint32_t n) { return open(Value(Array()), n, false); }
@@ -113,7 +120,9 @@ class TreeBuilder {
   void parse_error(std::size_t /*parsed_offset*/, std::size_t error_offset) {
     fail(DecodeGuard::malformed_at(error_offset));
   }
-  void insufficient_bytes(std::size_t /*parsed_offset*/, std::size_t /*error_offset*/) { fail(guard_.truncated()); }
+  void insufficient_bytes(std::size_t /*parsed_offset*/, std::size_t /*error_offset*/) {
+    fail(guard_.truncated());
+  }
   bool referenced() const { return false; }
   void set_referenced(bool) {}
 
@@ -206,7 +215,8 @@ class TreeBuilder {
 }  // namespace
 
 std::string DecodeGuard::admit(std::size_t depth, std::uint32_t n, bool is_map) {
-  if (depth >= max_depth_) return "malformed payload: nesting deeper than " + std::to_string(max_depth_) + " levels";
+  if (depth >= max_depth_)
+    return "malformed payload: nesting deeper than " + std::to_string(max_depth_) + " levels";
   owed_ += static_cast<std::size_t>(n) * (is_map ? 2 : 1);
   if (owed_ > input_size_) {
     return std::string("malformed msgpack: ") + (is_map ? "map of " : "array of ") + std::to_string(n) +
@@ -219,7 +229,9 @@ std::string DecodeGuard::truncated() const {
   return "truncated msgpack: the input of " + std::to_string(input_size_) + " bytes ends inside the message";
 }
 
-std::string DecodeGuard::malformed_at(std::size_t offset) { return "malformed msgpack at byte " + std::to_string(offset); }
+std::string DecodeGuard::malformed_at(std::size_t offset) {
+  return "malformed msgpack at byte " + std::to_string(offset);
+}
 
 std::string DecodeGuard::trailing(std::size_t used, std::size_t size) {
   return "malformed msgpack: " + std::to_string(size - used) + " trailing bytes after a message of " +

@@ -156,7 +156,8 @@ void fill_cached_listing(nb::handle self, const CachedListing& listing, nb::hand
   // Reached without an account only when a substituted raise_resp_error let a refusal pass.
   if (!account.is_valid()) {
     nb::object message = format(
-        "local variable 'account' referenced before assignment: the refused reply (status {}) names no account "
+        "local variable 'account' referenced before assignment: the refused reply (status {}) names no "
+        "account "
         "whose cached list could be given to the callback",
         status_code);
     PyErr_SetObject(PyExc_UnboundLocalError, message.ptr());

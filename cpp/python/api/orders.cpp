@@ -113,7 +113,8 @@ nb::object without_secrets(nb::handle value, int depth = 0) {
     for (nb::handle pair : items) {
       nb::handle key = PyTuple_GET_ITEM(pair.ptr(), 0);
       nb::handle item = PyTuple_GET_ITEM(pair.ptr(), 1);
-      nb::object shown = is_secret_key(key) && truthy(item) ? nb::str(kHidden) : without_secrets(item, depth + 1);
+      nb::object shown =
+          is_secret_key(key) && truthy(item) ? nb::str(kHidden) : without_secrets(item, depth + 1);
       changed = changed || !shown.is(item);
       copy[key] = shown;
     }

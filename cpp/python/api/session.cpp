@@ -133,7 +133,8 @@ nb::object hash_password(nb::handle password, nb::handle hashed) {
 // expected and never shows the secret itself.
 nb::object signing_key_of(nb::handle secret_key) {
   if (secret_key.is_none()) {
-    PyErr_SetString(PyExc_TypeError, "the secret key is missing; expected the Base58 text of a 32-byte Ed25519 seed");
+    PyErr_SetString(PyExc_TypeError,
+                    "the secret key is missing; expected the Base58 text of a 32-byte Ed25519 seed");
     throw nb::python_error();
   }
   try {

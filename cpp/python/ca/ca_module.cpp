@@ -13,8 +13,8 @@
 namespace nb = nanobind;
 void define_demo_authority(nb::module_& m);  // demo_authority_binding.cpp
 using quorvex::sign::CertificateStore;
-using quorvex::sign::SignError;
 using quorvex::sign::Signer;
+using quorvex::sign::SignError;
 
 namespace {
 
@@ -25,14 +25,16 @@ std::string path_argument(nb::handle value) {
   nb::object path = nb::steal(PyOS_FSPath(value.ptr()));
   if (!path.is_valid()) {
     PyErr_Clear();
-    throw nb::type_error(("ca_path expects a path (str, bytes or os.PathLike), got " + type_of(value)).c_str());
+    throw nb::type_error(
+        ("ca_path expects a path (str, bytes or os.PathLike), got " + type_of(value)).c_str());
   }
   if (PyUnicode_Check(path.ptr())) {
     path = nb::steal(PyUnicode_EncodeFSDefault(path.ptr()));
     if (!path.is_valid()) throw nb::python_error();
   }
   std::string bytes(PyBytes_AS_STRING(path.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(path.ptr())));
-  if (bytes.find('\0') != std::string::npos) throw nb::value_error("ca_path must not contain a NUL character");
+  if (bytes.find('\0') != std::string::npos)
+    throw nb::value_error("ca_path must not contain a NUL character");
   return bytes;
 }
 
@@ -45,21 +47,24 @@ std::string_view text_view(nb::handle value, const char* what, bool secret) {
     if (!data) {
       // The codec's own message quotes the offending character; never show a secret's.
       PyErr_Clear();
-      throw nb::value_error((std::string(what) + " is not valid Unicode text (it holds a lone surrogate)").c_str());
+      throw nb::value_error(
+          (std::string(what) + " is not valid Unicode text (it holds a lone surrogate)").c_str());
     }
     return {data, static_cast<std::size_t>(size)};
   }
   if (secret && PyBytes_Check(value.ptr()))
     return {PyBytes_AS_STRING(value.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(value.ptr()))};
-  throw nb::type_error((std::string(what) + (secret ? " expects str or bytes, got " : " expects str, got ") +
-                        type_of(value)).c_str());
+  throw nb::type_error(
+      (std::string(what) + (secret ? " expects str or bytes, got " : " expects str, got ") + type_of(value))
+          .c_str());
 }
 
 Signer open_signer(nb::handle ca_path, nb::handle ca_password, std::string person_id,
                    std::optional<std::string> public_ip, int store) {
   if (store != static_cast<int>(CertificateStore::File))
-    throw nb::value_error(("store " + std::to_string(store) +
-                           " is not supported; expected 0, the certificate file store").c_str());
+    throw nb::value_error(
+        ("store " + std::to_string(store) + " is not supported; expected 0, the certificate file store")
+            .c_str());
   const std::string path = path_argument(ca_path);
   const std::string_view password = text_view(ca_password, "ca_password", true);
   nb::gil_scoped_release unlocked;
@@ -79,11 +84,12 @@ NB_MODULE(ca, m) {
 
   nb::exception<SignError>(m, "CASignError", PyExc_RuntimeError);
 
-  nb::class_<Signer>(m, "PyTWCASign",
-                     "A person's signing certificate, opened from a PKCS#12 file. A file that is missing, "
-                     "unreadable, locked with another password, expired or issued to someone else leaves the "
-                     "signer inactive (is_activate() is False, activation_error says why); signing then raises "
-                     "CASignError. The password is not kept.")
+  nb::class_<Signer>(
+      m, "PyTWCASign",
+      "A person's signing certificate, opened from a PKCS#12 file. A file that is missing, "
+      "unreadable, locked with another password, expired or issued to someone else leaves the "
+      "signer inactive (is_activate() is False, activation_error says why); signing then raises "
+      "CASignError. The password is not kept.")
       .def(nb::new_(&open_signer), nb::arg("ca_path"), nb::arg("ca_password"), nb::arg("person_id"),
            nb::arg("public_ip").none(), nb::arg("store") = 0,
            "Open the certificate file. store must be 0 (the file store); public_ip may be None.")
@@ -111,7 +117,8 @@ NB_MODULE(ca, m) {
       .def_prop_ro("public_ip", &Signer::public_ip)
       .def_prop_ro("activation_error", &Signer::activation_error,
                    "Why the signer is not active; empty text when it is.")
-      .def_prop_ro("subject", &Signer::certificate_subject, "The certificate subject; empty if the file did not open.")
+      .def_prop_ro("subject", &Signer::certificate_subject,
+                   "The certificate subject; empty if the file did not open.")
       .def("__repr__", &repr);
 
   define_demo_authority(m);

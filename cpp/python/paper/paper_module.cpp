@@ -109,7 +109,9 @@ ApiKeyConfig api_key_from(nb::handle item, const std::string& where) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    throw nb::value_error(("paper broker config: '" + r.path("public_key") + "' holds a character that is not a hex digit").c_str());
+    throw nb::value_error(
+        ("paper broker config: '" + r.path("public_key") + "' holds a character that is not a hex digit")
+            .c_str());
   };
   for (std::size_t i = 0; i < 32; ++i) {
     api_key.public_key[i] = static_cast<std::uint8_t>(nibble(hex[2 * i]) * 16 + nibble(hex[2 * i + 1]));
@@ -129,21 +131,29 @@ PaperBrokerConfig config_from(nb::handle mapping) {
     person.name = p.text("name");
     person.password = p.text("password");
     std::size_t k = 0;
-    for (nb::handle key : p.list("api_keys")) person.api_keys.push_back(api_key_from(key, where + ".api_keys[" + std::to_string(k++) + "]"));
+    for (nb::handle key : p.list("api_keys"))
+      person.api_keys.push_back(api_key_from(key, where + ".api_keys[" + std::to_string(k++) + "]"));
     for (nb::handle token : p.list("simulation_tokens")) {
-      if (!PyUnicode_Check(token.ptr())) throw nb::type_error(("paper broker config: '" + where + ".simulation_tokens' must hold str").c_str());
+      if (!PyUnicode_Check(token.ptr()))
+        throw nb::type_error(
+            ("paper broker config: '" + where + ".simulation_tokens' must hold str").c_str());
       person.simulation_tokens.push_back(nb::cast<std::string>(token));
     }
     std::size_t a = 0;
-    for (nb::handle account : p.list("accounts")) person.accounts.push_back(account_from(account, where + ".accounts[" + std::to_string(a++) + "]"));
+    for (nb::handle account : p.list("accounts"))
+      person.accounts.push_back(account_from(account, where + ".accounts[" + std::to_string(a++) + "]"));
     config.persons.push_back(std::move(person));
   }
-  config.contracts.size = static_cast<std::size_t>(r.integer("contracts_size", static_cast<std::int64_t>(config.contracts.size)));
-  config.contracts.seed = static_cast<std::uint64_t>(r.integer("contracts_seed", static_cast<std::int64_t>(config.contracts.seed)));
+  config.contracts.size =
+      static_cast<std::size_t>(r.integer("contracts_size", static_cast<std::int64_t>(config.contracts.size)));
+  config.contracts.seed = static_cast<std::uint64_t>(
+      r.integer("contracts_seed", static_cast<std::int64_t>(config.contracts.seed)));
   if (r.has("trading_day")) {
     const std::string day = r.text("trading_day");
     const std::optional<Date> parsed = Date::parse(day);
-    if (!parsed) throw nb::value_error(("paper broker config: 'trading_day' is '" + day + "'; expected YYYY-MM-DD").c_str());
+    if (!parsed)
+      throw nb::value_error(
+          ("paper broker config: 'trading_day' is '" + day + "'; expected YYYY-MM-DD").c_str());
     config.contracts.trading_day = *parsed;
     config.use_config_trading_day = true;
   }
@@ -155,7 +165,8 @@ PaperBrokerConfig config_from(nb::handle mapping) {
     const std::optional<Timestamp> parsed = parse_taipei_instant(start);
     if (!parsed) {
       throw nb::value_error(("paper broker config: 'market_start' is '" + start +
-                             "'; expected YYYY-MM-DDTHH:MM[:SS], Taipei time").c_str());
+                             "'; expected YYYY-MM-DDTHH:MM[:SS], Taipei time")
+                                .c_str());
     }
     config.market_start = *parsed;
   }
@@ -214,8 +225,8 @@ nb::dict demo_config_dict() {
 }
 
 nb::dict demo_credentials() {
-  auto person = [](std::string_view id, std::string_view password, std::string_view key, std::string_view secret,
-                   std::string_view token) {
+  auto person = [](std::string_view id, std::string_view password, std::string_view key,
+                   std::string_view secret, std::string_view token) {
     return dict_of({{"person_id", nb::cast(std::string(id))},
                     {"password", nb::cast(std::string(password))},
                     {"api_key", nb::cast(std::string(key))},
@@ -250,13 +261,13 @@ NB_MODULE(_paper, m) {
   register_paper_scheme();
 
   nb::class_<PaperBroker>(m, "PaperBroker")
-      .def(
-          nb::new_([](nb::handle config) {
-            PaperBrokerConfig cfg = config.is_none() ? demo_config() : config_from(config);
-            nb::gil_scoped_release release;
-            return translating([&] { return std::make_unique<PaperBroker>(std::move(cfg)); });
-          }),
-          nb::arg("config").none() = nb::none(), "A broker of the given configuration dict (the demo one when None).")
+      .def(nb::new_([](nb::handle config) {
+             PaperBrokerConfig cfg = config.is_none() ? demo_config() : config_from(config);
+             nb::gil_scoped_release release;
+             return translating([&] { return std::make_unique<PaperBroker>(std::move(cfg)); });
+           }),
+           nb::arg("config").none() = nb::none(),
+           "A broker of the given configuration dict (the demo one when None).")
       .def(
           "attach",
           [](PaperBroker& self, const std::string& bus_name) {
@@ -273,7 +284,8 @@ NB_MODULE(_paper, m) {
           "Stop serving; requests being decided finish first. Idempotent.")
       .def_prop_ro("attached", &PaperBroker::attached)
       .def_prop_ro("bus_name", &PaperBroker::bus_name)
-      .def("topics", [](PaperBroker& self) { return self.core().topics(); }, "Every topic the broker serves.");
+      .def(
+          "topics", [](PaperBroker& self) { return self.core().topics(); }, "Every topic the broker serves.");
 
   m.def("demo_config", &demo_config_dict, "The demo configuration as a dict (API keys as public keys).");
   m.def("demo_credentials", &demo_credentials, "The demo persons' credentials as dicts.");

@@ -25,7 +25,8 @@ class EchoService {
     options.dispatch = inline_dispatch ? bus::Dispatch::Inline : bus::Dispatch::Worker;
     without_gil([&] {
       responder_ = std::make_unique<bus::Responder>(host, options);
-      responder_->serve(topic_filter, [](const bus::ServiceRequest& r) { r.reply(std::string(r.payload())); });
+      responder_->serve(topic_filter,
+                        [](const bus::ServiceRequest& r) { r.reply(std::string(r.payload())); });
     });
   }
   ~EchoService() {
@@ -98,7 +99,8 @@ void bind_bench(nb::module_& m) {
         });
       },
       nb::arg("bus_name"), nb::arg("down") = true,
-      "Shuts the in-process bus down (every link dropped, reconnects refused), or with down=False reopens it.");
+      "Shuts the in-process bus down (every link dropped, reconnects refused), or with down=False reopens "
+      "it.");
 }
 
 }  // namespace pymqlink

@@ -25,10 +25,10 @@ void check_topic(const std::string& topic) { quorvex::core::check_topic(topic); 
 
 class ClientCallbacks final : public bus::SessionListener {
  public:
-  PyRef on_message;       // f(topic, msg)
-  PyRef on_p2p;           // f(topic, state)
-  PyRef on_event;         // f(resp_code, event_code, info, event)
-  PyRef on_session_down;  // f()
+  PyRef on_message;        // f(topic, msg)
+  PyRef on_p2p;            // f(topic, state)
+  PyRef on_event;          // f(resp_code, event_code, info, event)
+  PyRef on_session_down;   // f()
   PayloadDecoder decoder;  // used with the GIL held
 
   void deliver(std::vector<bus::Delivery>& batch, const std::atomic<bool>& stop) override {
@@ -48,7 +48,8 @@ class ClientCallbacks final : public bus::SessionListener {
     nb::object text;
     nb::object of(const std::string& topic) {
       if (!text.is_valid() || topic != last) {
-        text = nb::steal(PyUnicode_DecodeUTF8(topic.data(), static_cast<Py_ssize_t>(topic.size()), "replace"));
+        text =
+            nb::steal(PyUnicode_DecodeUTF8(topic.data(), static_cast<Py_ssize_t>(topic.size()), "replace"));
         last = topic;
       }
       return text;
@@ -88,7 +89,8 @@ class ClientCallbacks final : public bus::SessionListener {
           where = "event callback";
           nb::object cb = on_event.borrow();
           if (!cb.is_valid()) return;
-          cb(d.event->response_code, static_cast<int>(d.event->code), d.event->info, bus::event_name(d.event->code));
+          cb(d.event->response_code, static_cast<int>(d.event->code), d.event->info,
+             bus::event_name(d.event->code));
           break;
         }
         case bus::DeliveryKind::SessionDown: {
@@ -116,7 +118,8 @@ class ClientCallbacks final : public bus::SessionListener {
 class SolClient {
  public:
   SolClient()
-      : callbacks_(std::make_shared<ClientCallbacks>()), session_(std::make_unique<bus::Session>(callbacks_)) {}
+      : callbacks_(std::make_shared<ClientCallbacks>()),
+        session_(std::make_unique<bus::Session>(callbacks_)) {}
 
   ~SolClient() {
     // The dispatcher may be waiting for the GIL to finish a delivery; let it.
@@ -124,9 +127,9 @@ class SolClient {
     session_.reset();
   }
 
-  void connect(const std::string& host, const std::string& vpn, const std::string& user, const std::string& password,
-               const std::string& clientname, int connect_timeout_ms, int reconnect_retries, int keep_alive_ms,
-               int reconnect_retry_wait, int keep_alive_limit) {
+  void connect(const std::string& host, const std::string& vpn, const std::string& user,
+               const std::string& password, const std::string& clientname, int connect_timeout_ms,
+               int reconnect_retries, int keep_alive_ms, int reconnect_retry_wait, int keep_alive_limit) {
     bus::ConnectOptions o;
     o.host = host;
     o.vpn = vpn;
@@ -146,9 +149,11 @@ class SolClient {
     without_gil([&] { session_->disconnect(); });
   }
 
-  nb::object request(const std::string& topic, nb::handle payload, nb::handle corrid, nb::handle timeout, nb::handle cb) {
+  nb::object request(const std::string& topic, nb::handle payload, nb::handle corrid, nb::handle timeout,
+                     nb::handle cb) {
     check_topic(topic);
-    const long long timeout_ms = timeout.is_none() ? default_timeout_ms_ : to_milliseconds(timeout, "timeout");
+    const long long timeout_ms =
+        timeout.is_none() ? default_timeout_ms_ : to_milliseconds(timeout, "timeout");
     if (!cb.is_none() && !PyCallable_Check(cb.ptr())) {
       throw nb::type_error(("cb must be callable or None, got " + type_name(cb)).c_str());
     }
@@ -189,7 +194,9 @@ class SolClient {
   void set_msg_callback(nb::handle f) { store(callbacks_->on_message, f, "set_msg_callback"); }
   void set_p2p_callback(nb::handle f) { store(callbacks_->on_p2p, f, "set_p2p_callback"); }
   void set_event_callback(nb::handle f) { store(callbacks_->on_event, f, "set_event_callback"); }
-  void set_session_down_callback(nb::handle f) { store(callbacks_->on_session_down, f, "set_session_down_callback"); }
+  void set_session_down_callback(nb::handle f) {
+    store(callbacks_->on_session_down, f, "set_session_down_callback");
+  }
 
   void set_session(const std::string& token) {
     without_gil([&] { session_->set_token(token); });
@@ -220,7 +227,8 @@ class SolClient {
   std::string repr() const {
     if (!sol()) return "<SolClient not connected>";
     // Never the token or the password.
-    return "<SolClient connected to '" + host_ + "' as '" + client_name() + "', session " + session_id() + ">";
+    return "<SolClient connected to '" + host_ + "' as '" + client_name() + "', session " + session_id() +
+           ">";
   }
 
   // Garbage-collector support: the callbacks may refer back to the object owning this client.
@@ -243,20 +251,22 @@ class SolClient {
 
   static long long to_milliseconds(nb::handle value, const char* name) {
     if (PyBool_Check(value.ptr()) || !(PyLong_Check(value.ptr()) || PyFloat_Check(value.ptr()))) {
-      throw nb::type_error((std::string(name) + " must be a number of milliseconds, got " + type_name(value)).c_str());
+      throw nb::type_error(
+          (std::string(name) + " must be a number of milliseconds, got " + type_name(value)).c_str());
     }
     const double ms = PyFloat_AsDouble(value.ptr());
     if (PyErr_Occurred()) throw nb::python_error();
     if (!(ms >= 0) || ms > 1e12) {
-      throw nb::value_error((std::string(name) + " must be zero or more milliseconds, got " +
-                             nb::repr(value).c_str()).c_str());
+      throw nb::value_error(
+          (std::string(name) + " must be zero or more milliseconds, got " + nb::repr(value).c_str()).c_str());
     }
     return static_cast<long long>(std::ceil(ms));
   }
 
   static void store(PyRef& field, nb::handle f, const char* setter) {
     if (!f.is_none() && !PyCallable_Check(f.ptr())) {
-      throw nb::type_error((std::string(setter) + " expects a callable or None, got " + type_name(f)).c_str());
+      throw nb::type_error(
+          (std::string(setter) + " expects a callable or None, got " + type_name(f)).c_str());
     }
     if (f.is_none()) {
       field.reset();
@@ -295,9 +305,10 @@ void bind_client(nb::module_& m) {
                         "A session on the message bus: request/reply, subscriptions, point-to-point messages "
                         "and session events. Constructing it connects nothing.")
       .def(nb::init<>())
-      .def("connect", &SolClient::connect, nb::arg("host"), nb::arg("vpn"), nb::arg("user"), nb::arg("password"),
-           nb::arg("clientname"), nb::arg("connect_timeout_ms") = 3000, nb::arg("reconnect_retries") = 10,
-           nb::arg("keep_alive_ms") = 3000, nb::arg("reconnect_retry_wait") = 3000, nb::arg("keep_alive_limit") = 3)
+      .def("connect", &SolClient::connect, nb::arg("host"), nb::arg("vpn"), nb::arg("user"),
+           nb::arg("password"), nb::arg("clientname"), nb::arg("connect_timeout_ms") = 3000,
+           nb::arg("reconnect_retries") = 10, nb::arg("keep_alive_ms") = 3000,
+           nb::arg("reconnect_retry_wait") = 3000, nb::arg("keep_alive_limit") = 3)
       .def("disconnect", &SolClient::disconnect)
       .def("request", &SolClient::request, nb::arg("topic"), nb::arg("payload").none(),
            nb::arg("corrid").none() = nb::none(), nb::arg("timeout").none() = nb::none(),

@@ -25,10 +25,13 @@ unsigned long& main_thread_ident() {
 }  // namespace
 
 void init_interpreter() {
-  main_thread_ident() = nb::cast<unsigned long>(nb::module_::import_("threading").attr("main_thread")().attr("ident"));
+  main_thread_ident() =
+      nb::cast<unsigned long>(nb::module_::import_("threading").attr("main_thread")().attr("ident"));
 }
 
-bool must_not_retake_gil() { return !interpreter_alive() && PyThread_get_thread_ident() != main_thread_ident(); }
+bool must_not_retake_gil() {
+  return !interpreter_alive() && PyThread_get_thread_ident() != main_thread_ident();
+}
 
 void GilRelease::park_forever() noexcept {
   while (true) std::this_thread::sleep_for(std::chrono::hours(1));

@@ -23,7 +23,8 @@ NB_MODULE(_core, m) {
   nb::exception<quorvex::bus::BusError>(m, "BusError", PyExc_ConnectionError);
 
   m.def(
-      "packb", [](nb::handle obj) {
+      "packb",
+      [](nb::handle obj) {
         const std::string bytes = encode_payload(obj, "obj");
         return nb::bytes(bytes.data(), bytes.size());
       },
@@ -41,7 +42,8 @@ NB_MODULE(_core, m) {
           Py_buffer* view;
           ~Release() { PyBuffer_Release(view); }
         } release{&view};
-        return decode_payload(std::string_view(static_cast<const char*>(view.buf), static_cast<std::size_t>(view.len)));
+        return decode_payload(
+            std::string_view(static_cast<const char*>(view.buf), static_cast<std::size_t>(view.len)));
       },
       nb::arg("data"), "Decode msgpack bytes into plain Python objects.");
 

@@ -1,11 +1,12 @@
 // pymqlink.Responder: services on the bus written in Python, mainly for tests and tools.
 // Handlers run on the responder's worker thread (or inline on the requester's thread) and take
 // the GIL there; every call into the bus releases the GIL first.
+#include "quorvex/bus/responder.hpp"
+
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 
 #include "interpreter.hpp"
-#include "quorvex/bus/responder.hpp"
 #include "quorvex/core/topic.hpp"
 #include "wire.hpp"
 
@@ -32,7 +33,8 @@ class RequestInfo {
   bool replied() const { return handle_.replied(); }
   std::string repr() const {
     // The token is a secret: never shown.
-    return "<RequestInfo topic='" + topic + "' client_name='" + client_name + "' session_id='" + session_id + "'>";
+    return "<RequestInfo topic='" + topic + "' client_name='" + client_name + "' session_id='" + session_id +
+           "'>";
   }
 
   const std::string topic;
@@ -62,7 +64,9 @@ class PyResponder {
     quorvex::core::check_topic_filter(filter);
     require_callable(handler, "serve");
     auto target = std::make_shared<PyRef>(handler);
-    without_gil([&] { responder_->serve(filter, [target](const bus::ServiceRequest& request) { handle(*target, request); }); });
+    without_gil([&] {
+      responder_->serve(filter, [target](const bus::ServiceRequest& request) { handle(*target, request); });
+    });
   }
 
   void stop_serving(const std::string& filter) {
@@ -119,7 +123,8 @@ class PyResponder {
  private:
   static void require_callable(nb::handle f, const char* what) {
     if (!PyCallable_Check(f.ptr())) {
-      throw nb::type_error((std::string(what) + " expects a callable, got " + Py_TYPE(f.ptr())->tp_name).c_str());
+      throw nb::type_error(
+          (std::string(what) + " expects a callable, got " + Py_TYPE(f.ptr())->tp_name).c_str());
     }
   }
 

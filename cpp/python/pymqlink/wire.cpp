@@ -126,7 +126,8 @@ class Encoder {
       if (!value.is_valid()) throw nb::python_error();
       if (PyUnicode_Check(value.ptr())) return encode_str(value.ptr());
     }
-    fail(PyExc_TypeError, std::string("map key of type ") + Py_TYPE(key)->tp_name + " cannot be encoded; expected str");
+    fail(PyExc_TypeError,
+         std::string("map key of type ") + Py_TYPE(key)->tp_name + " cannot be encoded; expected str");
   }
 
   void encode_dict(PyObject* dict, int depth) {
@@ -158,13 +159,15 @@ class Encoder {
     pk_.pack_array(static_cast<std::uint32_t>(size));
     path_.push_back(PathItem{nullptr, 0});
     for (Py_ssize_t i = 0; i < size; ++i) {
-      if (is_list && i >= PyList_GET_SIZE(seq)) fail(PyExc_RuntimeError, "list changed size while it was being encoded");
+      if (is_list && i >= PyList_GET_SIZE(seq))
+        fail(PyExc_RuntimeError, "list changed size while it was being encoded");
       nb::object item = nb::borrow(is_list ? PyList_GET_ITEM(seq, i) : PyTuple_GET_ITEM(seq, i));
       path_.back().index = i;
       encode(item.ptr(), depth + 1);
     }
     path_.pop_back();
-    if (is_list && PyList_GET_SIZE(seq) != size) fail(PyExc_RuntimeError, "list changed size while it was being encoded");
+    if (is_list && PyList_GET_SIZE(seq) != size)
+      fail(PyExc_RuntimeError, "list changed size while it was being encoded");
   }
 
   static bool is_enum(PyObject* obj) {
@@ -188,15 +191,16 @@ class Encoder {
     char buf[48];
     if (PyDateTime_Check(obj)) {
       const int usec = PyDateTime_DATE_GET_MICROSECOND(obj);
-      const int n = std::snprintf(buf, sizeof buf, usec ? "%04d-%02d-%02d %02d:%02d:%02d.%06d" : "%04d-%02d-%02d %02d:%02d:%02d",
-                                  PyDateTime_GET_YEAR(obj), PyDateTime_GET_MONTH(obj), PyDateTime_GET_DAY(obj),
-                                  PyDateTime_DATE_GET_HOUR(obj), PyDateTime_DATE_GET_MINUTE(obj),
-                                  PyDateTime_DATE_GET_SECOND(obj), usec);
+      const int n = std::snprintf(
+          buf, sizeof buf, usec ? "%04d-%02d-%02d %02d:%02d:%02d.%06d" : "%04d-%02d-%02d %02d:%02d:%02d",
+          PyDateTime_GET_YEAR(obj), PyDateTime_GET_MONTH(obj), PyDateTime_GET_DAY(obj),
+          PyDateTime_DATE_GET_HOUR(obj), PyDateTime_DATE_GET_MINUTE(obj), PyDateTime_DATE_GET_SECOND(obj),
+          usec);
       return encode_text(buf, n);
     }
     if (PyDate_Check(obj)) {
-      const int n = std::snprintf(buf, sizeof buf, "%04d-%02d-%02d", PyDateTime_GET_YEAR(obj), PyDateTime_GET_MONTH(obj),
-                                  PyDateTime_GET_DAY(obj));
+      const int n = std::snprintf(buf, sizeof buf, "%04d-%02d-%02d", PyDateTime_GET_YEAR(obj),
+                                  PyDateTime_GET_MONTH(obj), PyDateTime_GET_DAY(obj));
       return encode_text(buf, n);
     }
     if (PyTime_Check(obj)) {
@@ -298,10 +302,12 @@ class ObjectBuilder {
     if (in_key()) return take_key(scratch_.key(data, size));
     return place(PyUnicode_DecodeUTF8(data, size, "strict"));
   }
-  bool visit_bin(const char* data, std::uint32_t size) { return place(PyBytes_FromStringAndSize(data, size)); }
+  bool visit_bin(const char* data, std::uint32_t size) {
+    return place(PyBytes_FromStringAndSize(data, size));
+  }
   bool visit_ext(const char* data, std::uint32_t /*size*/) {
-    return fail("msgpack extension type " + std::to_string(static_cast<int>(static_cast<std::int8_t>(data[0]))) +
-                " is not supported");
+    return fail("msgpack extension type " +
+                std::to_string(static_cast<int>(static_cast<std::int8_t>(data[0]))) + " is not supported");
   }
   bool start_array(std::uint32_t n) {
     if (!admit(n, false)) return false;
@@ -326,7 +332,9 @@ class ObjectBuilder {
   }
   bool end_map_value() { return true; }
   bool end_map() { return close(); }
-  void parse_error(std::size_t, std::size_t error_offset) { fail(quorvex::core::DecodeGuard::malformed_at(error_offset)); }
+  void parse_error(std::size_t, std::size_t error_offset) {
+    fail(quorvex::core::DecodeGuard::malformed_at(error_offset));
+  }
   void insufficient_bytes(std::size_t, std::size_t) { fail(guard_.truncated()); }
   bool referenced() const { return false; }
   void set_referenced(bool) {}

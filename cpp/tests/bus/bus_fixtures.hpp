@@ -65,7 +65,8 @@ class RecordingListener : public quorvex::bus::SessionListener {
   }
 
   // Waits until `pred` holds over the recorded deliveries, up to `timeout`.
-  bool wait_until(const std::function<bool(const std::vector<Seen>&)>& pred, std::chrono::milliseconds timeout = 5s) {
+  bool wait_until(const std::function<bool(const std::vector<Seen>&)>& pred,
+                  std::chrono::milliseconds timeout = 5s) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return pred(seen_); });
   }
@@ -102,7 +103,8 @@ inline std::string bus_host() {
   return std::string("inproc://") + info->test_suite_name() + "." + info->name();
 }
 
-inline quorvex::bus::ConnectOptions options(const std::string& host, const std::string& client_name = "client") {
+inline quorvex::bus::ConnectOptions options(const std::string& host,
+                                            const std::string& client_name = "client") {
   quorvex::bus::ConnectOptions o;
   o.host = host;
   o.user = "user";

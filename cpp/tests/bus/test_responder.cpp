@@ -77,7 +77,9 @@ TEST(Responder, RepliesLaterFromAnotherThread) {
 TEST(Responder, HandlerExceptionsGoToTheErrorHookAndSendNoReply) {
   std::promise<std::string> error;
   ResponderOptions o;
-  o.on_error = [&](const std::string& topic, const std::string& what) { error.set_value(topic + ": " + what); };
+  o.on_error = [&](const std::string& topic, const std::string& what) {
+    error.set_value(topic + ": " + what);
+  };
   Responder responder(bus_host(), o);
   responder.serve("svc/bad", [](const ServiceRequest& r) { r.payload_value(); });
   Client client(bus_host());
@@ -123,7 +125,8 @@ TEST(Responder, CloseWaitsForInlineHandlersOnOtherThreads) {
     finished = true;
   });
   Client client(bus_host());
-  auto call = std::async(std::launch::async, [&] { return client.session.request("svc/slow", "\xc0", 50ms); });
+  auto call =
+      std::async(std::launch::async, [&] { return client.session.request("svc/slow", "\xc0", 50ms); });
   entered.get_future().wait();
   responder.close();
   EXPECT_TRUE(finished.load());

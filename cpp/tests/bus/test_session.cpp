@@ -60,7 +60,8 @@ TEST_P(SessionRequests, BlockingRequestInsideADeliveryCompletes) {
   Client client(bus_host());
   std::promise<bool> nested;
   client.listener->set_hook([&](const Delivery& d) {
-    if (d.kind == DeliveryKind::Direct) nested.set_value(client.session.request("svc/echo", "\xc0", 2s) != nullptr);
+    if (d.kind == DeliveryKind::Direct)
+      nested.set_value(client.session.request("svc/echo", "\xc0", 2s) != nullptr);
   });
   responder.send_to_session(client.session.session_id(), "ORDER", std::string("\xc0"));
   auto result = nested.get_future();
@@ -84,7 +85,9 @@ TEST_P(SessionRequests, AsyncReplyArrivesOnTheDispatcherThreadWithItsCorrelation
 }
 
 INSTANTIATE_TEST_SUITE_P(Dispatch, SessionRequests, ::testing::Values(Dispatch::Worker, Dispatch::Inline),
-                         [](const auto& info) { return info.param == Dispatch::Worker ? "Worker" : "Inline"; });
+                         [](const auto& info) {
+                           return info.param == Dispatch::Worker ? "Worker" : "Inline";
+                         });
 
 TEST(Session, RequestWithoutResponderTimesOutAndLateRepliesAreDropped) {
   Responder responder(bus_host());
@@ -204,7 +207,8 @@ TEST(Session, ThrowingListenerDoesNotStopDelivery) {
   Responder feed(bus_host());
   Client client(bus_host());
   client.listener->set_hook([](const Delivery& d) {
-    if (d.kind == DeliveryKind::Message && d.message->payload == "\x01") throw std::runtime_error("handler bug");
+    if (d.kind == DeliveryKind::Message && d.message->payload == "\x01")
+      throw std::runtime_error("handler bug");
   });
   client.session.subscribe("t");
   feed.publish("t", std::string("\x01"));
@@ -257,7 +261,8 @@ TEST(Session, DisconnectWakesBlockedRequests) {
   Responder responder(bus_host());
   responder.serve("svc/never", [](const ServiceRequest&) {});
   Client client(bus_host());
-  auto result = std::async(std::launch::async, [&] { return client.session.request("svc/never", "\xc0", 10s); });
+  auto result =
+      std::async(std::launch::async, [&] { return client.session.request("svc/never", "\xc0", 10s); });
   std::this_thread::sleep_for(50ms);
   client.session.disconnect();
   ASSERT_EQ(result.wait_for(1s), std::future_status::ready);

@@ -31,8 +31,10 @@ INSTANTIATE_TEST_SUITE_P(
     Transport, BadHosts,
     ::testing::Values(
         HostCase{"203.0.113.7:55555",
-                 "cannot connect to host '203.0.113.7:55555': expected scheme://address, for example inproc://NAME"},
-        HostCase{"nosuch://x", "cannot connect to host 'nosuch://x': unknown scheme 'nosuch'; known schemes: inproc"},
+                 "cannot connect to host '203.0.113.7:55555': expected scheme://address, for example "
+                 "inproc://NAME"},
+        HostCase{"nosuch://x",
+                 "cannot connect to host 'nosuch://x': unknown scheme 'nosuch'; known schemes: inproc"},
         HostCase{"nosuch://user:hunter2@x",
                  "cannot connect to host 'nosuch://***@x': unknown scheme 'nosuch'; known schemes: inproc"},
         HostCase{"inproc://", "cannot connect to host 'inproc://': expected inproc://NAME with a bus name"}));

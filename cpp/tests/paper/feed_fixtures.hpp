@@ -57,7 +57,9 @@ inline const Contract& near_option() {
   const Contract* best = nullptr;
   for (const Contract& c : small_master().contracts(SecurityType::Option)) {
     if (c.delivery_month != front.delivery_month || c.option_right != OptionRight::Call) continue;
-    const auto distance = [&](const Contract& o) { return std::abs(o.strike_price.units() - front.reference.units()); };
+    const auto distance = [&](const Contract& o) {
+      return std::abs(o.strike_price.units() - front.reference.units());
+    };
     if (best == nullptr || distance(c) < distance(*best)) best = &c;
   }
   return *best;
@@ -91,7 +93,8 @@ class RecordingPublisher {
 };
 
 // Waits for a condition the feed's thread brings about; false if it never holds.
-inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(10)) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (std::chrono::steady_clock::now() < deadline) {
     if (condition()) return true;

@@ -51,7 +51,8 @@ class Inbox final : public bus::SessionListener {
   void deliver(std::vector<bus::Delivery>& batch, const std::atomic<bool>&) override {
     std::lock_guard<std::mutex> lock(mutex_);
     for (const bus::Delivery& d : batch) {
-      if (d.kind == bus::DeliveryKind::Direct) pushed_.push_back({d.message->topic, core::decode(d.message->payload)});
+      if (d.kind == bus::DeliveryKind::Direct)
+        pushed_.push_back({d.message->topic, core::decode(d.message->payload)});
     }
     arrived_.notify_all();
   }

@@ -45,7 +45,9 @@ class HistoryTest : public ::testing::Test {
  protected:
   HistoryTest() : clock_(taipei(kTradingDay, 11, 0)), history_(model_, clock_, ledger_) {}
 
-  std::vector<TickRow> all_day(const Contract& c, const Date& day) const { return history_.ticks(c, day, {}); }
+  std::vector<TickRow> all_day(const Contract& c, const Date& day) const {
+    return history_.ticks(c, day, {});
+  }
 
   MarketModel model_{small_master(), kSeed};
   TestClock clock_;
@@ -75,7 +77,9 @@ TEST_F(HistoryTest, TickSelectionsAreSlicesOfTheWholeDay) {
   const Date day = kTradingDay.plus_business_days(-1);
   const auto whole = all_day(contract("2317"), day);
   const auto in_range = history_.ticks(contract("2317"), day, range(10, 11));
-  const auto in_hour = [](const TickRow& r) { return taipei_time_of_day(r.ts) / (3600 * kNanosPerSecond) == 10; };
+  const auto in_hour = [](const TickRow& r) {
+    return taipei_time_of_day(r.ts) / (3600 * kNanosPerSecond) == 10;
+  };
   ASSERT_EQ(in_range.size(), static_cast<std::size_t>(std::count_if(whole.begin(), whole.end(), in_hour)));
   EXPECT_TRUE(std::all_of(in_range.begin(), in_range.end(), in_hour));
 
@@ -109,7 +113,8 @@ TEST_F(HistoryTest, KbarsAreTheMinutesOfTheTicksAndDailyQuotesTheDay) {
   }
 
   const auto quotes = history_.daily_quotes(day, false);
-  const auto quote = std::find_if(quotes.begin(), quotes.end(), [&](const DailyQuote& q) { return q.contract == &c; });
+  const auto quote =
+      std::find_if(quotes.begin(), quotes.end(), [&](const DailyQuote& q) { return q.contract == &c; });
   ASSERT_NE(quote, quotes.end());
   EXPECT_EQ(quote->close, ticks.back().close);
   EXPECT_EQ(quote->open, ticks.front().close);
@@ -134,13 +139,15 @@ TEST_F(HistoryTest, ASnapshotAgreesWithTheLastTick) {
     EXPECT_EQ(s.state.close, ticks.back().close);
     EXPECT_EQ(s.state.volume, ticks.back().volume);
     EXPECT_EQ(s.state.trades, static_cast<std::int64_t>(ticks.size()));
-    EXPECT_EQ(s.state.total_volume, std::accumulate(ticks.begin(), ticks.end(), Quantity{0},
-                                                    [](Quantity sum, const TickRow& r) { return sum + r.volume; }));
+    EXPECT_EQ(s.state.total_volume,
+              std::accumulate(ticks.begin(), ticks.end(), Quantity{0},
+                              [](Quantity sum, const TickRow& r) { return sum + r.volume; }));
     EXPECT_EQ(s.book.bids[0].price, ticks.back().bid_price);
     EXPECT_EQ(s.book.asks[0].price, ticks.back().ask_price);
     const auto yesterday = all_day(*c, kTradingDay.plus_business_days(-1));
-    EXPECT_EQ(s.yesterday_volume, std::accumulate(yesterday.begin(), yesterday.end(), Quantity{0},
-                                                  [](Quantity sum, const TickRow& r) { return sum + r.volume; }));
+    EXPECT_EQ(s.yesterday_volume,
+              std::accumulate(yesterday.begin(), yesterday.end(), Quantity{0},
+                              [](Quantity sum, const TickRow& r) { return sum + r.volume; }));
   }
 }
 
@@ -158,12 +165,14 @@ TEST_F(HistoryTest, TheBrokersTradesJoinTheTicksAndTheTotals) {
   EXPECT_FALSE(ledger_.record(trade));  // the other side's report of the same deal
 
   const auto ticks = all_day(c, kTradingDay);
-  const auto own = std::find_if(ticks.begin(), ticks.end(), [&](const TickRow& r) { return r.volume == 77 && r.ts == trade.ts; });
+  const auto own = std::find_if(ticks.begin(), ticks.end(),
+                                [&](const TickRow& r) { return r.volume == 77 && r.ts == trade.ts; });
   ASSERT_NE(own, ticks.end());
   EXPECT_EQ(own->close, trade.price);
   EXPECT_EQ(own->tick_type, TickSide::Sell);
   EXPECT_EQ(own->bid_price, trade.price);  // a sell hits the bid
-  EXPECT_TRUE(std::is_sorted(ticks.begin(), ticks.end(), [](const TickRow& a, const TickRow& b) { return a.ts < b.ts; }));
+  EXPECT_TRUE(std::is_sorted(ticks.begin(), ticks.end(),
+                             [](const TickRow& a, const TickRow& b) { return a.ts < b.ts; }));
 
   const auto after = history_.snapshot(c);
   EXPECT_EQ(after.state.total_volume, before.state.total_volume + 77);
@@ -246,7 +255,8 @@ TEST_F(MarketDataReplies, TicksKbarsAndDailyQuotesAreColumns) {
   const Value& columns = ticks.get("response");
   const std::size_t n = columns.get("ts").size();
   ASSERT_GT(n, 0u);
-  for (const char* key : {"close", "volume", "bid_price", "bid_volume", "ask_price", "ask_volume", "tick_type"}) {
+  for (const char* key :
+       {"close", "volume", "bid_price", "bid_volume", "ask_price", "ask_volume", "tick_type"}) {
     EXPECT_EQ(columns.get(key).size(), n) << key;
   }
   // Taipei wall time counted as UTC: the first trade reads 09:00 of the day.
@@ -285,42 +295,68 @@ TEST_P(MarketDataRefusals, SayWhatWasWrong) {
   EXPECT_NE(reply.get("response").get_string("detail").find(GetParam().detail), std::string::npos) << reply;
 }
 
-Value stock_2330() {
-  return Value::map({{"security_type", "STK"}, {"exchange", "TSE"}, {"code", "2330"}});
-}
+Value stock_2330() { return Value::map({{"security_type", "STK"}, {"exchange", "TSE"}, {"code", "2330"}}); }
 
 INSTANTIATE_TEST_SUITE_P(
     Requests, MarketDataRefusals,
     ::testing::Values(
         RefusalCase{"UnknownContract", "ticks",
-                    [] { return Value::map({{"contract", Value::map({{"code", "9999X"}})}, {"date", "2026-01-05"},
-                                            {"query_type", "AllDay"}}); },
+                    [] {
+                      return Value::map({{"contract", Value::map({{"code", "9999X"}})},
+                                         {"date", "2026-01-05"},
+                                         {"query_type", "AllDay"}});
+                    },
                     404, "unknown contract code \"9999X\""},
         RefusalCase{"BadDate", "ticks",
-                    [] { return Value::map({{"contract", stock_2330()}, {"date", "2026/01/05"}, {"query_type", "AllDay"}}); },
+                    [] {
+                      return Value::map(
+                          {{"contract", stock_2330()}, {"date", "2026/01/05"}, {"query_type", "AllDay"}});
+                    },
                     400, "YYYY-MM-DD"},
         RefusalCase{"RangeWithoutTimes", "ticks",
-                    [] { return Value::map({{"contract", stock_2330()}, {"date", "2026-01-05"},
-                                            {"query_type", "RangeTime"}, {"time_range", nullptr}}); },
+                    [] {
+                      return Value::map({{"contract", stock_2330()},
+                                         {"date", "2026-01-05"},
+                                         {"query_type", "RangeTime"},
+                                         {"time_range", nullptr}});
+                    },
                     400, "time_range"},
         RefusalCase{"LastCountZero", "ticks",
-                    [] { return Value::map({{"contract", stock_2330()}, {"date", "2026-01-05"},
-                                            {"query_type", "LastCount"}, {"last_cnt", 0}}); },
+                    [] {
+                      return Value::map({{"contract", stock_2330()},
+                                         {"date", "2026-01-05"},
+                                         {"query_type", "LastCount"},
+                                         {"last_cnt", 0}});
+                    },
                     400, "last_cnt"},
-        RefusalCase{"KbarsBackwards", "kbars",
-                    [] { return Value::map({{"contract", stock_2330()}, {"start", "2026-01-05"}, {"end", "2026-01-02"}}); },
-                    400, "before start"},
+        RefusalCase{
+            "KbarsBackwards", "kbars",
+            [] {
+              return Value::map({{"contract", stock_2330()}, {"start", "2026-01-05"}, {"end", "2026-01-02"}});
+            },
+            400, "before start"},
         RefusalCase{"ScannerCountAbove", "scanner",
-                    [] { return Value::map({{"scanner_type", "VolumeRank"}, {"date", "2026-01-05"},
-                                            {"ascending", false}, {"count", 201}}); },
+                    [] {
+                      return Value::map({{"scanner_type", "VolumeRank"},
+                                         {"date", "2026-01-05"},
+                                         {"ascending", false},
+                                         {"count", 201}});
+                    },
                     400, "1 to 200"},
-        RefusalCase{"CreditForAFuture", "credit_enquire",
-                    [] { return Value::map({{"contracts", Value::array({Value::map({{"code", front_future().code}})})}}); },
-                    400, "stocks only"},
+        RefusalCase{
+            "CreditForAFuture", "credit_enquire",
+            [] {
+              return Value::map({{"contracts", Value::array({Value::map({{"code", front_future().code}})})}});
+            },
+            400, "stocks only"},
         RefusalCase{"ShortSourcesInSimulation", "short_stock_sources",
-                    [] { return Value::map({{"contracts", Value::array({stock_2330()})}}); }, 403, "simulation"},
+                    [] {
+                      return Value::map({{"contracts", Value::array({stock_2330()})}});
+                    },
+                    403, "simulation"},
         RefusalCase{"NotAMap", "snapshots", [] { return Value(Value::array({})); }, 400, "map of fields"},
-        RefusalCase{"UnknownService", "quotes", [] { return Value::map({}); }, 404, "no market-data service"}),
+        RefusalCase{"UnknownService", "quotes", [] { return Value::map({}); }, 404,
+                    "no market-data service"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -105,23 +105,33 @@ TEST_P(FeedFamilies, PublishTheDocumentedLayoutOnTheSubscribedTopicOnly) {
 
 INSTANTIATE_TEST_SUITE_P(
     Topics, FeedFamilies,
-    ::testing::Values(
-        FamilyCase{"StockTick", [] { return std::string("TIC/v1/STK/*/TSE/2330"); }, "TIC/v1/STK/D/TSE/2330", 23, false},
-        FamilyCase{"StockBidAsk", [] { return std::string("QUO/v1/STK/*/TSE/2330"); }, "QUO/v1/STK/D/TSE/2330", 10, false},
-        FamilyCase{"StockQuote", [] { return std::string("QUO/v2/STK/*/TSE/2330"); }, "QUO/v2/STK/D/TSE/2330", 29, false},
-        FamilyCase{"OddLotTick", [] { return std::string("TIC/v1/ODD/*/TSE/2330"); }, "TIC/v1/ODD/D/TSE/2330", 23, false},
-        FamilyCase{"OddLotBidAsk", [] { return std::string("QUO/v1/ODD/*/TSE/2330"); }, "QUO/v1/ODD/D/TSE/2330", 10, false},
-        FamilyCase{"FutureTick", [] { return "TIC/v1/FOP/*/TFE/" + front_future().code; }, "TIC/v1/FOP/D/TFE/", 19, false},
-        FamilyCase{"FutureBidAsk", [] { return "QUO/v1/FOP/*/TFE/" + front_future().code; }, "QUO/v1/FOP/D/TFE/", 16, false},
-        FamilyCase{"OptionTick", [] { return "TIC/v1/FOP/*/TFE/" + near_option().code; }, "TIC/v1/FOP/D/TFE/", 19, false},
-        FamilyCase{"UntypedTick", [] { return std::string("TIC/v0/STK/*/TSE/2330"); }, "TIC/v0/STK/D/TSE/2330", 17, true},
-        FamilyCase{"UntypedBidAsk", [] { return std::string("QUO/v0/STK/*/TSE/2330"); }, "QUO/v0/STK/D/TSE/2330", 10, true},
-        FamilyCase{"UntypedOddTick", [] { return std::string("TIC/v0/ODD/*/TSE/2330/ODDLOT"); },
-                   "TIC/v0/ODD/D/TSE/2330/ODDLOT", 7, true},
-        FamilyCase{"UntypedOddBidAsk", [] { return std::string("QUO/v0/ODD/*/TSE/2330/ODDLOT"); },
-                   "QUO/v0/ODD/D/TSE/2330/ODDLOT", 8, true},
-        FamilyCase{"UntypedFuture", [] { return "TIC/v0/FOP/*/TFE/" + front_future().code; }, "TIC/v0/FOP/D/TFE/", 17,
-                   true}),
+    ::testing::Values(FamilyCase{"StockTick", [] { return std::string("TIC/v1/STK/*/TSE/2330"); },
+                                 "TIC/v1/STK/D/TSE/2330", 23, false},
+                      FamilyCase{"StockBidAsk", [] { return std::string("QUO/v1/STK/*/TSE/2330"); },
+                                 "QUO/v1/STK/D/TSE/2330", 10, false},
+                      FamilyCase{"StockQuote", [] { return std::string("QUO/v2/STK/*/TSE/2330"); },
+                                 "QUO/v2/STK/D/TSE/2330", 29, false},
+                      FamilyCase{"OddLotTick", [] { return std::string("TIC/v1/ODD/*/TSE/2330"); },
+                                 "TIC/v1/ODD/D/TSE/2330", 23, false},
+                      FamilyCase{"OddLotBidAsk", [] { return std::string("QUO/v1/ODD/*/TSE/2330"); },
+                                 "QUO/v1/ODD/D/TSE/2330", 10, false},
+                      FamilyCase{"FutureTick", [] { return "TIC/v1/FOP/*/TFE/" + front_future().code; },
+                                 "TIC/v1/FOP/D/TFE/", 19, false},
+                      FamilyCase{"FutureBidAsk", [] { return "QUO/v1/FOP/*/TFE/" + front_future().code; },
+                                 "QUO/v1/FOP/D/TFE/", 16, false},
+                      FamilyCase{"OptionTick", [] { return "TIC/v1/FOP/*/TFE/" + near_option().code; },
+                                 "TIC/v1/FOP/D/TFE/", 19, false},
+                      FamilyCase{"UntypedTick", [] { return std::string("TIC/v0/STK/*/TSE/2330"); },
+                                 "TIC/v0/STK/D/TSE/2330", 17, true},
+                      FamilyCase{"UntypedBidAsk", [] { return std::string("QUO/v0/STK/*/TSE/2330"); },
+                                 "QUO/v0/STK/D/TSE/2330", 10, true},
+                      FamilyCase{"UntypedOddTick", [] { return std::string("TIC/v0/ODD/*/TSE/2330/ODDLOT"); },
+                                 "TIC/v0/ODD/D/TSE/2330/ODDLOT", 7, true},
+                      FamilyCase{"UntypedOddBidAsk",
+                                 [] { return std::string("QUO/v0/ODD/*/TSE/2330/ODDLOT"); },
+                                 "QUO/v0/ODD/D/TSE/2330/ODDLOT", 8, true},
+                      FamilyCase{"UntypedFuture", [] { return "TIC/v0/FOP/*/TFE/" + front_future().code; },
+                                 "TIC/v0/FOP/D/TFE/", 17, true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(FeedTest, TicksAgreeWithHistoryAndBidAsksWithTheirTrades) {
@@ -240,7 +250,8 @@ TEST(FeedLifecycle, StopsCleanlyStartsAgainAndCountsPublisherFailures) {
   TestClock clock(taipei(kTradingDay, 10, 0));
   TradeLedger ledger;
   std::atomic<int> calls{0};
-  auto feed = std::make_unique<QuoteFeed>(model, clock, ledger, RestingDepth{}, FeedOptions{std::chrono::microseconds(200)});
+  auto feed = std::make_unique<QuoteFeed>(model, clock, ledger, RestingDepth{},
+                                          FeedOptions{std::chrono::microseconds(200)});
   feed->on_subscription("TIC/v1/STK/*/TSE/2330", true);
   feed->start([&](const std::string&, std::string) {
     ++calls;
@@ -274,7 +285,8 @@ TEST(FeedLifecycle, StopsCleanlyStartsAgainAndCountsPublisherFailures) {
     if (r.ts > subscribed) expected.push_back(r.ts);
   }
   std::vector<Timestamp> sent;
-  for (const auto& [topic, payload] : again.messages()) sent.push_back(decode(payload).get("content").at(1).as_int() * 1000);
+  for (const auto& [topic, payload] : again.messages())
+    sent.push_back(decode(payload).get("content").at(1).as_int() * 1000);
   ASSERT_FALSE(expected.empty());
   EXPECT_EQ(sent, expected);
 

@@ -97,7 +97,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(DayPrices, ChainFromTheMastersDayEachCloseBeingTheNextReference) {
   const MarketModel model(small_master(), kSeed);
-  for (const Contract* c : {&contract("2330"), &contract("2603"), &front_future(), &near_option(), &contract("001")}) {
+  for (const Contract* c :
+       {&contract("2330"), &contract("2603"), &front_future(), &near_option(), &contract("001")}) {
     SCOPED_TRACE(c->code);
     const DayPrices anchor = *model.day_prices(*c, kTradingDay);
     EXPECT_EQ(anchor.reference, c->reference);
@@ -140,8 +141,9 @@ INSTANTIATE_TEST_SUITE_P(
                       DayAtCase{Market::FuturesOptions, {2026, 1, 6}, 14, 30, {2026, 1, 6}},
                       DayAtCase{Market::FuturesOptions, {2026, 1, 6}, 15, 0, {2026, 1, 7}},
                       DayAtCase{Market::FuturesOptions, {2026, 1, 7}, 3, 0, {2026, 1, 7}},
-                      DayAtCase{Market::FuturesOptions, {2026, 1, 9}, 16, 0, {2026, 1, 12}},   // Friday night
-                      DayAtCase{Market::FuturesOptions, {2026, 1, 10}, 4, 59, {2026, 1, 12}},  // Saturday dawn
+                      DayAtCase{Market::FuturesOptions, {2026, 1, 9}, 16, 0, {2026, 1, 12}},  // Friday night
+                      DayAtCase{
+                          Market::FuturesOptions, {2026, 1, 10}, 4, 59, {2026, 1, 12}},  // Saturday dawn
                       DayAtCase{Market::IntradayOdd, {2026, 1, 6}, 9, 0, {2026, 1, 5}}));
 
 TEST(OddLotTape, AuctionsOnTheMinuteAtTheBoardsPrice) {
@@ -173,7 +175,8 @@ TEST(MarketClock, ParsesTaipeiInstants) {
   EXPECT_EQ(parse_taipei_instant("2026-01-05T09:30"), taipei(kTradingDay, 9, 30));
   EXPECT_EQ(parse_taipei_instant("2026-01-05 09:30:15"), taipei(kTradingDay, 9, 30, 15));
   EXPECT_EQ(parse_taipei_instant("2026-01-05"), taipei(kTradingDay, 0, 0));
-  for (const char* bad : {"", "2026-01-05T9:30", "2026-01-05T24:00", "2026-13-05", "2026-01-05X09:30", "tomorrow"}) {
+  for (const char* bad :
+       {"", "2026-01-05T9:30", "2026-01-05T24:00", "2026-13-05", "2026-01-05X09:30", "tomorrow"}) {
     EXPECT_FALSE(parse_taipei_instant(bad)) << bad;
   }
 }

@@ -13,11 +13,13 @@ constexpr std::int64_t kNanosPerMilli = 1'000'000;
 
 class AuthTest : public ::testing::Test {
  protected:
-  std::shared_ptr<core::ManualClock> clock = std::make_shared<core::ManualClock>(taipei_time(Date{2026, 1, 5}, 36000));
+  std::shared_ptr<core::ManualClock> clock =
+      std::make_shared<core::ManualClock>(taipei_time(Date{2026, 1, 5}, 36000));
   BrokerHarness broker{test_config(clock)};
 
   // The signed API-key login request: the msgpack document, its Ed25519 signature, Base58.
-  Value token_login_payload(std::string_view key, std::string_view secret, double ts, std::int64_t window = 5000) {
+  Value token_login_payload(std::string_view key, std::string_view secret, double ts,
+                            std::int64_t window = 5000) {
     const core::Bytes seed = core::base58_decode(secret);
     unsigned char pk[crypto_sign_PUBLICKEYBYTES], sk[crypto_sign_SECRETKEYBYTES];
     crypto_sign_seed_keypair(pk, sk, seed.data());
@@ -29,24 +31,27 @@ class AuthTest : public ::testing::Test {
                                                           {"receive_window", window},
                                                           {"ts", ts}}));
     unsigned char signature[crypto_sign_BYTES];
-    crypto_sign_detached(signature, nullptr, reinterpret_cast<const unsigned char*>(document.data()), document.size(),
-                         sk);
-    return Value::map({{"msg", core::base58_encode(document)},
-                       {"sign", core::base58_encode(signature, sizeof signature)}});
+    crypto_sign_detached(signature, nullptr, reinterpret_cast<const unsigned char*>(document.data()),
+                         document.size(), sk);
+    return Value::map(
+        {{"msg", core::base58_encode(document)}, {"sign", core::base58_encode(signature, sizeof signature)}});
   }
 
-  double clock_seconds() const { return std::chrono::duration<double>(clock->now().time_since_epoch()).count(); }
+  double clock_seconds() const {
+    return std::chrono::duration<double>(clock->now().time_since_epoch()).count();
+  }
 };
 
 TEST_F(AuthTest, PasswordLoginListsThePersonsAccountsAndIssuesAToken) {
   auto& c = broker.client("s1");
-  const Value reply = broker.request(c, "api/v1/auth/login",
-                                     Value::map({{"person_id", "A123456789"},
-                                                 {"password", "fcd499ceff48f7e213085ab91356d4ad"},  // md5("paper-demo")
-                                                 {"simulation", false},
-                                                 {"hashed", true},
-                                                 {"version", "1.0"},
-                                                 {"subscribe_trade", true}}));
+  const Value reply =
+      broker.request(c, "api/v1/auth/login",
+                     Value::map({{"person_id", "A123456789"},
+                                 {"password", "fcd499ceff48f7e213085ab91356d4ad"},  // md5("paper-demo")
+                                 {"simulation", false},
+                                 {"hashed", true},
+                                 {"version", "1.0"},
+                                 {"subscribe_trade", true}}));
   ASSERT_EQ(status_code(reply), 200) << reply;
   const Value& r = reply.get("response");
   ASSERT_EQ(r.get_array("accounts").size(), 2u);
@@ -88,12 +93,13 @@ INSTANTIATE_TEST_SUITE_P(
         LoginRefusal{"wrong_password",
                      Value::map({{"person_id", "A123456789"}, {"password", "wrong"}, {"hashed", false}}), 401,
                      "wrong password"},
-        LoginRefusal{"digest_of_another_password",
-                     Value::map({{"person_id", "A123456789"}, {"password", "5f4dcc3b5aa765d61d8327deb882cf99"}}), 401,
-                     "wrong password"},
+        LoginRefusal{
+            "digest_of_another_password",
+            Value::map({{"person_id", "A123456789"}, {"password", "5f4dcc3b5aa765d61d8327deb882cf99"}}), 401,
+            "wrong password"},
         LoginRefusal{"unknown_person",
-                     Value::map({{"person_id", "Z999999999"}, {"password", "paper-demo"}, {"hashed", false}}), 401,
-                     "unknown person"},
+                     Value::map({{"person_id", "Z999999999"}, {"password", "paper-demo"}, {"hashed", false}}),
+                     401, "unknown person"},
         LoginRefusal{"no_password", Value::map({{"person_id", "A123456789"}}), 400, "'password' is missing"},
         LoginRefusal{"person_id_not_text", Value::map({{"person_id", 12}, {"password", "x"}}), 400,
                      "'person_id' holds int"}),
@@ -101,11 +107,13 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(AuthTest, ServicesRefuseRequestsWithoutAValidToken) {
   auto& anonymous = broker.client("anon");
-  const Value none = broker.request(anonymous, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
+  const Value none =
+      broker.request(anonymous, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
   EXPECT_EQ(status_code(none), 401);
   EXPECT_NE(detail(none).find("log in first"), std::string::npos);
   anonymous.token = "forged-token";
-  const Value forged = broker.request(anonymous, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
+  const Value forged =
+      broker.request(anonymous, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
   EXPECT_EQ(status_code(forged), 401);
   EXPECT_EQ(detail(forged).find("forged-token"), std::string::npos) << "a token never appears in a refusal";
 }
@@ -124,7 +132,8 @@ TEST_F(AuthTest, LogoutRevokesAnIssuedTokenForEverySessionUsingIt) {
 TEST_F(AuthTest, SimulationLoginTakesAStandingOrIssuedToken) {
   auto& standing = broker.client("s1");
   standing.token = std::string(demo::kSimulationToken);
-  const Value reply = broker.request(standing, "api/v1/auth/simulation_login", Value::map({{"subscribe_trade", true}}));
+  const Value reply =
+      broker.request(standing, "api/v1/auth/simulation_login", Value::map({{"subscribe_trade", true}}));
   ASSERT_EQ(status_code(reply), 200) << reply;
   EXPECT_EQ(reply.get("response").get_array("accounts").size(), 2u);
   EXPECT_EQ(reply.get("response").get_string("person_id"), "A123456789");
@@ -161,17 +170,20 @@ TEST_F(AuthTest, SignedApiKeyLoginRefusesReplaysStaleDocumentsAndForeignSignatur
   EXPECT_EQ(status_code(replay), 401);
   EXPECT_NE(detail(replay).find("used already"), std::string::npos);
 
-  const Value stale = broker.request(c, "api/v1/auth/token_login",
-                                     token_login_payload(demo::kApiKey, demo::kApiSecret, clock_seconds() - 6.0));
+  const Value stale =
+      broker.request(c, "api/v1/auth/token_login",
+                     token_login_payload(demo::kApiKey, demo::kApiSecret, clock_seconds() - 6.0));
   EXPECT_EQ(status_code(stale), 401);
   EXPECT_NE(detail(stale).find("receive_window (5000 ms)"), std::string::npos) << detail(stale);
-  const Value future = broker.request(c, "api/v1/auth/token_login",
-                                      token_login_payload(demo::kApiKey, demo::kApiSecret, clock_seconds() + 6.0));
+  const Value future =
+      broker.request(c, "api/v1/auth/token_login",
+                     token_login_payload(demo::kApiKey, demo::kApiSecret, clock_seconds() + 6.0));
   EXPECT_EQ(status_code(future), 401);
 
   // The second person's secret cannot sign for the demo key.
-  const Value foreign = broker.request(c, "api/v1/auth/token_login",
-                                       token_login_payload(demo::kApiKey, demo::kSecondApiSecret, clock_seconds()));
+  const Value foreign =
+      broker.request(c, "api/v1/auth/token_login",
+                     token_login_payload(demo::kApiKey, demo::kSecondApiSecret, clock_seconds()));
   EXPECT_EQ(status_code(foreign), 401);
   EXPECT_NE(detail(foreign).find("does not verify"), std::string::npos);
 
@@ -179,8 +191,9 @@ TEST_F(AuthTest, SignedApiKeyLoginRefusesReplaysStaleDocumentsAndForeignSignatur
                                        token_login_payload("no-such-key", demo::kApiSecret, clock_seconds()));
   EXPECT_EQ(status_code(unknown), 401);
 
-  const Value wide = broker.request(c, "api/v1/auth/token_login",
-                                    token_login_payload(demo::kApiKey, demo::kApiSecret, clock_seconds(), 600'000));
+  const Value wide =
+      broker.request(c, "api/v1/auth/token_login",
+                     token_login_payload(demo::kApiKey, demo::kApiSecret, clock_seconds(), 600'000));
   EXPECT_EQ(status_code(wide), 400);
   EXPECT_NE(detail(wide).find("expected 1 to 60000 milliseconds"), std::string::npos);
 
@@ -199,8 +212,8 @@ TEST_F(AuthTest, TradeReportSwitchAndTraceLogServeOnlyThePersonsOwnAccounts) {
                                   Value::map({{"account", own}, {"subscribe_trade", false}}));
   ASSERT_EQ(status_code(ok), 200) << ok;
   EXPECT_FALSE(ok.get("response").get_bool("subscribe_trade", true));
-  const Value refused =
-      broker.request(c, "api/v1/auth/subscribe_trade", Value::map({{"account", foreign}, {"subscribe_trade", true}}));
+  const Value refused = broker.request(c, "api/v1/auth/subscribe_trade",
+                                       Value::map({{"account", foreign}, {"subscribe_trade", true}}));
   EXPECT_EQ(status_code(refused), 403);
   EXPECT_NE(detail(refused).find("not an account of person A123456789"), std::string::npos);
 

@@ -10,9 +10,11 @@ namespace quorvex::paper::testing {
 namespace {
 
 const Value kStockA = Value::map({{"account_type", "S"}, {"broker_id", "9A95"}, {"account_id", "0000001"}});
-const Value kFuturesA = Value::map({{"account_type", "F"}, {"broker_id", "F002000"}, {"account_id", "1234567"}});
+const Value kFuturesA =
+    Value::map({{"account_type", "F"}, {"broker_id", "F002000"}, {"account_id", "1234567"}});
 const Value kStockB = Value::map({{"account_type", "S"}, {"broker_id", "9A95"}, {"account_id", "0000002"}});
-const Value kFuturesB = Value::map({{"account_type", "F"}, {"broker_id", "F002000"}, {"account_id", "7654321"}});
+const Value kFuturesB =
+    Value::map({{"account_type", "F"}, {"broker_id", "F002000"}, {"account_id", "7654321"}});
 
 Value order_of(const Value& account, const char* action, double price, std::int64_t quantity,
                std::initializer_list<core::MapEntry> extra = {}) {
@@ -27,7 +29,8 @@ Value order_of(const Value& account, const char* action, double price, std::int6
 }
 
 Value placement(std::string_view code, Value order) {
-  return Value::map({{"contract", Value::map({{"code", code}})}, {"order", std::move(order)}, {"tft", false}});
+  return Value::map(
+      {{"contract", Value::map({{"code", code}})}, {"order", std::move(order)}, {"tft", false}});
 }
 
 // The trade dict less its status, as cancel and modify send it.
@@ -50,7 +53,8 @@ class OrderServices : public ::testing::Test {
   BrokerHarness broker;
   BrokerHarness::Client& b = broker.login("b", demo::kSecondPersonId, demo::kSecondPassword);
 
-  Value place(BrokerHarness::Client& c, std::string_view code, Value order, const char* topic = "api/v1/order/place_order") {
+  Value place(BrokerHarness::Client& c, std::string_view code, Value order,
+              const char* topic = "api/v1/order/place_order") {
     return broker.request(c, topic, placement(code, std::move(order)));
   }
 };
@@ -113,8 +117,8 @@ TEST_F(OrderServices, ARestingOrderIsRepricedReducedAndCancelledOnce) {
     operations.push_back(p.message.get("operation").get_string("op_type") + ":" +
                          p.message.get("operation").get_string("op_code"));
   }
-  EXPECT_EQ(operations, (std::vector<std::string>{"New:00", "UpdatePrice:00", "UpdateQty:00", "UpdateQty:74008",
-                                                  "Cancel:00", "Cancel:74006"}));
+  EXPECT_EQ(operations, (std::vector<std::string>{"New:00", "UpdatePrice:00", "UpdateQty:00",
+                                                  "UpdateQty:74008", "Cancel:00", "Cancel:74006"}));
 }
 
 TEST_F(OrderServices, StatusRefreshListsTheAccountsOrdersOldestFirst) {
@@ -169,8 +173,8 @@ INSTANTIATE_TEST_SUITE_P(
         PlacementRefusal{"future_in_a_stock_account", "TXFA6", order_of(kStockB, "Buy", 10, 1), 400, 0},
         PlacementRefusal{"stock_in_a_futures_account", "2330", order_of(kFuturesB, "Buy", 1000, 1), 400, 0},
         PlacementRefusal{"unknown_action", "2330", order_of(kStockB, "Hold", 1000, 1), 400, 0},
-        PlacementRefusal{"price_as_text", "2330",
-                         order_of(kStockB, "Buy", 1000, 1, {{"price", "1000"}}), 400, 0},
+        PlacementRefusal{"price_as_text", "2330", order_of(kStockB, "Buy", 1000, 1, {{"price", "1000"}}), 400,
+                         0},
         PlacementRefusal{"three_decimals", "2330", order_of(kStockB, "Buy", 1000.001, 1), 400, 0},
         PlacementRefusal{"more_than_the_cash", "2330", order_of(kStockB, "Buy", 1100, 499), 400, 76001},
         PlacementRefusal{"selling_what_is_not_held", "2330", order_of(kStockB, "Sell", 1000, 1), 400, 76002},
@@ -187,7 +191,8 @@ TEST_F(OrderServices, PersonsNeitherSeeNorTouchEachOthersOrdersAndReports) {
   EXPECT_EQ(status_code(cancel), 404);
   EXPECT_EQ(detail(cancel).find(demo::kPersonId), std::string::npos) << "the owner is not revealed";
   EXPECT_EQ(status_code(place(b, "2330", order_of(kStockA, "Buy", 950, 1))), 403);
-  EXPECT_EQ(status_code(broker.request(b, "api/v1/order/update_status", Value::map({{"account", kStockA}}))), 403);
+  EXPECT_EQ(status_code(broker.request(b, "api/v1/order/update_status", Value::map({{"account", kStockA}}))),
+            403);
   const Value own = broker.request(b, "api/v1/order/update_status", Value::map({{"account", kStockB}}));
   EXPECT_EQ(own.get("response").size(), 0u);
 
@@ -210,7 +215,8 @@ TEST_F(OrderServices, ReportsGoToTheHoldersSessionsThatSubscribed) {
 
 TEST_F(OrderServices, FuturesReportsUseTheirOwnWordsAndCarryTheOrderNumber) {
   const std::string txf = broker.core().contracts().front_month("TXF")->code;
-  const Value reply = place(b, txf, order_of(kFuturesB, "Buy", 0, 1, {{"price_type", "MKT"}, {"order_type", "IOC"}}));
+  const Value reply =
+      place(b, txf, order_of(kFuturesB, "Buy", 0, 1, {{"price_type", "MKT"}, {"order_type", "IOC"}}));
   ASSERT_EQ(status_code(reply), 200) << reply;
   const std::vector<Pushed> pushed = b.inbox->wait_for(2);
   ASSERT_EQ(words_of(pushed), (std::vector<std::string>{"FORDER", "FDEAL"}));
@@ -227,14 +233,18 @@ TEST_F(OrderServices, PaperTopicsServeSimulationSessionsAndSignedAccountsNeedSig
   const Value unsigned_order = place(live, "2330", order_of(kStockA, "Buy", 950, 1));
   EXPECT_EQ(status_code(unsigned_order), 403);
   EXPECT_EQ(unsigned_order.get("response").get_int("sts_code"), 74090);
-  const Value forged = place(live, "2330", order_of(kStockA, "Buy", 950, 1, {{"ca", "bm90IGEgc2lnbmF0dXJl"}}));
+  const Value forged =
+      place(live, "2330", order_of(kStockA, "Buy", 950, 1, {{"ca", "bm90IGEgc2lnbmF0dXJl"}}));
   EXPECT_EQ(status_code(forged), 403);
   EXPECT_NE(detail(forged).find("not valid"), std::string::npos) << detail(forged);
 
   auto& simulated = broker.login("a-sim", demo::kPersonId, demo::kPassword, /*simulation=*/true);
-  EXPECT_EQ(status_code(place(simulated, "2330", order_of(kStockA, "Buy", 950, 1), "api/v1/paper/place_order")), 200);
+  EXPECT_EQ(
+      status_code(place(simulated, "2330", order_of(kStockA, "Buy", 950, 1), "api/v1/paper/place_order")),
+      200);
   // The simulation environment lacks combination orders.
-  EXPECT_EQ(status_code(broker.request(simulated, "api/v1/order/update_combostatus", Value::map({{"account", kFuturesA}}))),
+  EXPECT_EQ(status_code(broker.request(simulated, "api/v1/order/update_combostatus",
+                                       Value::map({{"account", kFuturesA}}))),
             403);
 }
 
@@ -243,12 +253,15 @@ class SignedOrders : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     pki_ = std::make_unique<sign::testing::Pki>();
-    certificate_ = pki_->write("a.p12", pki_->person({{"C", "TW"}, {"CN", std::string(demo::kPersonId)}}), "pw");
-    other_ = pki_->write("b.p12", pki_->person({{"C", "TW"}, {"CN", std::string(demo::kSecondPersonId)}}), "pw");
+    certificate_ =
+        pki_->write("a.p12", pki_->person({{"C", "TW"}, {"CN", std::string(demo::kPersonId)}}), "pw");
+    other_ =
+        pki_->write("b.p12", pki_->person({{"C", "TW"}, {"CN", std::string(demo::kSecondPersonId)}}), "pw");
   }
   static void TearDownTestSuite() { pki_.reset(); }
 
-  std::shared_ptr<core::ManualClock> clock = std::make_shared<core::ManualClock>(std::chrono::system_clock::now());
+  std::shared_ptr<core::ManualClock> clock =
+      std::make_shared<core::ManualClock>(std::chrono::system_clock::now());
   BrokerHarness broker{test_config(clock)};
   BrokerHarness::Client& a = broker.login("a", demo::kPersonId, demo::kPassword);
 
@@ -264,12 +277,13 @@ TEST_F(SignedOrders, AreTakenWithTheHoldersFreshSignatureOnly) {
   const sign::Signer signer(certificate_, "pw", std::string(demo::kPersonId), "127.0.0.1");
   ASSERT_TRUE(signer.is_active()) << signer.activation_error();
   const std::time_t now = std::chrono::system_clock::to_time_t(clock->now());
-  const Value good = broker.request(a, "api/v1/order/place_order",
-                                    placement("2330", order_of(kStockA, "Buy", 950, 1, {{"ca", signer.sign_order(now)}})));
+  const Value good =
+      broker.request(a, "api/v1/order/place_order",
+                     placement("2330", order_of(kStockA, "Buy", 950, 1, {{"ca", signer.sign_order(now)}})));
   ASSERT_EQ(status_code(good), 200) << good;
-  const Value cancel = broker.request(
-      a, "api/v1/order/cancel_order",
-      Value::map({{"order", good.get("response").get("order")}, {"contract", Value::map({{"code", "2330"}})}}));
+  const Value cancel = broker.request(a, "api/v1/order/cancel_order",
+                                      Value::map({{"order", good.get("response").get("order")},
+                                                  {"contract", Value::map({{"code", "2330"}})}}));
   EXPECT_EQ(status_code(cancel), 403) << "a cancel is signed too";
 
   const Value stale = broker.request(
@@ -296,18 +310,21 @@ TEST_F(OrderServices, CombinationsRestUntilTheirLegsCanTradeAndCancelOnce) {
     return Value::map({{"code", code}, {"security_type", "OPT"}, {"action", action}});
   };
   const Value legs = Value::map({{"legs", Value::array({leg(calls[0], "Buy"), leg(calls[1], "Sell")})}});
-  const Value rod = broker.request(b, "api/v1/order/place_comboorder",
-                                   Value::map({{"order", order_of(kFuturesB, "Buy", -5000, 1)}, {"combocontract", legs}}));
+  const Value rod =
+      broker.request(b, "api/v1/order/place_comboorder",
+                     Value::map({{"order", order_of(kFuturesB, "Buy", -5000, 1)}, {"combocontract", legs}}));
   ASSERT_EQ(status_code(rod), 200) << rod;
   EXPECT_EQ(rod.get("response").get("status").get_string("status"), "Submitted");
 
-  const Value ioc = broker.request(
-      b, "api/v1/order/place_comboorder",
-      Value::map({{"order", order_of(kFuturesB, "Buy", -5000, 1, {{"order_type", "IOC"}})}, {"combocontract", legs}}));
+  const Value ioc =
+      broker.request(b, "api/v1/order/place_comboorder",
+                     Value::map({{"order", order_of(kFuturesB, "Buy", -5000, 1, {{"order_type", "IOC"}})},
+                                 {"combocontract", legs}}));
   ASSERT_EQ(status_code(ioc), 200) << ioc;
   EXPECT_EQ(ioc.get("response").get("status").get_string("status"), "Cancelled");
 
-  const Value listed = broker.request(b, "api/v1/order/update_combostatus", Value::map({{"account", kFuturesB}}));
+  const Value listed =
+      broker.request(b, "api/v1/order/update_combostatus", Value::map({{"account", kFuturesB}}));
   ASSERT_EQ(listed.get("response").size(), 2u);
   EXPECT_EQ(listed.get("response").at(0).get("contract").get("legs").at(1).get_string("action"), "Sell");
 

@@ -23,13 +23,15 @@ class PaperScheme : public ::testing::Test {
   }
 
   static Value call(bus::Session& session, const std::string& topic, const Value& payload) {
-    const bus::MessagePtr reply = session.request(topic, core::encode(payload), std::chrono::milliseconds(2000));
+    const bus::MessagePtr reply =
+        session.request(topic, core::encode(payload), std::chrono::milliseconds(2000));
     return reply ? core::decode(reply->payload) : Value();
   }
 
   static std::string login(bus::Session& session) {
-    const Value reply = call(session, "api/v1/auth/login",
-                             Value::map({{"person_id", demo::kPersonId}, {"password", demo::kPassword}, {"hashed", false}}));
+    const Value reply =
+        call(session, "api/v1/auth/login",
+             Value::map({{"person_id", demo::kPersonId}, {"password", demo::kPassword}, {"hashed", false}}));
     EXPECT_EQ(status_code(reply), 200) << reply;
     return reply.get("response").get_string("token");
   }
@@ -40,7 +42,8 @@ TEST_F(PaperScheme, ConnectingStartsTheBusesBrokerWhichSessionsShare) {
   const std::string token = login(first->session);
   auto second = connect("paper://scheme-shared");
   second->session.set_token(token);
-  const Value probe = call(second->session, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
+  const Value probe =
+      call(second->session, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
   EXPECT_EQ(status_code(probe), 200) << probe;
   // The same bus is reachable in-process by name while the broker runs.
   auto plain = connect("inproc://scheme-shared");
@@ -56,7 +59,8 @@ TEST_F(PaperScheme, TheBrokerStopsWithItsLastSessionAndABareSchemeUsesTheDefault
   // A new broker knows nothing of the old one's tokens.
   auto again = connect("paper://paper");
   again->session.set_token(token);
-  const Value reply = call(again->session, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
+  const Value reply =
+      call(again->session, "api/v1/data/contracts", Value::map({{"security_type", "STK"}, {"page", 0}}));
   EXPECT_EQ(status_code(reply), 401);
   EXPECT_FALSE(login(again->session).empty());
 }
@@ -67,7 +71,8 @@ TEST_F(PaperScheme, RegisteringAgainKeepsTheRunningBrokers) {
   register_paper_scheme();
   auto second = connect("paper://scheme-again");
   second->session.set_token(token);
-  EXPECT_EQ(status_code(call(second->session, "api/v1/data/contracts", Value::map({{"security_type", "IND"}, {"page", 0}}))),
+  EXPECT_EQ(status_code(call(second->session, "api/v1/data/contracts",
+                             Value::map({{"security_type", "IND"}, {"page", 0}}))),
             200);
 }
 

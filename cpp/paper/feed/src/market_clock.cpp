@@ -9,12 +9,14 @@ namespace quorvex::paper {
 AcceleratedClock::AcceleratedClock(Timestamp start, double speed)
     : start_(start), speed_(speed), origin_(std::chrono::steady_clock::now()) {
   if (!std::isfinite(speed) || speed <= 0) {
-    throw std::invalid_argument("market clock speed must be a number above zero, got " + std::to_string(speed));
+    throw std::invalid_argument("market clock speed must be a number above zero, got " +
+                                std::to_string(speed));
   }
 }
 
 AcceleratedClock::time_point AcceleratedClock::now() const {
-  const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - origin_);
+  const auto elapsed =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - origin_);
   return to_time_point(start_ + static_cast<Timestamp>(static_cast<double>(elapsed.count()) * speed_));
 }
 

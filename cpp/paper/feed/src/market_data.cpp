@@ -63,8 +63,9 @@ std::string taipei_text(Timestamp ts) {
   const Date date = taipei_date(ts);
   const std::int64_t seconds = taipei_time_of_day(ts) / kNanosPerSecond;
   char buf[32];
-  std::snprintf(buf, sizeof buf, "%s %02d:%02d:%02d", date.to_string().c_str(), static_cast<int>(seconds / 3600),
-                static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60));
+  std::snprintf(buf, sizeof buf, "%s %02d:%02d:%02d", date.to_string().c_str(),
+                static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
+                static_cast<int>(seconds % 60));
   return buf;
 }
 
@@ -76,7 +77,8 @@ Date date_of(const Value& payload, const char* key) {
     refuse(kBadRequest, std::string(key) + " must be a date text \"YYYY-MM-DD\", got " + describe(v));
   }
   const std::optional<Date> date = Date::parse(v.as_string());
-  if (!date) refuse(kBadRequest, std::string(key) + " must be a date \"YYYY-MM-DD\", got \"" + v.as_string() + "\"");
+  if (!date)
+    refuse(kBadRequest, std::string(key) + " must be a date \"YYYY-MM-DD\", got \"" + v.as_string() + "\"");
   return *date;
 }
 
@@ -90,7 +92,8 @@ bool flag_of(const Value& payload, const char* key) {
 
 // The contract a request names, by its code; a continuous futures contract by its target.
 const Contract& contract_of(const MarketModel& model, const Value& contract) {
-  if (!contract.is_map()) refuse(kBadRequest, "contract must be a contract's fields, got " + describe(contract));
+  if (!contract.is_map())
+    refuse(kBadRequest, "contract must be a contract's fields, got " + describe(contract));
   const Value& target = contract.get("target_code");
   const Value& code = target.is_string() && !target.as_string().empty() ? target : contract.get("code");
   if (!code.is_string() || code.as_string().empty()) {
@@ -98,7 +101,8 @@ const Contract& contract_of(const MarketModel& model, const Value& contract) {
   }
   const Contract* found = model.contracts().find(code.as_string());
   if (found == nullptr || found->code != code.as_string()) {
-    refuse(kNotFound, "unknown contract code \"" + code.as_string() + "\"; expected a code of the contract master");
+    refuse(kNotFound,
+           "unknown contract code \"" + code.as_string() + "\"; expected a code of the contract master");
   }
   return *found;
 }
@@ -127,7 +131,8 @@ Timestamp time_of_day(const Value& v, const char* which) {
     if (fraction_ok) micros = std::stoi((fraction + "000000").substr(0, 6));
   }
   if (!shape || !fraction_ok || two(0) > 23 || two(3) > 59 || (text.size() >= 8 && two(6) > 59)) {
-    refuse(kBadRequest, std::string("time_range ") + which + " must be a time of day \"HH:MM:SS\", got " + describe(v));
+    refuse(kBadRequest,
+           std::string("time_range ") + which + " must be a time of day \"HH:MM:SS\", got " + describe(v));
   }
   const int seconds = two(0) * 3600 + two(3) * 60 + (text.size() >= 8 ? two(6) : 0);
   return seconds * kNanosPerSecond + static_cast<Timestamp>(micros) * 1000;
@@ -176,7 +181,8 @@ Value ticks_reply(const MarketHistory& history, const Value& payload) {
   response.append_new("bid_volume", column(rows, [](const TickRow& r) { return r.bid_volume; }));
   response.append_new("ask_price", column(rows, [](const TickRow& r) { return r.ask_price.to_double(); }));
   response.append_new("ask_volume", column(rows, [](const TickRow& r) { return r.ask_volume; }));
-  response.append_new("tick_type", column(rows, [](const TickRow& r) { return static_cast<int>(r.tick_type); }));
+  response.append_new("tick_type",
+                      column(rows, [](const TickRow& r) { return static_cast<int>(r.tick_type); }));
   return ok(std::move(response));
 }
 
@@ -188,8 +194,8 @@ Value kbars_reply(const MarketHistory& history, const Value& payload) {
   const Date end = date_of(payload, "end");
   if (end < start) refuse(kBadRequest, "end " + end.to_string() + " is before start " + start.to_string());
   if (end.serial() - start.serial() >= kMaxKbarDays) {
-    refuse(kBadRequest, "kbars cover at most " + std::to_string(kMaxKbarDays) + " days at a time; asked for " +
-                            start.to_string() + " to " + end.to_string());
+    refuse(kBadRequest, "kbars cover at most " + std::to_string(kMaxKbarDays) +
+                            " days at a time; asked for " + start.to_string() + " to " + end.to_string());
   }
   const std::vector<MinuteBar> bars = history.kbars(contract, start, end);
   Map response;
@@ -265,9 +271,12 @@ Value snapshots_reply(const MarketHistory& history, const Value& payload) {
 }
 
 constexpr std::pair<std::string_view, ScannerKind> kScanners[] = {
-    {"ChangePercentRank", ScannerKind::ChangePercent}, {"ChangePriceRank", ScannerKind::ChangePrice},
-    {"DayRangeRank", ScannerKind::DayRange},          {"VolumeRank", ScannerKind::Volume},
-    {"AmountRank", ScannerKind::Amount},              {"TickCountRank", ScannerKind::TickCount}};
+    {"ChangePercentRank", ScannerKind::ChangePercent},
+    {"ChangePriceRank", ScannerKind::ChangePrice},
+    {"DayRangeRank", ScannerKind::DayRange},
+    {"VolumeRank", ScannerKind::Volume},
+    {"AmountRank", ScannerKind::Amount},
+    {"TickCountRank", ScannerKind::TickCount}};
 constexpr std::int64_t kMaxScannerCount = 200;
 
 Value scanner_reply(const MarketHistory& history, const Value& payload) {
@@ -277,11 +286,14 @@ Value scanner_reply(const MarketHistory& history, const Value& payload) {
     if (type.is_string() && type.as_string() == name) kind = k;
   }
   if (!kind) {
-    refuse(kBadRequest, "scanner_type must be one of ChangePercentRank, ChangePriceRank, DayRangeRank, VolumeRank, "
-                        "AmountRank, TickCountRank; got " + describe(type));
+    refuse(kBadRequest,
+           "scanner_type must be one of ChangePercentRank, ChangePriceRank, DayRangeRank, VolumeRank, "
+           "AmountRank, TickCountRank; got " +
+               describe(type));
   }
   const Value& ascending = payload.get("ascending");
-  if (!ascending.is_bool()) refuse(kBadRequest, "ascending must be true or false, got " + describe(ascending));
+  if (!ascending.is_bool())
+    refuse(kBadRequest, "ascending must be true or false, got " + describe(ascending));
   const Value& count = payload.get("count");
   if (!count.is_int() || count.as_int() < 1 || count.as_int() > kMaxScannerCount) {
     refuse(kBadRequest, "count must be a whole number from 1 to 200, got " + describe(count));
@@ -312,8 +324,8 @@ Value scanner_reply(const MarketHistory& history, const Value& payload) {
 const Contract& stock_of(const MarketModel& model, const Value& item, const char* what) {
   const Contract& contract = contract_of(model, item);
   if (contract.security_type != SecurityType::Stock) {
-    refuse(kBadRequest, std::string(what) + " are kept for stocks only; " + contract.code + " is of security type " +
-                            std::string(to_text(contract.security_type)));
+    refuse(kBadRequest, std::string(what) + " are kept for stocks only; " + contract.code +
+                            " is of security type " + std::string(to_text(contract.security_type)));
   }
   return contract;
 }
@@ -334,7 +346,8 @@ Value credit_reply(const MarketHistory& history, const Value& payload) {
 
 Value short_sources_reply(const MarketHistory& history, const Value& payload, bool paper_session) {
   if (paper_session) {
-    refuse(kForbidden, "short-stock sources are not served to simulation sessions; log in with a live account");
+    refuse(kForbidden,
+           "short-stock sources are not served to simulation sessions; log in with a live account");
   }
   const Timestamp ts = taipei_wall_nanos(history.now());
   Array out;
@@ -348,8 +361,8 @@ Value short_sources_reply(const MarketHistory& history, const Value& payload, bo
 
 }  // namespace
 
-PaperMarketData::PaperMarketData(const ContractMaster& contracts, const core::Clock& clock, RestingDepth depth,
-                                 MarketDataOptions options)
+PaperMarketData::PaperMarketData(const ContractMaster& contracts, const core::Clock& clock,
+                                 RestingDepth depth, MarketDataOptions options)
     : model_(contracts, options.seed),
       history_(model_, clock, ledger_, depth),
       feed_(model_, clock, ledger_, std::move(depth), options.feed) {}
@@ -368,7 +381,8 @@ void PaperMarketData::record_trade(const OwnTrade& trade) {
 
 Value PaperMarketData::answer(std::string_view service, const Value& payload, bool paper_session) const {
   try {
-    if (!payload.is_map()) refuse(kBadRequest, "the request must be a map of fields, got " + describe(payload));
+    if (!payload.is_map())
+      refuse(kBadRequest, "the request must be a map of fields, got " + describe(payload));
     if (service == "ticks") return ticks_reply(history_, payload);
     if (service == "kbars") return kbars_reply(history_, payload);
     if (service == "daily_quotes") return daily_quotes_reply(history_, payload);

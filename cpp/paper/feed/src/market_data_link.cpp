@@ -50,7 +50,9 @@ MarketDataLink::~MarketDataLink() { detach(); }
 
 void MarketDataLink::attach(bus::Responder& responder) {
   detach();
-  data_.start([&responder](const std::string& topic, std::string payload) { responder.publish(topic, std::move(payload)); });
+  data_.start([&responder](const std::string& topic, std::string payload) {
+    responder.publish(topic, std::move(payload));
+  });
   responder_ = &responder;
   // The watcher first hears every filter active now, then each change.
   responder.watch_subscriptions(
@@ -70,9 +72,10 @@ void MarketDataLink::detach() {
 
 void apply_market_options(PaperBrokerConfig& config, std::string_view options, const std::string& host) {
   auto refuse = [&host](const std::string& what) {
-    throw bus::BusError("cannot start the paper broker of '" + host + "': " + what +
-                        "; expected clock_speed=<above 0, at most 1e6> and market_start=<YYYY-MM-DDTHH:MM[:SS], "
-                        "Taipei time> joined by '&'");
+    throw bus::BusError(
+        "cannot start the paper broker of '" + host + "': " + what +
+        "; expected clock_speed=<above 0, at most 1e6> and market_start=<YYYY-MM-DDTHH:MM[:SS], "
+        "Taipei time> joined by '&'");
   };
   while (!options.empty()) {
     const std::size_t amp = options.find('&');
@@ -85,7 +88,8 @@ void apply_market_options(PaperBrokerConfig& config, std::string_view options, c
     if (key == "clock_speed") {
       char* end = nullptr;
       const double speed = std::strtod(value.c_str(), &end);
-      if (value.empty() || *end != '\0' || !(speed > 0.0) || speed > 1e6) refuse("clock_speed '" + value + "' is not usable");
+      if (value.empty() || *end != '\0' || !(speed > 0.0) || speed > 1e6)
+        refuse("clock_speed '" + value + "' is not usable");
       config.clock_speed = speed;
     } else if (key == "market_start") {
       const std::optional<Timestamp> start = parse_taipei_instant(value);

@@ -24,7 +24,8 @@ double rank_value(ScannerKind kind, const QuoteState& s) {
     case ScannerKind::ChangePrice: return s.price_change();
     case ScannerKind::DayRange: {
       if (!s.reference.is_positive()) return 0;
-      const double range = static_cast<double>(s.high.units() - s.low.units()) * 100.0 / static_cast<double>(s.reference.units());
+      const double range = static_cast<double>(s.high.units() - s.low.units()) * 100.0 /
+                           static_cast<double>(s.reference.units());
       return std::round(range * 100.0) / 100.0;
     }
     case ScannerKind::Volume: return static_cast<double>(s.total_volume);
@@ -72,7 +73,8 @@ std::vector<TickRow> MarketHistory::ticks(const Contract& contract, const Date& 
     const TapeTrade& t = applied->trade;
     const BookLevel bid = replay.state().book_shape.best_bid_level();
     const BookLevel ask = replay.state().book_shape.best_ask_level();
-    const TickRow row{t.ts, t.price, t.volume, bid.price, bid.volume, ask.price, ask.volume, t.side, applied->value};
+    const TickRow row{t.ts,      t.price,    t.volume, bid.price,     bid.volume,
+                      ask.price, ask.volume, t.side,   applied->value};
     switch (selection.kind) {
       case TickSelection::Kind::AllDay: rows.push_back(row); break;
       case TickSelection::Kind::RangeTime:
@@ -90,7 +92,8 @@ std::vector<TickRow> MarketHistory::ticks(const Contract& contract, const Date& 
   return rows;
 }
 
-std::vector<MinuteBar> MarketHistory::kbars(const Contract& contract, const Date& start, const Date& end) const {
+std::vector<MinuteBar> MarketHistory::kbars(const Contract& contract, const Date& start,
+                                            const Date& end) const {
   std::vector<MinuteBar> bars;
   const Timestamp now = this->now();
   const Market market = board_market(contract);
@@ -177,7 +180,8 @@ std::vector<ScannerRow> MarketHistory::scan(ScannerKind kind, bool ascending, co
     }
   }
   const auto order = [ascending](const ScannerRow& a, const ScannerRow& b) {
-    if (a.rank_value != b.rank_value) return ascending ? a.rank_value < b.rank_value : a.rank_value > b.rank_value;
+    if (a.rank_value != b.rank_value)
+      return ascending ? a.rank_value < b.rank_value : a.rank_value > b.rank_value;
     return a.snapshot.contract->code < b.snapshot.contract->code;
   };
   const std::size_t keep = std::min(count, rows.size());

@@ -18,7 +18,8 @@ Volatility volatility_of(const Contract& c) {
   switch (c.security_type) {
     case SecurityType::Index: return {0.010, 0.008};
     case SecurityType::Stock: return c.is_etf() ? Volatility{0.009, 0.007} : Volatility{0.018, 0.015};
-    case SecurityType::Future: return c.underlying_kind == "S" ? Volatility{0.018, 0.015} : Volatility{0.010, 0.009};
+    case SecurityType::Future:
+      return c.underlying_kind == "S" ? Volatility{0.018, 0.015} : Volatility{0.010, 0.009};
     case SecurityType::Option: break;
   }
   return {0.20, 0.15};
@@ -28,7 +29,8 @@ constexpr double kMaxDailyMove = 0.09;  // inside the 10% limits even after roun
 
 bool is_demo_stock(const Contract& c) {
   return c.security_type == SecurityType::Stock &&
-         std::find(std::begin(kDemoStockCodes), std::end(kDemoStockCodes), c.code) != std::end(kDemoStockCodes);
+         std::find(std::begin(kDemoStockCodes), std::end(kDemoStockCodes), c.code) !=
+             std::end(kDemoStockCodes);
 }
 
 Price smallest_price(TickLadder ladder) { return tick_size(ladder, Price::from_units(1)); }
@@ -42,7 +44,8 @@ Price on_ladder_within(TickLadder ladder, double value, const PriceLimits& limit
 // Ladder steps between a price and the same price moved by `fraction`.
 double steps_for(TickLadder ladder, Price price, double fraction) {
   const Price moved = Price::from_double(price.to_double() * (1 + fraction));
-  return static_cast<double>(std::max<std::int64_t>(1, ladder_position(ladder, moved) - ladder_position(ladder, price)));
+  return static_cast<double>(
+      std::max<std::int64_t>(1, ladder_position(ladder, moved) - ladder_position(ladder, price)));
 }
 
 }  // namespace
@@ -57,7 +60,8 @@ const Contract* MarketModel::underlying(const Contract& contract) const {
 }
 
 double MarketModel::daily_move(const Contract& contract, const Date& day) const {
-  SeededRandom rng(mix_seed(mix_seed(seed_, text_seed(contract.code)), static_cast<std::uint64_t>(day.serial())));
+  SeededRandom rng(
+      mix_seed(mix_seed(seed_, text_seed(contract.code)), static_cast<std::uint64_t>(day.serial())));
   double sum = 0;
   for (int i = 0; i < 4; ++i) sum += rng.unit();
   const double move = (sum - 2.0) * 1.7320508075688772 * volatility_of(contract).daily;
@@ -100,15 +104,17 @@ std::optional<DayPrices> MarketModel::day_prices(const Contract& contract, const
     const Date before = d.plus_business_days(-1);
     const double back = reference.to_double() / (1 + daily_move(contract, before));
     next_reference = reference;
-    reference = std::max(round_down_to_ladder(contract.ladder, Price::from_double(back)), smallest_price(contract.ladder));
+    reference = std::max(round_down_to_ladder(contract.ladder, Price::from_double(back)),
+                         smallest_price(contract.ladder));
     d = before;
   }
   DayPrices prices;
   prices.day = day;
   prices.reference = reference;
   prices.limits = limits_on(contract, reference, day);
-  prices.close = next_reference ? std::clamp(*next_reference, prices.limits.limit_down, prices.limits.limit_up)
-                                : closing_price(contract, reference, prices.limits, day);
+  prices.close = next_reference
+                     ? std::clamp(*next_reference, prices.limits.limit_down, prices.limits.limit_up)
+                     : closing_price(contract, reference, prices.limits, day);
   return prices;
 }
 
@@ -134,7 +140,8 @@ Timestamp MarketModel::mean_trade_interval(const Contract& c) const {
       const double distance = index > 0 ? std::abs(c.strike_price.to_double() - index) / index : 0.0;
       seconds = std::min(900.0, 4.0 * (1 + std::pow(distance / 0.01, 2)));
       const Contract* front = contracts_.front_month("TXF");
-      if (front != nullptr && c.delivery_month != front->delivery_month) seconds = std::min(900.0, seconds * 3);
+      if (front != nullptr && c.delivery_month != front->delivery_month)
+        seconds = std::min(900.0, seconds * 3);
       break;
     }
   }
@@ -163,13 +170,15 @@ TickTape MarketModel::tape(const Contract& contract, Market market, const Date& 
     expected += static_cast<double>(s.last_trade - s.open) * (s.call_interval > 0 ? 1.0 : s.activity) /
                 static_cast<double>(interval);
   }
-  plan.step_sigma =
-      steps_for(contract.ladder, plan.prices.reference, volatility_of(contract).intraday) / std::sqrt(expected);
+  plan.step_sigma = steps_for(contract.ladder, plan.prices.reference, volatility_of(contract).intraday) /
+                    std::sqrt(expected);
 
   const double price = std::max(plan.prices.reference.to_double(), 0.01);
   switch (market) {
     case Market::Stock: plan.volume_mean = std::clamp(300.0 / price, 1.0, 40.0) + 1; break;
-    case Market::FuturesOptions: plan.volume_mean = contract.security_type == SecurityType::Option ? 5 : 3; break;
+    case Market::FuturesOptions:
+      plan.volume_mean = contract.security_type == SecurityType::Option ? 5 : 3;
+      break;
     case Market::Index: plan.volume_mean = 0; break;
     case Market::IntradayOdd: {
       plan.volume_mean = 999;

@@ -67,8 +67,8 @@ double price_change(const QuoteState& s) {
 }
 
 // Each level's volume change since the previous message, matched by price.
-Quantity diff_at(const std::array<BookLevel, kBookDepth>& now, const std::array<BookLevel, kBookDepth>& before,
-                 std::size_t i) {
+Quantity diff_at(const std::array<BookLevel, kBookDepth>& now,
+                 const std::array<BookLevel, kBookDepth>& before, std::size_t i) {
   if (!now[i].price.is_positive()) return 0;
   for (const BookLevel& b : before) {
     if (b.price == now[i].price) return now[i].volume - b.volume;
@@ -86,7 +86,8 @@ void volumes(Writer& w, const std::array<BookLevel, kBookDepth>& side) {
   for (const BookLevel& l : side) w.integer(l.volume);
 }
 
-void diffs(Writer& w, const std::array<BookLevel, kBookDepth>& side, const std::array<BookLevel, kBookDepth>& before) {
+void diffs(Writer& w, const std::array<BookLevel, kBookDepth>& side,
+           const std::array<BookLevel, kBookDepth>& before) {
   w.array(kBookDepth);
   for (std::size_t i = 0; i < kBookDepth; ++i) w.integer(diff_at(side, before, i));
 }
@@ -195,7 +196,8 @@ void quote_v2(Writer& w, const QuoteFrame& f) {
 void date_and_time(Writer& w, Timestamp ts) {
   const Timestamp wall = taipei_wall_nanos(ts);
   const Date date = taipei_date(ts);
-  const std::int64_t of_day = (wall % (86400 * kNanosPerSecond) + 86400 * kNanosPerSecond) % (86400 * kNanosPerSecond);
+  const std::int64_t of_day =
+      (wall % (86400 * kNanosPerSecond) + 86400 * kNanosPerSecond) % (86400 * kNanosPerSecond);
   const std::int64_t us = of_day / 1000;
   char buf[32];
   std::snprintf(buf, sizeof buf, "%04d/%02d/%02d", date.year, date.month, date.day);
@@ -229,8 +231,8 @@ void tick_v0(Writer& w, Market market, const QuoteFrame& f) {
   w.text("Code");
   w.text(f.contract->code);
   date_and_time(w, f.ts);
-  const std::pair<const char*, Price> price_fields[] = {{"Open", s.open}, {"High", s.high}, {"Low", s.low},
-                                                        {"Close", s.close}};
+  const std::pair<const char*, Price> price_fields[] = {
+      {"Open", s.open}, {"High", s.high}, {"Low", s.low}, {"Close", s.close}};
   for (const auto& [key, value] : price_fields) {
     w.text(key);
     w.real(dollars(value));
@@ -298,13 +300,16 @@ std::string quote_topic(QuoteTopic topic, Market market, bool night, const Contr
   std::string t;
   t.reserve(32);
   t += is_tick(topic) ? "TIC/" : "QUO/";
-  t += topic == QuoteTopic::QuoteV2 ? "v2/" : (topic == QuoteTopic::TickV0 || topic == QuoteTopic::BidAskV0) ? "v0/" : "v1/";
+  t += topic == QuoteTopic::QuoteV2                                     ? "v2/"
+       : (topic == QuoteTopic::TickV0 || topic == QuoteTopic::BidAskV0) ? "v0/"
+                                                                        : "v1/";
   t += to_text(market);
   t += night ? "/N/" : "/D/";
   t += topic_exchange(contract);
   t += '/';
   t += contract.code;
-  if (market == Market::IntradayOdd && (topic == QuoteTopic::TickV0 || topic == QuoteTopic::BidAskV0)) t += "/ODDLOT";
+  if (market == Market::IntradayOdd && (topic == QuoteTopic::TickV0 || topic == QuoteTopic::BidAskV0))
+    t += "/ODDLOT";
   return t;
 }
 

@@ -47,7 +47,8 @@ std::vector<std::string_view> levels_of(std::string_view filter) {
   std::size_t start = 0;
   for (;;) {
     const std::size_t slash = filter.find('/', start);
-    levels.push_back(filter.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start));
+    levels.push_back(
+        filter.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start));
     if (slash == std::string_view::npos) return levels;
     start = slash + 1;
   }
@@ -198,7 +199,8 @@ class QuoteFeed::Streams {
   void open_day(Stream& s, const Date& day) {
     s.day.emplace(model_, *s.contract, s.market, day);
     s.underlying.reset();
-    if (const Contract* u = model_.underlying(*s.contract)) s.underlying.emplace(model_.tape(*u, board_market(*u), day));
+    if (const Contract* u = model_.underlying(*s.contract))
+      s.underlying.emplace(model_.tape(*u, board_market(*u), day));
   }
 
   QuoteBook book_of(const Stream& s) {
@@ -279,9 +281,11 @@ class QuoteFeed::Streams {
   std::vector<std::pair<const std::string*, std::string>> outbox_;
 };
 
-QuoteFeed::QuoteFeed(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger, RestingDepth depth,
-                     FeedOptions options)
-    : clock_(clock), options_(options), streams_(std::make_unique<Streams>(model, ledger, std::move(depth))) {}
+QuoteFeed::QuoteFeed(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger,
+                     RestingDepth depth, FeedOptions options)
+    : clock_(clock),
+      options_(options),
+      streams_(std::make_unique<Streams>(model, ledger, std::move(depth))) {}
 
 QuoteFeed::~QuoteFeed() { stop(); }
 
@@ -358,7 +362,8 @@ void QuoteFeed::run() {
       filters.swap(filter_changes_);
       books.swap(changed_books_);
     }
-    for (const FilterChange& change : filters) streams_->change_filter(change.filter, change.active, change.at);
+    for (const FilterChange& change : filters)
+      streams_->change_filter(change.filter, change.active, change.at);
     for (const auto& [code, board] : books) streams_->book_changed(code, board);
     filters.clear();
     books.clear();

@@ -14,8 +14,8 @@ Quantity level_volume(double typical, std::uint64_t seed, std::size_t level, boo
 }
 
 template <typename Better>
-void merge_side(std::array<BookLevel, kBookDepth>& side, const std::vector<DepthLevel>& resting, Better better,
-                Price bound) {
+void merge_side(std::array<BookLevel, kBookDepth>& side, const std::vector<DepthLevel>& resting,
+                Better better, Price bound) {
   std::vector<BookLevel> levels;
   for (const BookLevel& l : side) {
     if (l.price.is_positive()) levels.push_back(l);
@@ -23,14 +23,16 @@ void merge_side(std::array<BookLevel, kBookDepth>& side, const std::vector<Depth
   for (const DepthLevel& r : resting) {
     if (!r.price.is_positive() || r.quantity <= 0) continue;
     if (bound.is_positive() && !better(bound, r.price)) continue;  // would cross the other side
-    const auto same = std::find_if(levels.begin(), levels.end(), [&](const BookLevel& l) { return l.price == r.price; });
+    const auto same =
+        std::find_if(levels.begin(), levels.end(), [&](const BookLevel& l) { return l.price == r.price; });
     if (same != levels.end()) {
       same->volume += r.quantity;
     } else {
       levels.push_back({r.price, r.quantity});
     }
   }
-  std::sort(levels.begin(), levels.end(), [&](const BookLevel& a, const BookLevel& b) { return better(a.price, b.price); });
+  std::sort(levels.begin(), levels.end(),
+            [&](const BookLevel& a, const BookLevel& b) { return better(a.price, b.price); });
   side = {};
   for (std::size_t i = 0; i < kBookDepth && i < levels.size(); ++i) side[i] = levels[i];
 }
@@ -84,8 +86,10 @@ QuoteBook merge_resting(const QuoteBook& market, const std::vector<DepthLevel>& 
                         const std::vector<DepthLevel>& asks) {
   QuoteBook merged = market;
   // A zero best price on the other side leaves nothing to cross.
-  merge_side(merged.bids, bids, [](Price a, Price b) { return a > b; }, market.asks[0].price);
-  merge_side(merged.asks, asks, [](Price a, Price b) { return a < b; }, market.bids[0].price);
+  merge_side(
+      merged.bids, bids, [](Price a, Price b) { return a > b; }, market.asks[0].price);
+  merge_side(
+      merged.asks, asks, [](Price a, Price b) { return a < b; }, market.bids[0].price);
   return merged;
 }
 
@@ -121,7 +125,8 @@ double QuoteState::percent_change() const {
 
 double QuoteState::average_price() const {
   if (total_volume <= 0 || value_per_unit <= 0) return last_price().to_double();
-  const double avg = to_dollars(total_amount) / (static_cast<double>(total_volume) * static_cast<double>(value_per_unit));
+  const double avg =
+      to_dollars(total_amount) / (static_cast<double>(total_volume) * static_cast<double>(value_per_unit));
   return std::round(avg * 100.0) / 100.0;
 }
 
@@ -144,7 +149,8 @@ ContractDay::ContractDay(const MarketModel& model, const Contract& contract, Mar
   }
   state_.book_shape.ladder = plan.ladder;
   state_.book_shape.limits = plan.prices.limits;
-  state_.book_shape.typical_volume = market == Market::IntradayOdd ? 200.0 : std::max(1.0, plan.volume_mean) * 4;
+  state_.book_shape.typical_volume =
+      market == Market::IntradayOdd ? 200.0 : std::max(1.0, plan.volume_mean) * 4;
   // Before the first trade the book stands around the reference.
   const Price ref = plan.prices.reference;
   if (market != Market::Index) set_book(step_down(plan.ladder, ref), ref, plan.seed);

@@ -43,7 +43,9 @@ std::uint64_t text_seed(std::string_view text) {
 }
 
 TickTape::TickTape(TapePlan plan, std::unique_ptr<TickTape> price_source)
-    : plan_(std::move(plan)), source_(std::move(price_source)), rng_(std::make_unique<SeededRandom>(plan_.seed)) {
+    : plan_(std::move(plan)),
+      source_(std::move(price_source)),
+      rng_(std::make_unique<SeededRandom>(plan_.seed)) {
   const PriceLimits& limits = plan_.prices.limits;
   low_ = ladder_position(plan_.ladder, limits.limit_down);
   high_ = std::max(low_, ladder_position(plan_.ladder, limits.limit_up));
@@ -113,11 +115,13 @@ double TickTape::remaining_trades(Timestamp ts) const {
     const TradingSession& s = plan_.sessions[i];
     const Timestamp from = std::max(ts, s.open);
     if (s.call_interval > 0) {
-      if (s.close > from) remaining += static_cast<double>(s.close - from) / static_cast<double>(s.call_interval);
+      if (s.close > from)
+        remaining += static_cast<double>(s.close - from) / static_cast<double>(s.call_interval);
       continue;
     }
     if (s.last_trade > from) {
-      remaining += static_cast<double>(s.last_trade - from) * s.activity / static_cast<double>(plan_.mean_interval);
+      remaining +=
+          static_cast<double>(s.last_trade - from) * s.activity / static_cast<double>(plan_.mean_interval);
     }
     if (s.closing_auction) remaining += 1;
   }

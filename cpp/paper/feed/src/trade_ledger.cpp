@@ -37,7 +37,8 @@ bool TradeLedger::record(OwnTrade trade) {
   return true;
 }
 
-std::size_t TradeLedger::read(std::string_view code, Board board, std::size_t from, std::vector<OwnTrade>& out) const {
+std::size_t TradeLedger::read(std::string_view code, Board board, std::size_t from,
+                              std::vector<OwnTrade>& out) const {
   std::lock_guard lock(mutex_);
   const auto it = by_book_.find(key(code, board));
   if (it == by_book_.end()) return 0;

@@ -185,8 +185,8 @@ std::pair<Date, Date> date_range(const Value& payload) {
   const Date begin = field(payload, "begin_date").date();
   const Date end = field(payload, "end_date").date();
   if (end < begin) {
-    wire::refuse(wire::kBadRequest, "end_date " + end.to_string() + " is before begin_date " + begin.to_string() +
-                                        "; expected a range that runs forward");
+    wire::refuse(wire::kBadRequest, "end_date " + end.to_string() + " is before begin_date " +
+                                        begin.to_string() + "; expected a range that runs forward");
   }
   return {begin, end};
 }
@@ -209,8 +209,8 @@ const Account& BrokerCore::State::account_for(const Request& request, std::optio
   if (kind && account.config.kind != *kind) {
     wire::refuse(wire::kBadRequest, request.topic + " serves " +
                                         (*kind == AccountKind::Stock ? "stock" : "futures") + " accounts; " +
-                                        account.config.broker_id + "-" + account.config.account_id + " is a " +
-                                        (account.is_stock() ? "stock" : "futures") + " account");
+                                        account.config.broker_id + "-" + account.config.account_id +
+                                        " is a " + (account.is_stock() ? "stock" : "futures") + " account");
   }
   return account;
 }
@@ -251,7 +251,8 @@ Value BrokerCore::State::settlements(Request& request) {
   settle_events(request);
   Value days = Value::array({});
   for (const SettlementDay& day : stock_book(account).settlements(today())) {
-    days.push_back(Value::map({{"date", day.date.to_string()}, {"amount", wire::amount(day.amount)}, {"T", day.t}}));
+    days.push_back(
+        Value::map({{"date", day.date.to_string()}, {"amount", wire::amount(day.amount)}, {"T", day.t}}));
   }
   return with_account(account, "settlements", std::move(days));
 }
@@ -277,7 +278,8 @@ Value BrokerCore::State::positions(Request& request) {
     return with_account(account, "positions",
                         rows_of(stock_book(account).positions(unit, marks(), today()), stock_position));
   }
-  return with_account(account, "positions", rows_of(futures_book(account).positions(marks()), future_position));
+  return with_account(account, "positions",
+                      rows_of(futures_book(account).positions(marks()), future_position));
 }
 
 // The client names a position by its code, direction and (stocks) condition, as listed.
@@ -296,7 +298,8 @@ Value BrokerCore::State::position_detail(Request& request) {
         return with_account(account, "position_detail", rows_of(lots.value(), stock_lot));
       }
     }
-    wire::refuse(wire::kNotFound, "no" + where + " " + cond + " in the account; expected one list_positions gave",
+    wire::refuse(wire::kNotFound,
+                 "no" + where + " " + cond + " in the account; expected one list_positions gave",
                  static_cast<int>(RefusalCode::UnknownPosition));
   }
   for (const FuturePosition& p : futures_book(account).positions(marks())) {
@@ -315,9 +318,11 @@ Value BrokerCore::State::profit_loss(Request& request) {
   const auto [begin, end] = date_range(request.payload);
   settle_events(request);
   if (account.is_stock()) {
-    return with_account(account, "profitloss", rows_of(stock_book(account).profit_loss(begin, end), stock_realised));
+    return with_account(account, "profitloss",
+                        rows_of(stock_book(account).profit_loss(begin, end), stock_realised));
   }
-  return with_account(account, "profitloss", rows_of(futures_book(account).profit_loss(begin, end), future_realised));
+  return with_account(account, "profitloss",
+                      rows_of(futures_book(account).profit_loss(begin, end), future_realised));
 }
 
 // Stock items are named by their closing deal (dseq); futures items by code and date, which
@@ -330,8 +335,9 @@ Value BrokerCore::State::profit_loss_detail(Request& request) {
     const std::string dseq = field(request.payload, "dseq").text();
     const StockProfitLoss* item = stock_book(account).profit_loss_of_deal(dseq);
     if (item == nullptr || item->code != code) {
-      wire::refuse(wire::kNotFound, "no realised profit or loss of " + code + " closed by deal " + dseq +
-                                        "; expected an item list_profit_loss gave",
+      wire::refuse(wire::kNotFound,
+                   "no realised profit or loss of " + code + " closed by deal " + dseq +
+                       "; expected an item list_profit_loss gave",
                    static_cast<int>(RefusalCode::UnknownPosition));
     }
     const auto lots = stock_book(account).profit_loss_detail(item->id);
@@ -347,8 +353,9 @@ Value BrokerCore::State::profit_loss_detail(Request& request) {
     for (const FutureProfitDetail& lot : lots.value()) rows.push_back(future_realised_lot(lot));
   }
   if (rows.size() == 0) {
-    wire::refuse(wire::kNotFound, "no realised profit or loss of " + code + " on " + day.to_string() +
-                                      "; expected an item list_profit_loss gave",
+    wire::refuse(wire::kNotFound,
+                 "no realised profit or loss of " + code + " on " + day.to_string() +
+                     "; expected an item list_profit_loss gave",
                  static_cast<int>(RefusalCode::UnknownPosition));
   }
   return with_account(account, "profitdetail", std::move(rows));

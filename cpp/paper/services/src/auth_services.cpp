@@ -26,8 +26,9 @@ core::Bytes base58_field(const Field& f) {
   try {
     return core::base58_decode(f.text());
   } catch (const core::Base58Error&) {
-    wire::refuse(wire::kBadRequest, "field '" + f.path() + "' is not Base58 text; expected the Base58 encoding of "
-                                                           "the signed login document and of its signature");
+    wire::refuse(wire::kBadRequest, "field '" + f.path() +
+                                        "' is not Base58 text; expected the Base58 encoding of "
+                                        "the signed login document and of its signature");
   }
 }
 
@@ -43,8 +44,9 @@ void BrokerCore::State::serve_auth() {
   serve("api/v1/auth/b64validation", Access::Session, bound(&State::b64validation));
   // The paper broker tracks no client-side errors; the same answer for anyone, so it tells
   // nothing about which persons exist.
-  serve("api/v1/auth/error_tracking", Access::Open,
-        [](Request&) { return Value::map({{"error_tracking", false}}); });
+  serve("api/v1/auth/error_tracking", Access::Open, [](Request&) {
+    return Value::map({{"error_tracking", false}});
+  });
 }
 
 Value BrokerCore::State::login_response(Request& request, const std::string& token, bool trade_reports) {
@@ -73,8 +75,9 @@ Value BrokerCore::State::login(Request& request) {
   const bool trade_reports = field(p, "subscribe_trade").flag_or(true);
   const Person* person = directory.person(person_id);
   if (person == nullptr || !same_secret(hashed ? password : md5_hex(password), person->password_md5)) {
-    wire::refuse(wire::kUnauthorized, "login refused: unknown person id or wrong password; expected a registered "
-                                      "person id and the MD5 hex digest of the person's password");
+    wire::refuse(wire::kUnauthorized,
+                 "login refused: unknown person id or wrong password; expected a registered "
+                 "person id and the MD5 hex digest of the person's password");
   }
   const std::string token = sessions.issue(person, simulation);
   Value response = login_response(request, token, trade_reports);
@@ -94,28 +97,32 @@ Value BrokerCore::State::token_login(Request& request) {
   try {
     document = core::decode(std::string_view(reinterpret_cast<const char*>(message.data()), message.size()));
   } catch (const std::exception&) {
-    wire::refuse(wire::kBadRequest, "field 'msg' does not decode to a msgpack document; expected the Base58 text "
-                                    "of the msgpack login document");
+    wire::refuse(wire::kBadRequest,
+                 "field 'msg' does not decode to a msgpack document; expected the Base58 text "
+                 "of the msgpack login document");
   }
   if (!document.is_map()) wire::refuse(wire::kBadRequest, "the login document is not a map; expected a map");
   const std::string key = Field(document, "msg")["key"].text();
   const ApiKeyConfig* api_key = nullptr;
   const Person* person = directory.api_key_holder(key, &api_key);
   if (person == nullptr) {
-    wire::refuse(wire::kUnauthorized, "login refused: the API key is not known to this broker; expected a key "
-                                      "issued to a registered person");
+    wire::refuse(wire::kUnauthorized,
+                 "login refused: the API key is not known to this broker; expected a key "
+                 "issued to a registered person");
   }
-  if (crypto_sign_verify_detached(signature.data(), message.data(), message.size(), api_key->public_key.data()) != 0) {
-    wire::refuse(wire::kUnauthorized, "login refused: the signature does not verify with the API key's public key; "
-                                      "expected an Ed25519 signature of the msgpack document made with the key's "
-                                      "secret");
+  if (crypto_sign_verify_detached(signature.data(), message.data(), message.size(),
+                                  api_key->public_key.data()) != 0) {
+    wire::refuse(wire::kUnauthorized,
+                 "login refused: the signature does not verify with the API key's public key; "
+                 "expected an Ed25519 signature of the msgpack document made with the key's "
+                 "secret");
   }
   const Field doc(document, "msg");
   const std::int64_t window_ms = doc["receive_window"].integer();
   if (window_ms < 1 || window_ms > max_receive_window_ms) {
     wire::refuse(wire::kBadRequest, "receive_window " + std::to_string(window_ms) +
-                                        " is not accepted; expected 1 to " + std::to_string(max_receive_window_ms) +
-                                        " milliseconds");
+                                        " is not accepted; expected 1 to " +
+                                        std::to_string(max_receive_window_ms) + " milliseconds");
   }
   const double ts = doc["ts"].number();
   const Timestamp now_ns = now();
@@ -132,8 +139,9 @@ Value BrokerCore::State::token_login(Request& request) {
   }
   const std::string signature_key(signature.begin(), signature.end());
   if (!used_login_signatures.emplace(signature_key, now_ns + (2 * window_ms + 1) * 1'000'000).second) {
-    wire::refuse(wire::kUnauthorized, "login refused: this signed login document was used already; sign a new one "
-                                      "with a fresh ts");
+    wire::refuse(wire::kUnauthorized,
+                 "login refused: this signed login document was used already; sign a new one "
+                 "with a fresh ts");
   }
   const std::string token = sessions.issue(person, doc["simulation"].flag_or(false));
   return login_response(request, token, doc["subscribe_trade"].flag_or(true));

@@ -33,8 +33,8 @@ std::vector<std::string> Outbox::drain(DirectSender& sender) {
     try {
       if (message.reply_to) {
         message.reply_to->reply(std::move(message.payload));
-      } else if (sender.send_to_session(message.session_id, std::move(message.topic), std::move(message.payload)) ==
-                 0) {
+      } else if (sender.send_to_session(message.session_id, std::move(message.topic),
+                                        std::move(message.payload)) == 0) {
         gone.push_back(std::move(message.session_id));
       }
     } catch (...) {
@@ -86,7 +86,8 @@ EngineConfig engine_config(const PaperBrokerConfig& config) {
 
 double checked_speed(double speed) {
   if (!(speed > 0.0) || speed > 1e6) {
-    throw std::invalid_argument("clock_speed " + std::to_string(speed) + " is not usable; expected above 0, at most 1e6");
+    throw std::invalid_argument("clock_speed " + std::to_string(speed) +
+                                " is not usable; expected above 0, at most 1e6");
   }
   return speed;
 }
@@ -95,8 +96,9 @@ double checked_speed(double speed) {
 
 BrokerCore::State::State(PaperBrokerConfig config)
     : clock(clock_of(config)),
-      market_clock(config.market_start != 0 ? std::make_shared<const ReplayClock>(clock, config.market_start) : clock,
-                   checked_speed(config.clock_speed)),
+      market_clock(
+          config.market_start != 0 ? std::make_shared<const ReplayClock>(clock, config.market_start) : clock,
+          checked_speed(config.clock_speed)),
       max_receive_window_ms(config.max_receive_window_ms),
       ip_address(config.ip_address),
       master(master_config(config, market_clock)),
@@ -128,7 +130,8 @@ void BrokerCore::State::serve(const std::string& topic, Access access, Service s
   routes[topic] = Route{std::move(service), access};
 }
 
-void BrokerCore::State::serve_with_paper_twin(const std::string& category, const std::string& name, Service service) {
+void BrokerCore::State::serve_with_paper_twin(const std::string& category, const std::string& name,
+                                              Service service) {
   serve("api/v1/" + category + "/" + name, Access::Session, service);
   serve("api/v1/paper/" + name, Access::SimulationOnly, std::move(service));
 }
@@ -136,22 +139,26 @@ void BrokerCore::State::serve_with_paper_twin(const std::string& category, const
 void BrokerCore::State::check_access(Request& request, Access access) {
   if (access == Access::Open) return;
   if (request.caller.token.empty()) {
-    wire::refuse(wire::kUnauthorized, "no session token on the request; log in first and send the token it returns");
+    wire::refuse(wire::kUnauthorized,
+                 "no session token on the request; log in first and send the token it returns");
   }
   const Grant* grant = sessions.grant(request.caller.token);
   if (grant == nullptr) {
-    wire::refuse(wire::kUnauthorized,
-                 "the session token is not valid: unknown, revoked by a logout or issued by another broker; log in "
-                 "again");
+    wire::refuse(
+        wire::kUnauthorized,
+        "the session token is not valid: unknown, revoked by a logout or issued by another broker; log in "
+        "again");
   }
   request.session = &sessions.bind(request.caller.session_id, request.caller.token, *grant);
   if (access == Access::LiveOnly && request.session->simulation) {
-    wire::refuse(wire::kForbidden, request.topic + " is not offered to simulation sessions; log in without "
-                                                   "simulation to use it");
+    wire::refuse(wire::kForbidden, request.topic +
+                                       " is not offered to simulation sessions; log in without "
+                                       "simulation to use it");
   }
   if (access == Access::SimulationOnly && !request.session->simulation) {
-    wire::refuse(wire::kForbidden, request.topic + " serves simulation sessions only; live sessions use the "
-                                                   "api/v1/order/ and api/v1/portfolio/ topics");
+    wire::refuse(wire::kForbidden, request.topic +
+                                       " serves simulation sessions only; live sessions use the "
+                                       "api/v1/order/ and api/v1/portfolio/ topics");
   }
 }
 
@@ -160,8 +167,9 @@ std::string BrokerCore::State::decide(Request& request) {
   try {
     const auto route = routes.find(request.topic);
     if (route == routes.end()) {
-      wire::refuse(wire::kNotFound, "no service on topic " + request.topic + "; expected one of the api/v1/ topics "
-                                                                             "in the protocol description");
+      wire::refuse(wire::kNotFound, "no service on topic " + request.topic +
+                                        "; expected one of the api/v1/ topics "
+                                        "in the protocol description");
     }
     check_access(request, route->second.access);
     core::Value response = route->second.service(request);
@@ -172,7 +180,8 @@ std::string BrokerCore::State::decide(Request& request) {
     // recorded and refused, for one).
     reply = wire::refused_reply(refusal);
   } catch (const core::ValueError& e) {
-    reply = wire::refused_reply(ServiceRefused(wire::kBadRequest, std::string("malformed payload: ") + e.what()));
+    reply =
+        wire::refused_reply(ServiceRefused(wire::kBadRequest, std::string("malformed payload: ") + e.what()));
   } catch (const std::exception& e) {
     reply = wire::refused_reply(ServiceRefused(500, std::string("the paper broker failed: ") + e.what()));
   }
@@ -185,8 +194,8 @@ const Account& BrokerCore::State::owned_account(const Request& request, const wi
   const Account* found = directory.account(broker_id, account_id);
   // Unknown and foreign accounts get the same answer, so accounts cannot be probed.
   if (found == nullptr || found->holder != request.session->person) {
-    wire::refuse(wire::kForbidden, "account " + broker_id + "-" + account_id + " is not an account of person " +
-                                       request.person().person_id +
+    wire::refuse(wire::kForbidden, "account " + broker_id + "-" + account_id +
+                                       " is not an account of person " + request.person().person_id +
                                        "; expected one of the accounts the login listed");
   }
   return *found;
@@ -196,8 +205,10 @@ const Contract& BrokerCore::State::known_contract(const wire::Field& contract) c
   const std::string code = contract["code"].text();
   const Contract* found = master.find(code);
   if (found == nullptr) {
-    wire::refuse(wire::kNotFound, "contract " + code + " is not in the contract master; expected the code of a "
-                                                       "listed stock, future or option",
+    wire::refuse(wire::kNotFound,
+                 "contract " + code +
+                     " is not in the contract master; expected the code of a "
+                     "listed stock, future or option",
                  static_cast<int>(RefusalCode::UnknownContract));
   }
   return *found;
@@ -224,13 +235,14 @@ void BrokerCore::handle(const Caller& caller, const std::string& topic, std::str
   if (readable) {
     reply = state_->decide(request);
   } else {
-    reply = core::encode(wire::refused_reply(
-        ServiceRefused(wire::kBadRequest, "the payload is not one well-formed msgpack message; expected a map")));
+    reply = core::encode(wire::refused_reply(ServiceRefused(
+        wire::kBadRequest, "the payload is not one well-formed msgpack message; expected a map")));
   }
   // Under the lock, so that messages leave in the order their requests were decided.
   if (reply_to) out.push(Outgoing{std::move(reply_to), {}, topic, std::move(reply)});
   for (Report& report : request.reports) {
-    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
+    out.push(
+        Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
   }
 }
 
@@ -265,7 +277,8 @@ void BrokerCore::settle(Outbox& out) {
   Request request(nobody, kNoTopic, nothing);
   state_->settle_events(request);
   for (Report& report : request.reports) {
-    out.push(Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
+    out.push(
+        Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
   }
 }
 

@@ -16,17 +16,21 @@ Value BrokerCore::State::contract_page(Request& request) {
   const std::string type_text = field(request.payload, "security_type").text();
   const std::optional<SecurityType> type = security_type_from_text(type_text);
   if (!type) {
-    wire::refuse(wire::kBadRequest, "security_type '" + type_text + "' is not known; expected IND, STK, FUT or OPT");
+    wire::refuse(wire::kBadRequest,
+                 "security_type '" + type_text + "' is not known; expected IND, STK, FUT or OPT");
   }
   const std::int64_t page = field(request.payload, "page").integer();
-  const std::int64_t page_size = field(request.payload, "page_size").integer_or(ContractMaster::kDefaultPageSize);
+  const std::int64_t page_size =
+      field(request.payload, "page_size").integer_or(ContractMaster::kDefaultPageSize);
   if (page_size < 1 || page_size > ContractMaster::kMaxPageSize) {
-    wire::refuse(wire::kBadRequest, "page_size " + std::to_string(page_size) + " is not accepted; expected 1 to " +
-                                        std::to_string(ContractMaster::kMaxPageSize),
+    wire::refuse(wire::kBadRequest,
+                 "page_size " + std::to_string(page_size) + " is not accepted; expected 1 to " +
+                     std::to_string(ContractMaster::kMaxPageSize),
                  static_cast<int>(RefusalCode::InvalidPageSize));
   }
   if (page < 0 || page > 1'000'000) {
-    wire::refuse(wire::kBadRequest, "page " + std::to_string(page) + " is not a page number; expected 0 to max_page");
+    wire::refuse(wire::kBadRequest,
+                 "page " + std::to_string(page) + " is not a page number; expected 0 to max_page");
   }
   const std::string key = type_text + "/" + std::to_string(page) + "/" + std::to_string(page_size);
   if (const auto cached = contract_page_cache.find(key); cached != contract_page_cache.end()) {

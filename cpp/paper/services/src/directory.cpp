@@ -44,8 +44,8 @@ ApiKeyConfig api_key_from_secret(std::string key, std::string_view base58_seed) 
     throw std::invalid_argument("the secret of API key '" + key + "' is not Base58 text");
   }
   if (seed.size() != crypto_sign_SEEDBYTES) {
-    throw std::invalid_argument("the secret of API key '" + key + "' decodes to " + std::to_string(seed.size()) +
-                                " bytes; expected a 32-byte Ed25519 seed");
+    throw std::invalid_argument("the secret of API key '" + key + "' decodes to " +
+                                std::to_string(seed.size()) + " bytes; expected a 32-byte Ed25519 seed");
   }
   if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
   ApiKeyConfig api_key;
@@ -70,7 +70,8 @@ Directory::Directory(const PaperBrokerConfig& config) {
       throw std::invalid_argument("person '" + pc.person_id + "' is configured twice");
     }
     for (const ApiKeyConfig& key : person->api_keys) {
-      if (key.key.empty()) throw std::invalid_argument("person '" + pc.person_id + "' has an API key without a name");
+      if (key.key.empty())
+        throw std::invalid_argument("person '" + pc.person_id + "' has an API key without a name");
       if (!by_api_key_.emplace(key.key, std::make_pair(person.get(), &key)).second) {
         throw std::invalid_argument("API key '" + key.key + "' is configured twice");
       }
@@ -78,12 +79,14 @@ Directory::Directory(const PaperBrokerConfig& config) {
     for (const std::string& token : person->standing_tokens) {
       // The token itself stays out of the text: it is a credential.
       if (token.empty() || !by_standing_token_.emplace(token, person.get()).second) {
-        throw std::invalid_argument("person '" + pc.person_id + "' has an empty or duplicate simulation token");
+        throw std::invalid_argument("person '" + pc.person_id +
+                                    "' has an empty or duplicate simulation token");
       }
     }
     for (const AccountConfig& ac : pc.accounts) {
       if (ac.broker_id.empty() || ac.account_id.empty()) {
-        throw std::invalid_argument("an account of person '" + pc.person_id + "' lacks its broker_id or account_id");
+        throw std::invalid_argument("an account of person '" + pc.person_id +
+                                    "' lacks its broker_id or account_id");
       }
       if ((ac.kind == AccountKind::Futures) != (ac.broker_id[0] == 'F')) {
         throw std::invalid_argument("account " + ac.broker_id + "-" + ac.account_id +

@@ -31,7 +31,8 @@ Enum parsed(const Field& f, std::optional<Enum> (*from_text)(std::string_view), 
             const char* expected) {
   const std::string text = f.text_or(fallback);
   const std::optional<Enum> value = from_text(text);
-  if (!value) wire::refuse(wire::kBadRequest, "field '" + f.path() + "' is '" + text + "'; expected " + expected);
+  if (!value)
+    wire::refuse(wire::kBadRequest, "field '" + f.path() + "' is '" + text + "'; expected " + expected);
   return *value;
 }
 
@@ -50,8 +51,10 @@ OrderId order_id_of(const Field& order) {
     id = id * 16 + static_cast<OrderId>(digit < 0 ? 0 : digit);
   }
   if (!valid) {
-    wire::refuse(wire::kNotFound, "order " + text + " is not an order of this broker; expected the id its placement "
-                                                    "reply gave",
+    wire::refuse(wire::kNotFound,
+                 "order " + text +
+                     " is not an order of this broker; expected the id its placement "
+                     "reply gave",
                  static_cast<int>(RefusalCode::UnknownOrder));
   }
   return id;
@@ -65,8 +68,9 @@ Price bounding_price(const OrderTicket& ticket, const Contract& contract) {
 
 // One fill as the deal report tells it; `detailed` adds the order lot and condition (stocks) or
 // the contract's delivery and strike (derivatives).
-std::string deal_report(OrderId id, const Account& account, Side side, const Contract& contract, const OrderEvent& e,
-                        const std::string& custom_field, bool detailed, std::string_view order_cond = "Cash") {
+std::string deal_report(OrderId id, const Account& account, Side side, const Contract& contract,
+                        const OrderEvent& e, const std::string& custom_field, bool detailed,
+                        std::string_view order_cond = "Cash") {
   const bool derivative = contract.is_derivative();
   wire::Writer w;
   w.map(12 + (detailed ? (derivative ? 4 : 2) : 0));
@@ -77,7 +81,10 @@ std::string deal_report(OrderId id, const Account& account, Side side, const Con
   w.key("price").number(wire::price_number(e.deal_price)).key("quantity").integer(e.quantity);
   w.key("ts").number(wire::epoch_seconds(e.ts)).key("custom_field").text(custom_field);
   if (detailed && derivative) {
-    w.key("security_type").text(to_text(contract.security_type)).key("delivery_month").text(contract.delivery_month);
+    w.key("security_type")
+        .text(to_text(contract.security_type))
+        .key("delivery_month")
+        .text(contract.delivery_month);
     w.key("strike_price").number(wire::price_number(contract.strike_price));
     w.key("option_right").text(to_text(contract.option_right));
   } else if (detailed) {
@@ -110,7 +117,8 @@ void BrokerCore::State::serve_orders() {
 StockAccountBook& BrokerCore::State::stock_book(const Account& account) {
   auto it = stock_books.find(&account);
   if (it == stock_books.end()) {
-    it = stock_books.emplace(&account, StockAccountBook(account.key, account.config.opening_cash, today())).first;
+    it = stock_books.emplace(&account, StockAccountBook(account.key, account.config.opening_cash, today()))
+             .first;
   }
   return it->second;
 }
@@ -118,7 +126,9 @@ StockAccountBook& BrokerCore::State::stock_book(const Account& account) {
 FuturesAccountBook& BrokerCore::State::futures_book(const Account& account) {
   auto it = futures_books.find(&account);
   if (it == futures_books.end()) {
-    it = futures_books.emplace(&account, FuturesAccountBook(account.key, account.config.opening_cash, today())).first;
+    it =
+        futures_books.emplace(&account, FuturesAccountBook(account.key, account.config.opening_cash, today()))
+            .first;
   }
   return it->second;
 }
@@ -142,8 +152,8 @@ Outcome BrokerCore::State::hold_for(OrderId id, const OrderInfo& info, Price at,
     return stock_book(account).reserve_for_order(id, contract, info.ticket.side, info.cond, at,
                                                  shares_of(info.ticket.board, quantity, contract));
   }
-  return futures_book(account).reserve_for_order(id, contract, info.ticket.side, info.octype, at, quantity, marks(),
-                                                 today());
+  return futures_book(account).reserve_for_order(id, contract, info.ticket.side, info.octype, at, quantity,
+                                                 marks(), today());
 }
 
 void BrokerCore::State::release_hold(OrderId id, const OrderInfo& info) {
@@ -160,8 +170,9 @@ OrderInfo& BrokerCore::State::owned_order(const Request& request, OrderId id) {
   const auto it = orders.find(id);
   // Another person's order is answered as unknown, so order ids cannot be probed.
   if (it == orders.end() || it->second.combo || it->second.account->holder != request.session->person) {
-    wire::refuse(wire::kNotFound, "no order " + id_text(id) + " in the accounts of person " +
-                                      request.person().person_id + "; expected the id its placement reply gave",
+    wire::refuse(wire::kNotFound,
+                 "no order " + id_text(id) + " in the accounts of person " + request.person().person_id +
+                     "; expected the id its placement reply gave",
                  static_cast<int>(RefusalCode::UnknownOrder));
   }
   return it->second;
@@ -175,22 +186,27 @@ void BrokerCore::State::check_order_signature(const Request& request, const Acco
   const std::string where = "account " + account.config.broker_id + "-" + account.config.account_id;
   const std::string ca = order["ca"].text_or("");
   if (ca.empty()) {
-    wire::refuse(wire::kForbidden, where + " needs the holder's certificate signature in order.ca; expected an order "
-                                           "signed with an activated certificate",
+    wire::refuse(wire::kForbidden,
+                 where +
+                     " needs the holder's certificate signature in order.ca; expected an order "
+                     "signed with an activated certificate",
                  wire::kSignatureRefused);
   }
   sign::VerifyOptions options;
   options.at = static_cast<std::time_t>(now() / kNanosPerSecond);
   const sign::Verification v = sign::verify_order_signature(ca, account.holder->person_id, options);
   if (!v) {
-    wire::refuse(wire::kForbidden, "the order signature for " + where + " is not valid: " + v.error +
-                                       "; expected a signature by " + account.holder->person_id + "'s certificate",
+    wire::refuse(wire::kForbidden,
+                 "the order signature for " + where + " is not valid: " + v.error +
+                     "; expected a signature by " + account.holder->person_id + "'s certificate",
                  wire::kSignatureRefused);
   }
-  const std::int64_t skew = static_cast<std::int64_t>(v.stamp->signed_at) - static_cast<std::int64_t>(*options.at);
+  const std::int64_t skew =
+      static_cast<std::int64_t>(v.stamp->signed_at) - static_cast<std::int64_t>(*options.at);
   if (skew > kStampToleranceSeconds || skew < -kStampToleranceSeconds) {
-    wire::refuse(wire::kForbidden, "the order signature for " + where +
-                                       " was made more than a day from the broker clock; expected a fresh signature",
+    wire::refuse(wire::kForbidden,
+                 "the order signature for " + where +
+                     " was made more than a day from the broker clock; expected a fresh signature",
                  wire::kSignatureRefused);
   }
 }
@@ -207,7 +223,8 @@ const std::string& BrokerCore::State::contract_bytes(const Contract& contract) {
 
 const std::string& BrokerCore::State::account_bytes(const Account& account) {
   auto it = account_encodings.find(&account);
-  if (it == account_encodings.end()) it = account_encodings.emplace(&account, core::encode(account.wire())).first;
+  if (it == account_encodings.end())
+    it = account_encodings.emplace(&account, core::encode(account.wire())).first;
   return it->second;
 }
 
@@ -304,14 +321,25 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
       info.deals.push_back(Deal{e.deal_id, e.deal_price, e.quantity, e.ts});
       std::string refused;
       if (futures) {
-        const FuturesFill fill{e.order_id, order_seqno(e.order_id), e.deal_id, info.ticket.side, info.octype,
-                               e.deal_price, e.quantity, e.ts};
+        const FuturesFill fill{e.order_id,  order_seqno(e.order_id),
+                               e.deal_id,   info.ticket.side,
+                               info.octype, e.deal_price,
+                               e.quantity,  e.ts};
         const auto booked = futures_book(account).apply_fill(contract, fill);
         if (!booked) refused = booked.refusal().text;
       } else {
         const Quantity shares = shares_of(info.ticket.board, e.quantity, contract);
-        const StockFill fill{e.order_id, order_seqno(e.order_id), e.deal_id, contract.code, contract.is_etf(),
-                             info.ticket.board, info.ticket.side, info.cond, e.deal_price, shares, e.ts};
+        const StockFill fill{e.order_id,
+                             order_seqno(e.order_id),
+                             e.deal_id,
+                             contract.code,
+                             contract.is_etf(),
+                             info.ticket.board,
+                             info.ticket.side,
+                             info.cond,
+                             e.deal_price,
+                             shares,
+                             e.ts};
         const auto booked = stock_book(account).apply_fill(fill);
         if (!booked) refused = booked.refusal().text;
         if (info.cond == StockOrderCond::ShortSelling && info.ticket.side == Side::Sell) {
@@ -320,8 +348,8 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
       }
       // A fill the books cannot take would be the broker's own fault; the order says so.
       if (!refused.empty()) info.msg = "the books refused a fill: " + refused;
-      const MarketDeal deal{&contract, info.ticket.side, e.deal_price, e.quantity, info.ticket.board, e.ts,
-                            e.deal_id, e.aggressor};
+      const MarketDeal deal{&contract, info.ticket.side, e.deal_price, e.quantity, info.ticket.board,
+                            e.ts,      e.deal_id,        e.aggressor};
       for (const DealListener& listener : deal_listeners) listener(deal);
       if (e.remaining == 0) release();
       break;
@@ -338,9 +366,7 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
         release();
       }
       break;
-    case OrderEventKind::PriceChanged:
-      info.modified_price = e.price;
-      break;
+    case OrderEventKind::PriceChanged: info.modified_price = e.price; break;
     case OrderEventKind::QuantityReduced:
       info.cancelled += e.quantity;
       if (e.remaining == 0) release();
@@ -352,14 +378,15 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
     if (e.kind != OrderEventKind::Filled) return;
     ComboOrder& combo = combos.at(*info.combo);
     combo.deals.push_back({contract.code, info.deals.back()});
-    std::string deal = deal_report(combo.id, account, info.ticket.side, contract, e, combo.custom_field, false);
+    std::string deal =
+        deal_report(combo.id, account, info.ticket.side, contract, e, combo.custom_field, false);
     report(request, account, combo.placing_session, true, true, std::move(deal));
     return;
   }
 
   if (e.kind == OrderEventKind::Filled) {
-    std::string deal =
-        deal_report(e.order_id, account, info.ticket.side, contract, e, info.custom_field, true, to_text(info.cond));
+    std::string deal = deal_report(e.order_id, account, info.ticket.side, contract, e, info.custom_field,
+                                   true, to_text(info.cond));
     report(request, account, info.placing_session, futures, true, std::move(deal));
     return;
   }
@@ -386,11 +413,11 @@ Value BrokerCore::State::place_order(Request& request) {
   const Account& account = owned_account(request, order["account"]);
   const Contract& contract = known_contract(field(request.payload, "contract"));
   if (account.is_stock() != (contract.security_type == SecurityType::Stock)) {
-    wire::refuse(wire::kBadRequest, "contract " + contract.code + " (" + std::string(to_text(contract.security_type)) +
-                                        ") does not trade in account " + account.config.broker_id + "-" +
-                                        account.config.account_id + "; expected " +
-                                        (account.is_stock() ? "a stock" : "a future or an option") +
-                                        " for this account");
+    wire::refuse(wire::kBadRequest,
+                 "contract " + contract.code + " (" + std::string(to_text(contract.security_type)) +
+                     ") does not trade in account " + account.config.broker_id + "-" +
+                     account.config.account_id + "; expected " +
+                     (account.is_stock() ? "a stock" : "a future or an option") + " for this account");
   }
   check_order_signature(request, account, order);
 
@@ -408,15 +435,16 @@ Value BrokerCore::State::place_order(Request& request) {
   t.quantity = order["quantity"].integer();
   t.board = parsed(order["order_lot"], board_from_text, "Common", "Common, Odd, IntradayOdd or Fixing");
   if (account.is_stock()) {
-    info.cond = parsed(order["order_cond"], stock_order_cond_from_text, "Cash", "Cash, MarginTrading or ShortSelling");
+    info.cond = parsed(order["order_cond"], stock_order_cond_from_text, "Cash",
+                       "Cash, MarginTrading or ShortSelling");
     info.daytrade_short = order["daytrade_short"].flag_or(false);
   } else {
     info.octype = parsed(order["octype"], futures_octype_from_text, "Auto", "Auto, New, Cover or DayTrade");
   }
   info.custom_field = order["custom_field"].text_or("");
   if (t.quantity <= 0) {
-    wire::refuse(wire::kBadRequest, "field 'order.quantity' is " + std::to_string(t.quantity) +
-                                        "; expected at least 1",
+    wire::refuse(wire::kBadRequest,
+                 "field 'order.quantity' is " + std::to_string(t.quantity) + "; expected at least 1",
                  static_cast<int>(RefusalCode::InvalidQuantity));
   }
 
@@ -459,7 +487,8 @@ Value BrokerCore::State::update_price(Request& request) {
   const OrderId id = named_order(request);
   const OrderInfo& info = orders.at(id);
   const Price price = field(request.payload, "price").price();
-  if (info.ticket.price_type != PriceType::Limit) return conclude(request, id, engine.change_price(id, price));
+  if (info.ticket.price_type != PriceType::Limit)
+    return conclude(request, id, engine.change_price(id, price));
   // The hold follows the new price: more funds for a dearer buy, refused when they are not there.
   auto hold_at = [&](Price at) -> Outcome {
     release_hold(id, info);
@@ -479,8 +508,9 @@ Value BrokerCore::State::update_qty(Request& request) {
   const OrderId id = named_order(request);
   const Quantity by = field(request.payload, "quantity").integer();
   if (by <= 0) {
-    wire::refuse(wire::kBadRequest, "field 'quantity' is " + std::to_string(by) +
-                                        "; expected how many units to take off the order, at least 1",
+    wire::refuse(wire::kBadRequest,
+                 "field 'quantity' is " + std::to_string(by) +
+                     "; expected how many units to take off the order, at least 1",
                  static_cast<int>(RefusalCode::InvalidQuantity));
   }
   return conclude(request, id, engine.reduce_quantity(id, by));
@@ -595,7 +625,8 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
       plan.push_back({leg.contract, side, worst});
     }
     if (marketable && combo.price_type == PriceType::Limit) {
-      marketable = combo.side == Side::Buy ? net_units <= combo.price.units() : -net_units >= combo.price.units();
+      marketable =
+          combo.side == Side::Buy ? net_units <= combo.price.units() : -net_units >= combo.price.units();
     }
     auto finish = [&](Status status, std::string why) {
       combo.cancelled = combo.quantity - combo.dealt;
@@ -618,7 +649,7 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
         info.contract = p.contract;
         info.placing_session = combo.placing_session;
         info.ticket = OrderTicket{combo.account->key, p.contract->code, Board::Common, p.side,
-                                  PriceType::Limit, OrderType::IOC, p.worst, wanted};
+                                  PriceType::Limit,   OrderType::IOC,   p.worst,       wanted};
         info.octype = combo.octype;
         info.order_ts = to_timestamp(market_clock.now());
         info.combo = id;
@@ -644,7 +675,8 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
         if (combo.dealt == combo.quantity) {
           combo.status = Status::Filled;
         } else {
-          finish(Status::Cancelled, "the legs could not all be filled; the rest of the combination is cancelled");
+          finish(Status::Cancelled,
+                 "the legs could not all be filled; the rest of the combination is cancelled");
         }
       }
     }
@@ -670,8 +702,8 @@ Value BrokerCore::State::place_comboorder(Request& request) {
   check_order_signature(request, account, order);
   const Field legs = field(request.payload, "combocontract")["legs"];
   if (legs.array().size() < 2 || legs.array().size() > 4) {
-    wire::refuse(wire::kBadRequest, "a combination has " + std::to_string(legs.array().size()) +
-                                        " legs; expected 2 to 4");
+    wire::refuse(wire::kBadRequest,
+                 "a combination has " + std::to_string(legs.array().size()) + " legs; expected 2 to 4");
   }
   ComboOrder combo;
   combo.account = &account;
@@ -680,8 +712,9 @@ Value BrokerCore::State::place_comboorder(Request& request) {
     const Field leg(legs.array()[i], legs.path() + "[" + std::to_string(i) + "]");
     const Contract& contract = known_contract(leg);
     if (!contract.is_derivative()) {
-      wire::refuse(wire::kBadRequest, "leg " + contract.code + " is not a future or an option; combinations "
-                                                               "trade derivatives only");
+      wire::refuse(wire::kBadRequest, "leg " + contract.code +
+                                          " is not a future or an option; combinations "
+                                          "trade derivatives only");
     }
     combo.legs.push_back({&contract, parsed(leg["action"], side_from_text, "", "Buy or Sell")});
   }
@@ -693,9 +726,10 @@ Value BrokerCore::State::place_comboorder(Request& request) {
   combo.octype = parsed(order["octype"], futures_octype_from_text, "Auto", "Auto, New, Cover or DayTrade");
   combo.custom_field = order["custom_field"].text_or("");
   if (combo.quantity <= 0 || combo.quantity > 100) {
-    wire::refuse(wire::kBadRequest, "field 'order.quantity' is " + std::to_string(combo.quantity) +
-                                        "; expected 1 to 100 combinations",
-                 static_cast<int>(RefusalCode::InvalidQuantity));
+    wire::refuse(
+        wire::kBadRequest,
+        "field 'order.quantity' is " + std::to_string(combo.quantity) + "; expected 1 to 100 combinations",
+        static_cast<int>(RefusalCode::InvalidQuantity));
   }
   combo.id = engine.issue_order_id();
   combo.order_ts = to_timestamp(market_clock.now());
@@ -712,15 +746,17 @@ Value BrokerCore::State::cancel_comboorder(Request& request) {
   const OrderId id = order_id_of(order);
   const auto it = combos.find(id);
   if (it == combos.end() || it->second.account->holder != request.session->person) {
-    wire::refuse(wire::kNotFound, "no combination order " + id_text(id) + " in the accounts of person " +
-                                      request.person().person_id,
-                 static_cast<int>(RefusalCode::UnknownOrder));
+    wire::refuse(
+        wire::kNotFound,
+        "no combination order " + id_text(id) + " in the accounts of person " + request.person().person_id,
+        static_cast<int>(RefusalCode::UnknownOrder));
   }
   ComboOrder& combo = it->second;
   check_order_signature(request, *combo.account, order);
   if (!combo.working()) {
-    wire::refuse(wire::kBadRequest, "combination order " + id_text(id) + " is " +
-                                        std::string(to_text(combo.status)) + "; nothing left to cancel",
+    wire::refuse(wire::kBadRequest,
+                 "combination order " + id_text(id) + " is " + std::string(to_text(combo.status)) +
+                     "; nothing left to cancel",
                  static_cast<int>(RefusalCode::NothingToCancel));
   }
   combo.cancelled = combo.quantity - combo.dealt;

@@ -25,7 +25,8 @@ class BusReply final : public ReplyTarget {
 class ResponderSender final : public DirectSender {
  public:
   explicit ResponderSender(bus::Responder& responder) : responder_(responder) {}
-  std::size_t send_to_session(const std::string& session_id, std::string topic, std::string payload) override {
+  std::size_t send_to_session(const std::string& session_id, std::string topic,
+                              std::string payload) override {
     return responder_.send_to_session(session_id, std::move(topic), std::move(payload));
   }
 
@@ -69,7 +70,8 @@ PaperBroker::~PaperBroker() { close(); }
 
 void PaperBroker::attach(const std::string& bus_name) {
   if (link_) {
-    throw std::logic_error("the paper broker is already attached to bus '" + bus_name_ + "'; close() it first");
+    throw std::logic_error("the paper broker is already attached to bus '" + bus_name_ +
+                           "'; close() it first");
   }
   link_ = std::make_unique<Link>(*core_, bus_name);
   market_data_->attach(*link_->responder);
@@ -105,7 +107,8 @@ class EmbeddedBrokers : public std::enable_shared_from_this<EmbeddedBrokers> {
   // Keeps the bus's broker running while the lease lives.
   class Lease {
    public:
-    Lease(std::shared_ptr<EmbeddedBrokers> owner, std::string bus) : owner_(std::move(owner)), bus_(std::move(bus)) {}
+    Lease(std::shared_ptr<EmbeddedBrokers> owner, std::string bus)
+        : owner_(std::move(owner)), bus_(std::move(bus)) {}
     ~Lease() { owner_->release(bus_); }
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
@@ -115,10 +118,12 @@ class EmbeddedBrokers : public std::enable_shared_from_this<EmbeddedBrokers> {
     std::string bus_;
   };
 
-  std::unique_ptr<Lease> acquire(const std::string& bus, const std::string& options, const std::string& host) {
+  std::unique_ptr<Lease> acquire(const std::string& bus, const std::string& options,
+                                 const std::string& host) {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto running = slots_.find(bus);
-    if (running != slots_.end() && running->second.broker && !options.empty() && options != running->second.options) {
+    if (running != slots_.end() && running->second.broker && !options.empty() &&
+        options != running->second.options) {
       const std::string& now = running->second.options;
       throw bus::BusError("the paper broker of '" + host + "' already runs " +
                           (now.empty() ? std::string("without market options") : "with '" + now + "'") +
@@ -171,9 +176,12 @@ class BrokeredTransport final : public bus::Transport {
   void request(bus::MessagePtr message, std::uint64_t request_id, const bus::Requester& from) override {
     inner_->request(std::move(message), request_id, from);
   }
-  void reply(const bus::IncomingRequest& to, bus::MessagePtr reply) override { inner_->reply(to, std::move(reply)); }
+  void reply(const bus::IncomingRequest& to, bus::MessagePtr reply) override {
+    inner_->reply(to, std::move(reply));
+  }
   void publish(bus::MessagePtr message) override { inner_->publish(std::move(message)); }
-  std::size_t send_direct(bus::AddressKind kind, const std::string& address, bus::MessagePtr message) override {
+  std::size_t send_direct(bus::AddressKind kind, const std::string& address,
+                          bus::MessagePtr message) override {
     return inner_->send_direct(kind, address, std::move(message));
   }
   void subscribe(const std::string& filter) override { inner_->subscribe(filter); }
@@ -210,14 +218,15 @@ void register_paper_scheme() {
   const std::vector<std::string> schemes = bus::registered_schemes();
   if (std::find(schemes.begin(), schemes.end(), "paper") != schemes.end()) return;
   auto brokers = std::make_shared<EmbeddedBrokers>();
-  bus::register_transport("paper", [brokers](const bus::ConnectOptions& options,
-                                              std::weak_ptr<bus::TransportListener> listener)
-                                       -> std::unique_ptr<bus::Transport> {
-    const std::string name = paper_bus_name(options.host);
-    auto lease = brokers->acquire(name, paper_options(options.host), options.host);
-    auto inner = bus::InprocBus::named(name)->attach(options, std::move(listener));
-    return std::make_unique<BrokeredTransport>(std::move(lease), std::move(inner));
-  });
+  bus::register_transport(
+      "paper",
+      [brokers](const bus::ConnectOptions& options,
+                std::weak_ptr<bus::TransportListener> listener) -> std::unique_ptr<bus::Transport> {
+        const std::string name = paper_bus_name(options.host);
+        auto lease = brokers->acquire(name, paper_options(options.host), options.host);
+        auto inner = bus::InprocBus::named(name)->attach(options, std::move(listener));
+        return std::make_unique<BrokeredTransport>(std::move(lease), std::move(inner));
+      });
 }
 
 }  // namespace quorvex::paper

@@ -19,26 +19,31 @@ void BrokerCore::State::serve_reservations() {
 
 // A reservation of a signed account carries the signed text beside its signature; the text
 // must verify for the holder and name what is asked (the stock's code and the share count).
-void BrokerCore::State::check_request_signature(const Account& account, const Field& ca, const Contract& contract,
-                                                Quantity shares) const {
+void BrokerCore::State::check_request_signature(const Account& account, const Field& ca,
+                                                const Contract& contract, Quantity shares) const {
   if (!account.config.signed_orders) return;
   const std::string where = "account " + account.config.broker_id + "-" + account.config.account_id;
   if (!ca.value().is_map()) {
-    wire::refuse(wire::kForbidden, where + " needs the signed text and its signature in order.ca ({signature, "
-                                           "plain_text}); expected a request signed with an activated certificate",
+    wire::refuse(wire::kForbidden,
+                 where +
+                     " needs the signed text and its signature in order.ca ({signature, "
+                     "plain_text}); expected a request signed with an activated certificate",
                  wire::kSignatureRefused);
   }
   const std::string text = ca["plain_text"].text();
   const sign::Verification v =
       sign::verify_text_signature(text, ca["signature"].text(), account.holder->person_id);
   if (!v) {
-    wire::refuse(wire::kForbidden, "the request signature for " + where + " is not valid: " + v.error +
-                                       "; expected a signature by " + account.holder->person_id + "'s certificate",
+    wire::refuse(wire::kForbidden,
+                 "the request signature for " + where + " is not valid: " + v.error +
+                     "; expected a signature by " + account.holder->person_id + "'s certificate",
                  wire::kSignatureRefused);
   }
-  if (text.find(contract.code) == std::string::npos || text.find(std::to_string(shares)) == std::string::npos) {
-    wire::refuse(wire::kForbidden, "the signed text does not name " + contract.code + " and " +
-                                       std::to_string(shares) + " shares; expected the text signed for this request",
+  if (text.find(contract.code) == std::string::npos ||
+      text.find(std::to_string(shares)) == std::string::npos) {
+    wire::refuse(wire::kForbidden,
+                 "the signed text does not name " + contract.code + " and " + std::to_string(shares) +
+                     " shares; expected the text signed for this request",
                  wire::kSignatureRefused);
   }
 }

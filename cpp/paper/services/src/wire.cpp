@@ -17,10 +17,8 @@ int status_of(RefusalCode code) {
   switch (code) {
     case RefusalCode::UnknownContract:
     case RefusalCode::UnknownOrder:
-    case RefusalCode::UnknownPosition:
-      return kNotFound;
-    default:
-      return kBadRequest;
+    case RefusalCode::UnknownPosition: return kNotFound;
+    default: return kBadRequest;
   }
 }
 
@@ -120,8 +118,9 @@ std::string time_text(Timestamp ts) {
   const Date day = taipei_date(ts);
   const std::int64_t seconds = (ts - taipei_instant(day)) / kNanosPerSecond;
   char buf[32];
-  std::snprintf(buf, sizeof buf, "%s %02d:%02d:%02d", day.to_string().c_str(), static_cast<int>(seconds / 3600),
-                static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60));
+  std::snprintf(buf, sizeof buf, "%s %02d:%02d:%02d", day.to_string().c_str(),
+                static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
+                static_cast<int>(seconds % 60));
   return buf;
 }
 
@@ -161,8 +160,8 @@ void put_be(std::string& out, std::uint64_t value, int bytes) {
   for (int i = bytes - 1; i >= 0; --i) out += static_cast<char>((value >> (8 * i)) & 0xff);
 }
 
-void put_header(std::string& out, std::uint32_t n, std::uint8_t fix, std::uint32_t fix_max, std::uint8_t tag16,
-                std::uint8_t tag32) {
+void put_header(std::string& out, std::uint32_t n, std::uint8_t fix, std::uint32_t fix_max,
+                std::uint8_t tag16, std::uint8_t tag32) {
   if (n <= fix_max) {
     out += static_cast<char>(fix | n);
   } else if (n <= 0xffff) {

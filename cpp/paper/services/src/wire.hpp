@@ -66,7 +66,9 @@ class Field {
   std::string path_;
 };
 
-inline Field field(const Value& payload, std::string_view key) { return Field(payload.get(key), std::string(key)); }
+inline Field field(const Value& payload, std::string_view key) {
+  return Field(payload.get(key), std::string(key));
+}
 
 double amount(Money cents);  // TWD, as a number
 double price_number(Price price);

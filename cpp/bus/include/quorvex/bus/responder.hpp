@@ -49,7 +49,8 @@ class ReplyHandle {
 // One request as a service sees it.
 class ServiceRequest {
  public:
-  ServiceRequest(IncomingRequest request, ReplyHandle handle) : request_(std::move(request)), handle_(std::move(handle)) {}
+  ServiceRequest(IncomingRequest request, ReplyHandle handle)
+      : request_(std::move(request)), handle_(std::move(handle)) {}
 
   const std::string& topic() const { return request_.message->topic; }
   // The payload's msgpack bytes.

@@ -34,9 +34,9 @@ enum class DeliveryKind : std::uint8_t { Reply, Message, Direct, Event, SessionD
 
 struct Delivery {
   DeliveryKind kind;
-  MessagePtr message;                          // Reply, Message, Direct
-  std::shared_ptr<const PendingReply> request; // Reply
-  std::shared_ptr<const SessionEvent> event;   // Event
+  MessagePtr message;                           // Reply, Message, Direct
+  std::shared_ptr<const PendingReply> request;  // Reply
+  std::shared_ptr<const SessionEvent> event;    // Event
 };
 
 class SessionListener {
@@ -76,7 +76,8 @@ class Session {
   // BusError when the session is not up; core::TopicError for an invalid topic.
   MessagePtr request(std::string topic, std::string payload, std::chrono::milliseconds timeout);
   // Non-blocking request: returns at once; the reply comes as a DeliveryKind::Reply delivery.
-  void request_async(std::string topic, std::string payload, std::string corrid, std::shared_ptr<void> context);
+  void request_async(std::string topic, std::string payload, std::string corrid,
+                     std::shared_ptr<void> context);
 
   void subscribe(const std::string& filter);
   void unsubscribe(const std::string& filter);

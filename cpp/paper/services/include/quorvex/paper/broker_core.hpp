@@ -18,9 +18,9 @@
 #include <string_view>
 #include <vector>
 
+#include "quorvex/core/clock.hpp"
 #include "quorvex/core/value.hpp"
 #include "quorvex/paper/broker_config.hpp"
-#include "quorvex/core/clock.hpp"
 #include "quorvex/paper/contract_master.hpp"
 #include "quorvex/paper/matching_engine.hpp"
 
@@ -44,7 +44,8 @@ class ReplyTarget {
 class DirectSender {
  public:
   virtual ~DirectSender() = default;
-  virtual std::size_t send_to_session(const std::string& session_id, std::string topic, std::string payload) = 0;
+  virtual std::size_t send_to_session(const std::string& session_id, std::string topic,
+                                      std::string payload) = 0;
 };
 
 // One message to send: a reply (reply_to set) or a report to a session.

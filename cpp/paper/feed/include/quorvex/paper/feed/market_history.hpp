@@ -63,7 +63,7 @@ struct DailyQuote {
 struct ContractSnapshot {
   const Contract* contract = nullptr;
   QuoteState state;
-  QuoteBook book;  // resting orders of the broker's book included
+  QuoteBook book;    // resting orders of the broker's book included
   Timestamp ts = 0;  // the last trade, or the time of the query before any
   Quantity yesterday_volume = 0;
 };
@@ -78,7 +78,8 @@ struct ScannerRow {
 class MarketHistory {
  public:
   // `model`, `clock` and `ledger` must outlive the history.
-  MarketHistory(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger, RestingDepth depth = {});
+  MarketHistory(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger,
+                RestingDepth depth = {});
 
   const MarketModel& model() const { return model_; }
   Timestamp now() const { return to_timestamp(clock_.now()); }
@@ -103,7 +104,8 @@ class MarketHistory {
   // The day's state at `now` (cache lock held by the caller).
   const QuoteState& day_state(const Contract& contract, Market market, const Date& day, Timestamp now) const;
   Quantity volume_before(const Contract& contract, const Date& day, Timestamp now) const;
-  ContractSnapshot snapshot_locked(const Contract& contract, Market market, const Date& day, Timestamp now) const;
+  ContractSnapshot snapshot_locked(const Contract& contract, Market market, const Date& day,
+                                   Timestamp now) const;
   void add_resting(ContractSnapshot& snapshot, Board board) const;
 
   const MarketModel& model_;

@@ -60,8 +60,8 @@ class QuoteFeed {
   };
 
   // `model`, `clock` and `ledger` must outlive the feed.
-  QuoteFeed(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger, RestingDepth depth = {},
-            FeedOptions options = {});
+  QuoteFeed(const MarketModel& model, const core::Clock& clock, const TradeLedger& ledger,
+            RestingDepth depth = {}, FeedOptions options = {});
   ~QuoteFeed();
   QuoteFeed(const QuoteFeed&) = delete;
   QuoteFeed& operator=(const QuoteFeed&) = delete;

@@ -49,9 +49,9 @@ struct TapePlan {
   DayPrices prices;
   std::vector<TradingSession> sessions;
   Timestamp mean_interval = kNanosPerSecond;  // between continuous trades in the regular session
-  double step_sigma = 1.0;  // ladder steps per trade, standard deviation of the walk
-  double volume_mean = 1.0;  // per continuous trade
-  int trade_percent = 100;   // periodic auctions: the chance that an auction trades
+  double step_sigma = 1.0;                    // ladder steps per trade, standard deviation of the walk
+  double volume_mean = 1.0;                   // per continuous trade
+  int trade_percent = 100;                    // periodic auctions: the chance that an auction trades
   std::uint64_t seed = 0;
 };
 

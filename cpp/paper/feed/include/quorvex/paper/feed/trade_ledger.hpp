@@ -25,7 +25,7 @@ struct OwnTrade {
   DealId deal = 0;
   Timestamp ts = 0;
   Price price;
-  Quantity quantity = 0;    // in the board's units: lots, shares or contracts
+  Quantity quantity = 0;       // in the board's units: lots, shares or contracts
   Side aggressor = Side::Buy;  // the side that took the liquidity
 };
 

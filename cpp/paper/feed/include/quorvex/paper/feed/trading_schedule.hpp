@@ -30,13 +30,13 @@ Market board_market(const Contract& contract);
 inline constexpr Timestamp kNanosPerMinute = 60 * kNanosPerSecond;
 
 struct TradingSession {
-  Timestamp open = 0;        // the opening auction, or the first periodic auction
-  Timestamp last_trade = 0;  // continuous trading stops before this
-  Timestamp close = 0;       // the closing auction when there is one; else equal to last_trade
+  Timestamp open = 0;           // the opening auction, or the first periodic auction
+  Timestamp last_trade = 0;     // continuous trading stops before this
+  Timestamp close = 0;          // the closing auction when there is one; else equal to last_trade
   Timestamp call_interval = 0;  // above zero: the session trades only in auctions this far apart
   bool closing_auction = false;
-  bool night = false;        // the after-hours session of futures and options
-  double activity = 1.0;     // trade rate relative to the regular session
+  bool night = false;     // the after-hours session of futures and options
+  double activity = 1.0;  // trade rate relative to the regular session
 };
 
 // The sessions of `day` in time order; empty on weekends.
