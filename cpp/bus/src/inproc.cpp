@@ -106,7 +106,8 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
     subscriptions_.for_each_wildcard_match(
         message->topic, [&](const std::string&, const Subscription& s) { matched_.push_back(&s); });
     if (matched_.size() > 1) {
-      std::sort(matched_.begin(), matched_.end(), [](const auto* a, const auto* b) { return a->order < b->order; });
+      std::sort(matched_.begin(), matched_.end(),
+                [](const auto* a, const auto* b) { return a->order < b->order; });
     }
     for (const Subscription* subscription : matched_) deliver(*subscription);
   }
@@ -222,8 +223,9 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   void stop_serving_locked(const LinkPtr& link, const std::string& filter) {
     auto* servers = servers_.find(filter);
     if (servers == nullptr) return;
-    servers->erase(std::remove_if(servers->begin(), servers->end(), [&](const Server& s) { return s.link == link; }),
-                   servers->end());
+    servers->erase(
+        std::remove_if(servers->begin(), servers->end(), [&](const Server& s) { return s.link == link; }),
+        servers->end());
     if (servers->empty()) servers_.erase(filter);
   }
 
@@ -277,7 +279,7 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   std::uint64_t publish_marks_ = 0;
   std::uint64_t subscription_orders_ = 0;
   std::uint64_t serving_orders_ = 0;
-  std::vector<const Subscription*> matched_;  // publish's scratch list, kept to spare an allocation per message
+  std::vector<const Subscription*> matched_;  // publish's scratch list, kept to spare an allocation
 };
 
 class InprocLink final : public Transport {

@@ -293,7 +293,8 @@ class Responder::Core : public TransportListener,
         if (closed_) return;
         transport = transport_;
         std::vector<std::pair<std::uint64_t, std::string>> served;
-        services_.for_each([&](const std::string& filter, const Service& s) { served.emplace_back(s.order, filter); });
+        services_.for_each(
+            [&](const std::string& filter, const Service& s) { served.emplace_back(s.order, filter); });
         std::sort(served.begin(), served.end());  // serve again in the same order
         for (auto& entry : served) filters.push_back(std::move(entry.second));
         watching = static_cast<bool>(watcher_);

@@ -156,7 +156,8 @@ TEST(Transport, RequestGoesToTheExactServerElseTheFirstMatchingWildcardInServing
   request("api/v1/logout");
   request("api/v2/x");
   request("other");
-  EXPECT_EQ(e.take(), (std::vector<std::string>{"exact<api/v1/login", "narrow<api/v1/logout", "wide<api/v2/x"}));
+  EXPECT_EQ(e.take(),
+            (std::vector<std::string>{"exact<api/v1/login", "narrow<api/v1/logout", "wide<api/v2/x"}));
 
   exact.stop_serving("api/v1/login");
   narrow.stop_serving("api/v1/*");
@@ -165,5 +166,6 @@ TEST(Transport, RequestGoesToTheExactServerElseTheFirstMatchingWildcardInServing
   request("api/v1/logout");
   e.bus->sever(wide.session_id());  // its filters go with the link
   request("api/v1/logout");
-  EXPECT_EQ(e.take(), (std::vector<std::string>{"wide<api/v1/login", "wide<api/v1/logout", "narrow<api/v1/logout"}));
+  EXPECT_EQ(e.take(),
+            (std::vector<std::string>{"wide<api/v1/login", "wide<api/v1/logout", "narrow<api/v1/logout"}));
 }

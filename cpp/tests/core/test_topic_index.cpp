@@ -83,7 +83,8 @@ TEST(TopicFilterIndex, ErasingEveryFilterLeavesNothingToMatch) {
   Index index;
   const std::vector<std::string> filters{"a/*/c", "a/*/>", "a/b/c", ">", "*", "a/*", "a/b/>", "*/*/*"};
   for (const auto& f : filters) index[f] = 1;
-  EXPECT_EQ(matched(index, "a/b/c"), (std::set<std::string>{"a/*/c", "a/*/>", "a/b/c", ">", "*/*/*", "a/b/>"}));
+  EXPECT_EQ(matched(index, "a/b/c"),
+            (std::set<std::string>{"a/*/c", "a/*/>", "a/b/c", ">", "*/*/*", "a/b/>"}));
   for (const auto& f : filters) EXPECT_TRUE(index.erase(f)) << f;
   EXPECT_FALSE(index.erase("a/*/c"));
   EXPECT_TRUE(index.empty());
@@ -100,17 +101,17 @@ TEST(TopicFilterIndex, OneSubscriptionPerStockFindsOnlyItsOwn) {
   }
   index["TIC/v1/>"] = "all";
   std::vector<std::string> seen;
-  index.for_each_wildcard_match("TIC/v1/STK/D/TSE/2330", [&](const std::string&, const std::string& v) {
-    seen.push_back(v);
-  });
+  index.for_each_wildcard_match("TIC/v1/STK/D/TSE/2330",
+                                [&](const std::string&, const std::string& v) { seen.push_back(v); });
   std::sort(seen.begin(), seen.end());
   EXPECT_EQ(seen, (std::vector<std::string>{"TIC/v1/STK/*/TSE/2330", "all"}));
   // A callback returning true ends the walk at the first match.
   int calls = 0;
-  EXPECT_TRUE(index.for_each_wildcard_match("TIC/v1/STK/D/TSE/2330", [&](const std::string&, const std::string&) {
-    ++calls;
-    return true;
-  }));
+  EXPECT_TRUE(
+      index.for_each_wildcard_match("TIC/v1/STK/D/TSE/2330", [&](const std::string&, const std::string&) {
+        ++calls;
+        return true;
+      }));
   EXPECT_EQ(calls, 1);
   EXPECT_FALSE(index.matches_any("QUO/v1/STK/D/TSE/2330"));
 }

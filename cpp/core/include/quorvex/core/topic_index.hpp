@@ -82,7 +82,8 @@ class TopicFilterIndex {
 
   // Whether any filter, with wildcards or without, matches `topic`.
   bool matches_any(const std::string& topic) const {
-    return find(topic) != nullptr || for_each_wildcard_match(topic, [](const std::string&, const T&) { return true; });
+    return find(topic) != nullptr ||
+           for_each_wildcard_match(topic, [](const std::string&, const T&) { return true; });
   }
 
  private:
@@ -91,7 +92,7 @@ class TopicFilterIndex {
   struct Node {
     std::string level;  // the literal level leading here; the parent's key views this text
     std::unordered_map<std::string_view, std::unique_ptr<Node>> children;
-    std::unique_ptr<Node> any_level;  // the "*" level
+    std::unique_ptr<Node> any_level;   // the "*" level
     const Entry* ends_here = nullptr;  // the filter whose last level leads here
     const Entry* rest = nullptr;       // the filter with ">" after the levels leading here
     bool unused() const { return children.empty() && !any_level && !ends_here && !rest; }
@@ -173,7 +174,8 @@ class TopicFilterIndex {
     const std::size_t slash = topic.find('/', start);
     const std::size_t next = slash == std::string_view::npos ? kNoLevels : slash + 1;
     if (!node.children.empty()) {
-      const std::string_view level = topic.substr(start, slash == std::string_view::npos ? slash : slash - start);
+      const std::string_view level =
+          topic.substr(start, slash == std::string_view::npos ? slash : slash - start);
       auto it = node.children.find(level);
       if (it != node.children.end() && walk(*it->second, topic, next, visit)) return true;
     }
