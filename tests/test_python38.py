@@ -12,7 +12,6 @@ import glob
 import os
 import shutil
 import subprocess
-import sys
 from pathlib import Path
 from typing import Iterator, List, Optional, Set
 
@@ -27,11 +26,11 @@ BUILTIN_GENERICS = {"list", "dict", "tuple", "set", "frozenset", "type"}
 # Standard-library modules added after 3.8.
 LATER_MODULES = {"zoneinfo", "graphlib", "tomllib"}
 # Names that `typing` gained after 3.8; take them from typing_extensions instead.
-LATER_TYPING_NAMES = set(
-    "Annotated Concatenate LiteralString Never NotRequired ParamSpec ParamSpecArgs ParamSpecKwargs Required"
-    " Self TypeAlias TypeGuard TypeVarTuple Unpack assert_never assert_type dataclass_transform"
-    " is_typeddict override reveal_type".split()
-)
+LATER_TYPING_NAMES = {
+    "Annotated", "Concatenate", "LiteralString", "Never", "NotRequired", "ParamSpec", "ParamSpecArgs",
+    "ParamSpecKwargs", "Required", "Self", "TypeAlias", "TypeGuard", "TypeVarTuple", "Unpack",
+    "assert_never", "assert_type", "dataclass_transform", "is_typeddict", "override", "reveal_type",
+}  # fmt: skip
 
 
 def python_files() -> List[Path]:
