@@ -25,13 +25,15 @@ unsubscribed and the queue drained, then:
 
 import argparse
 import datetime
+import os
 import statistics
+import tempfile
 import time
 import uuid
 
 from quorvex.backend.solace.api import SolaceAPI
 from quorvex.backend.solace.tick import TickSTKv1
-from quorvex.constant import QuoteType, QuoteVersion, TicksQueryType
+from quorvex.constant import FetchStatus, QuoteType, QuoteVersion, TicksQueryType
 from quorvex.contracts import Stock
 from quorvex.paper import DEMO
 
@@ -44,6 +46,13 @@ TAIPEI_NS = 8 * 3600 * 10**9
 ALL_STOCKS = "TIC/v1/STK/*/*/>"
 
 
+# The benchmark's contract master stays out of the user's cache.
+os.environ.setdefault("QUORVEX_CONTRACTS_DIR", tempfile.mkdtemp(prefix="quorvex-bench-"))
+
+# Each stock's market, so that every stock is subscribed where its quotes are published.
+EXCHANGES = {}
+
+
 def logged_in(host):
     api = SolaceAPI(host, "vpn", "bench", "unused", True)
     api.set_event_callback(lambda *args: None)
@@ -52,9 +61,15 @@ def logged_in(host):
 
 
 def trades_of_previous_day():
-    """Each stock's number of trades on the previous day, busiest first."""
+    """Each stock's number of trades on the previous day, busiest first, and its market."""
     api = logged_in("paper://feed-bench-probe")
     quotes = api.daily_quotes(datetime.date.fromisoformat(PREVIOUS_DAY), False)
+    api.fetch_all_contract()
+    deadline = time.monotonic() + 30
+    while api.Contracts.status != FetchStatus.Fetched and time.monotonic() < deadline:
+        time.sleep(0.01)
+    for code in quotes.Code:
+        EXCHANGES[code] = api.Contracts.Stocks[code].exchange
     api.logout()
     return sorted(zip(quotes.Transaction, quotes.Code), reverse=True)
 
@@ -80,7 +95,7 @@ def run(name, codes, trades, rate, seconds, one_filter):
     received = []
     keep, clock = received.append, time.time_ns
     api.set_on_tick_stk_v1_callback(lambda exchange, tick: keep((clock(), tick)))
-    contracts = [Stock(code=code, exchange="TSE") for code in codes]
+    contracts = [Stock(code=code, exchange=EXCHANGES[code]) for code in codes]
 
     def subscription(action):
         if one_filter:
@@ -110,7 +125,7 @@ def run(name, codes, trades, rate, seconds, one_filter):
     for code, got in by_code.items():
         first, last = min(got), max(got)
         history = api.ticks(
-            Stock(code=code, exchange="TSE"),
+            Stock(code=code, exchange=EXCHANGES[code]),
             DAY,
             TicksQueryType.RangeTime,
             time_of_day(first),

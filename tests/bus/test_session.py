@@ -193,41 +193,7 @@ def test_default_timeout_applies_when_none_given(client, responder):
         client.default_timeout = 0
 
 
-# ---- published and point-to-point messages ----
-
-
-def test_wildcard_subscriptions_deliver_in_order(client, responder):
-    msgs = Recorder()
-    client.set_msg_callback(msgs)
-    client.subscribe("TIC/v1/STK/*/TSE/>")
-    client.subscribe("QUO/v1/FOP/*/TFE/TXFA4")
-    responder.publish("TIC/v1/STK/1/TSE/2330", {"content": [1]})
-    responder.publish("TIC/v1/STK/1/OTC/6488", {"content": [2]})
-    responder.publish("QUO/v1/FOP/1/TFE/TXFA4", {"content": [3]})
-    for i in range(100):
-        responder.publish("TIC/v1/STK/2/TSE/2317", {"content": [10 + i]})
-    assert msgs.wait(102)
-    assert msgs.calls[0] == ("TIC/v1/STK/1/TSE/2330", {"content": [1]})
-    assert [m["content"][0] for _, m in msgs.calls] == [1, 3] + list(range(10, 110))
-    client.unsubscribe("TIC/v1/STK/*/TSE/>")
-    responder.publish("TIC/v1/STK/3/TSE/2330", {"content": [0]})
-    responder.publish("QUO/v1/FOP/2/TFE/TXFA4", {"content": [4]})
-    assert msgs.wait(103)
-    assert msgs.calls[-1][1] == {"content": [4]}
-
-
-def test_p2p_reaches_only_the_addressed_session(connect, responder):
-    alice, bob = connect("PYAPI/ALICE"), connect("PYAPI/BOB")
-    to_alice, to_bob = Recorder(), Recorder()
-    alice.set_p2p_callback(to_alice)
-    bob.set_p2p_callback(to_bob)
-    assert responder.send_p2p("PYAPI/ALICE", "TFT_ORDER", {"order": {"id": "1"}}) == 1
-    assert responder.send_p2p(bob.session_id, "FDEAL", {"deal": 2}) == 1
-    assert responder.send_p2p("PYAPI/NOBODY", "DEAL", {}) == 0
-    assert to_alice.wait(1) and to_bob.wait(1)
-    time.sleep(0.05)
-    assert to_alice.calls == [("TFT_ORDER", {"order": {"id": "1"}})]
-    assert to_bob.calls == [("FDEAL", {"deal": 2})]
+# ---- delivery (wildcards, ordering and point-to-point routing are the core's, tested there) ----
 
 
 def test_raising_callback_is_logged_and_delivery_goes_on(client, responder, logged):

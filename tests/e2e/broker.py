@@ -38,73 +38,17 @@ TXF = Future(exchange="TAIFEX", code="TXFL6")
 
 # Quote contents as the feed publishes them (one trade of TSMC, one of the December TAIEX future).
 AT = 1704157201500000  # 2024-01-02 09:00:01.5 Taipei time, in microseconds since the epoch
-LEVELS = [595.0, 594.0, 593.0, 592.0, 591.0]
-VOLUMES = [10, 20, 30, 40, 50]
+# fmt: off
 STOCK_TRADE = [
-    "2330",
-    AT,
-    590.0,
-    595.0,
-    596.0,
-    589.0,
-    593.27,
-    1785000.0,
-    4155000000.0,
-    3,
-    7004,
-    1,
-    2,
-    2.0,
-    0.34,
-    3500,
-    3504,
-    812,
-    790,
-    0,
-    0,
+    "2330", AT, 590.0, 595.0, 596.0, 589.0, 593.27, 1785000.0, 4155000000.0, 3, 7004, 1, 2, 2.0, 0.34,
+    3500, 3504, 812, 790, 0, 0,
 ]
 STOCK_TICK = STOCK_TRADE + [False, False]
-STOCK_BIDASK = ["2330", AT, LEVELS, VOLUMES, [0, 1, 0, -1, 0], [596.0] * 5, VOLUMES, [0] * 5, False, False]
-STOCK_QUOTE = STOCK_TRADE + [LEVELS, VOLUMES, [0] * 5, [596.0] * 5, VOLUMES, [0] * 5, False, False]
 FOP_TICK = [
-    "TXFL6",
-    AT,
-    17800.0,
-    17790.5,
-    1200,
-    1300,
-    17805.2,
-    17810.0,
-    17820.0,
-    17790.0,
-    3562000.0,
-    1.2e9,
-    2,
-    5000,
-    1,
-    2,
-    10.0,
-    0.06,
-    False,
+    "TXFL6", AT, 17800.0, 17790.5, 1200, 1300, 17805.2, 17810.0, 17820.0, 17790.0, 3562000.0, 1.2e9, 2,
+    5000, 1, 2, 10.0, 0.06, False,
 ]
-FOP_BIDASK = [
-    "TXFL6",
-    AT,
-    900,
-    950,
-    LEVELS,
-    VOLUMES,
-    [0] * 5,
-    LEVELS,
-    VOLUMES,
-    [0] * 5,
-    17809.0,
-    17811.0,
-    2,
-    3,
-    17790.5,
-    False,
-]
+# fmt: on
 
 _B58 = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz"
 

@@ -6,77 +6,22 @@ import threading
 import pytest
 
 from bus.helpers import Recorder, wait_until
-from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
-from quorvex.backend.solace.quote import QuoteSTKv1
 from quorvex.backend.solace.tick import TickFOPv1, TickSTKv1
 from quorvex.constant import Exchange, QuoteType, QuoteVersion, TicksQueryType
 
-from .broker import (
-    FOP_BIDASK,
-    FOP_TICK,
-    STOCK_BIDASK,
-    STOCK_QUOTE,
-    STOCK_TICK,
-    TOKEN,
-    TSMC,
-    TXF,
-    ok,
-)
+from .broker import FOP_TICK, STOCK_TICK, TOKEN, TSMC, TXF, ok
 
+# Every route is checked against the fake session (tests/market_data); over the bus, a day
+# session stock tick and a night session futures tick (the subscription's wildcard session).
+# fmt: off
 ROUTES = [
     # contract, quote type, odd lot, topic published by the feed, content, handler stem, record, exchange
-    (
-        TSMC,
-        QuoteType.Tick,
-        False,
-        "TIC/v1/STK/D/TSE/2330",
-        STOCK_TICK,
-        "tick_stk_v1",
-        TickSTKv1,
-        Exchange.TSE,
-    ),
-    (TSMC, QuoteType.Tick, True, "TIC/v1/ODD/D/TSE/2330", STOCK_TICK, "tick_stk_v1", TickSTKv1, Exchange.TSE),
-    (
-        TSMC,
-        QuoteType.BidAsk,
-        False,
-        "QUO/v1/STK/D/TSE/2330",
-        STOCK_BIDASK,
-        "bidask_stk_v1",
-        BidAskSTKv1,
-        Exchange.TSE,
-    ),
-    (
-        TSMC,
-        QuoteType.Quote,
-        False,
-        "QUO/v2/STK/D/TSE/2330",
-        STOCK_QUOTE,
-        "quote_stk_v1",
-        QuoteSTKv1,
-        Exchange.TSE,
-    ),
-    (
-        TXF,
-        QuoteType.Tick,
-        False,
-        "TIC/v1/FOP/N/TFE/TXFL6",
-        FOP_TICK,
-        "tick_fop_v1",
-        TickFOPv1,
-        Exchange.TAIFEX,
-    ),
-    (
-        TXF,
-        QuoteType.BidAsk,
-        False,
-        "QUO/v1/FOP/D/TFE/TXFL6",
-        FOP_BIDASK,
-        "bidask_fop_v1",
-        BidAskFOPv1,
-        Exchange.TAIFEX,
-    ),
+    (TSMC, QuoteType.Tick, False, "TIC/v1/STK/D/TSE/2330", STOCK_TICK,
+     "tick_stk_v1", TickSTKv1, Exchange.TSE),
+    (TXF, QuoteType.Tick, False, "TIC/v1/FOP/N/TFE/TXFL6", FOP_TICK,
+     "tick_fop_v1", TickFOPv1, Exchange.TAIFEX),
 ]
+# fmt: on
 
 
 def subscribe(api, broker, contract, quote_type, odd_lot, topic):
@@ -130,41 +75,13 @@ TICKS = {
     "ask_volume": [5, 7],
     "tick_type": [1, 1],
 }
-KBARS = {
-    "ts": [1704157260000000000],
-    "Open": [590.0],
-    "High": [596.0],
-    "Low": [589.0],
-    "Close": [595.0],
-    "Volume": [7004],
-    "Amount": [4155000000.0],
-}
 
 
-@pytest.mark.parametrize(
-    "method, kwargs, service, sent, columns",
-    [
-        (
-            "ticks",
-            {"date": "2024-01-02", "query_type": TicksQueryType.LastCount, "last_cnt": 2},
-            "data/ticks",
-            {"date": "2024-01-02", "query_type": "LastCount", "time_range": None, "last_cnt": 2},
-            TICKS,
-        ),
-        (
-            "kbars",
-            {"start": "2024-01-01", "end": "2024-01-02"},
-            "data/kbars",
-            {"start": "2024-01-01", "end": "2024-01-02"},
-            KBARS,
-        ),
-    ],
-    ids=["ticks", "kbars"],
-)
-def test_history_round_trip(api, broker, query, method, kwargs, service, sent, columns):
-    broker.answer(service, ok(**columns))
-    history = query(getattr(api, method), TSMC, **kwargs)
-    assert history.dict() == columns
-    request = broker.last(service)
+def test_history_round_trip(api, broker, query):
+    broker.answer("data/ticks", ok(**TICKS))
+    history = query(api.ticks, TSMC, date="2024-01-02", query_type=TicksQueryType.LastCount, last_cnt=2)
+    assert history.dict() == TICKS
+    request = broker.last("data/ticks")
     assert request.token == TOKEN
+    sent = {"date": "2024-01-02", "query_type": "LastCount", "time_range": None, "last_cnt": 2}
     assert request.payload == dict({"contract": TSMC.dict()}, **sent)

@@ -1,15 +1,13 @@
-"""History, snapshots and rankings of the paper broker agree with its quotes and with each other."""
+"""Snapshots and the stock queries of the paper broker through the client. (That the bars are the
+minutes of the ticks and the rankings are in order is the feed's own test.)"""
 
 import datetime
-from collections import OrderedDict
 
 import pytest
 
-from quorvex.constant import QuoteType, QuoteVersion, ScannerType
+from quorvex.constant import QuoteType, QuoteVersion
 
-from .feed_support import HARBOR, INDEX_FUTURE, PREVIOUS_DAY, TRADING_DAY, TSMC, Received, paper_api
-
-MINUTE = 60 * 10**9
+from .feed_support import HARBOR, INDEX_FUTURE, TRADING_DAY, TSMC, Received, paper_api
 
 
 @pytest.fixture(scope="module")
@@ -18,27 +16,6 @@ def closing():
     api = paper_api(TRADING_DAY + "T13:29:40", 10)
     yield api
     api.logout()
-
-
-def test_kbars_aggregate_the_ticks_exactly(closing):
-    ticks = closing.ticks(HARBOR, PREVIOUS_DAY)
-    kbars = closing.kbars(HARBOR, PREVIOUS_DAY, PREVIOUS_DAY)
-    assert len(ticks.ts) > 100
-    minutes = OrderedDict()
-    for ts, close, volume in zip(ticks.ts, ticks.close, ticks.volume):
-        minutes.setdefault(ts - ts % MINUTE, []).append((close, volume))
-    assert kbars.ts == list(minutes)
-    for i, trades in enumerate(minutes.values()):
-        closes = [close for close, _ in trades]
-        assert (kbars.Open[i], kbars.High[i], kbars.Low[i], kbars.Close[i]) == (
-            closes[0],
-            max(closes),
-            min(closes),
-            closes[-1],
-        )
-        assert kbars.Volume[i] == sum(volume for _, volume in trades)
-        # A board lot is 1,000 shares.
-        assert kbars.Amount[i] == pytest.approx(sum(close * volume * 1000 for close, volume in trades))
 
 
 @pytest.mark.parametrize(
@@ -76,26 +53,6 @@ def test_a_snapshot_agrees_with_the_last_published_tick(contract, setter, starts
     assert snapshot.change_price == pytest.approx(last.price_chg)
     epoch = datetime.datetime(1970, 1, 1)
     assert snapshot.ts == (last.datetime - epoch) // datetime.timedelta(microseconds=1) * 1000
-
-
-@pytest.mark.parametrize(
-    "scanner, field",
-    [
-        (ScannerType.VolumeRank, "total_volume"),
-        (ScannerType.AmountRank, "total_amount"),
-        (ScannerType.ChangePriceRank, "change_price"),
-    ],
-)
-@pytest.mark.parametrize("ascending", [False, True], ids=["descending", "ascending"])
-@pytest.mark.parametrize("count", [1, 7])
-def test_scanners_order_and_count(closing, scanner, field, ascending, count):
-    rows = closing.scanners(scanner, ascending, PREVIOUS_DAY, count)
-    assert len(rows) == count
-    values = [row.rank_value for row in rows]
-    assert values == sorted(values, reverse=not ascending)
-    for row in rows:
-        assert row.rank_value == pytest.approx(getattr(row, field))
-        assert row.date == PREVIOUS_DAY and row.name
 
 
 def test_credit_enquiries_name_each_stock(closing):

@@ -5,9 +5,7 @@ import datetime
 
 import pytest
 
-from quorvex.account import StockAccount
 from quorvex.constant import FetchStatus, Status
-from quorvex.error import ServiceError
 from quorvex.paper import DEMO
 
 from .support import front_future, later, order, stock, wait_until
@@ -66,17 +64,6 @@ def test_futures_margin_positions_and_profit_follow_the_fills(make_api):
     realised = api.list_profit_loss(account, TODAY, TODAY)
     assert [r.direction.value for r in realised] == ["Buy"]
     assert api.list_profit_loss_detail(account, realised[0].id)[0].code == txf.code
-
-
-def test_queries_refuse_another_persons_account(make_api):
-    api = make_api(DEMO.second)
-    theirs = StockAccount(**DEMO.stock_account)
-    with pytest.raises(ServiceError, match="status 403"):
-        api.account_balance(theirs)
-    with pytest.raises(ServiceError, match="status 403"):
-        api.list_positions(theirs, "Common")
-    with pytest.raises(ServiceError, match="status 400"):
-        api.margin(api.default_stock_account)
 
 
 def test_simulation_sessions_list_paper_positions(make_api):

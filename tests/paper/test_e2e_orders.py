@@ -4,7 +4,7 @@ cannot see or touch each other's orders."""
 
 import pytest
 
-from quorvex.account import FutureAccount, StockAccount
+from quorvex.account import FutureAccount
 from quorvex.constant import Action, OrderState, Status
 from quorvex.contracts import ComboBase, ComboContract
 from quorvex.error import ServiceError
@@ -113,26 +113,6 @@ def test_signed_accounts_trade_with_the_holders_certificate_live_and_without_it_
     paper = simulated.place_order(stock(), order(simulated, "Buy", 1010, 1))
     assert paper.status.status == Status.Filled
     assert simulated.list_positions(simulated.default_stock_account, "Common")[0].quantity == 1
-
-
-def test_two_persons_cannot_see_or_touch_each_others_orders(make_api):
-    a = make_api(DEMO)
-    b = make_api(DEMO.second)
-    mine = a.place_order(stock(), order(a, "Buy", 950, 2))
-    assert mine.status.status == Status.Submitted
-
-    with pytest.raises(ServiceError, match="status 404"):
-        b.cancel_order(mine)
-    with pytest.raises(ServiceError, match="status 403"):
-        b.update_status(StockAccount(**DEMO.stock_account))
-    stolen = b.place_order(stock(), order(b, "Buy", 950, 1, account=StockAccount(**DEMO.stock_account)))
-    assert stolen.status.status == Status.Failed  # the broker refused the account with 403
-    b.update_status(b.default_stock_account)
-    assert all(t.order.account.person_id == DEMO.second.person_id for t in b.trades if t.order.id)
-
-    a.reports.wait(1)
-    assert not any(m.get("order", {}).get("id") == mine.order.id for _, m in b.reports.items)
-    assert a.update_order(mine, quantity=1) is mine  # the holder still can
 
 
 def test_combination_orders_rest_cancel_and_refresh(make_api):

@@ -129,13 +129,6 @@ def test_a_bad_contract_fails_when_looked_up_naming_the_field():
         master.Stocks["2330"]
 
 
-def test_download_bookkeeping_attributes(contracts):
-    contracts.Stocks._max_page = 3
-    contracts.Stocks._page_list = [0] * 3
-    contracts.Stocks.set_status_fetched()
-    assert contracts.Stocks.status is FetchStatus.Fetched
-
-
 @pytest.fixture
 def cache_dir(tmp_path, monkeypatch):
     monkeypatch.setenv("QUORVEX_CONTRACTS_DIR", str(tmp_path / "cache"))

@@ -16,7 +16,7 @@ from quorvex.backend.solace.utils import (
     login_check,
 )
 from quorvex.constant import Action, Exchange, SecurityType
-from quorvex.utils import log, raise_resp_error
+from quorvex.utils import raise_resp_error
 
 
 @pytest.mark.parametrize(
@@ -67,10 +67,6 @@ def test_timeout_error_hides_its_payload():
 def test_errors_survive_pickling(err):
     again = pickle.loads(pickle.dumps(err))
     assert type(again) is type(err) and str(again) == str(err)
-
-
-def test_log_is_the_library_logger():
-    assert log.name == "quorvex"
 
 
 # Base58 vectors with the Bitcoin alphabet.

@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "quorvex/core/topic.hpp"
+#include "quorvex/core/topic_index.hpp"
 #include "registry.hpp"
 
 namespace quorvex::bus {
@@ -33,6 +33,20 @@ void with_listener(const Link& link, F&& f) {
 void erase_link(std::vector<LinkPtr>& links, const LinkPtr& link) {
   links.erase(std::remove(links.begin(), links.end(), link), links.end());
 }
+
+// The subscribers of one filter. `order` counts from when the filter gained its first subscriber:
+// a publish reaches the subscribers of its exact filter first, then those of matching wildcard
+// filters in that order.
+struct Subscription {
+  std::uint64_t order = 0;
+  std::vector<LinkPtr> links;  // in subscription order
+};
+
+// One endpoint serving a filter; `order` is its place in serving order across all filters.
+struct Server {
+  std::uint64_t order = 0;
+  LinkPtr link;
+};
 
 class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
  public:
@@ -80,18 +94,22 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
     std::lock_guard<std::mutex> lock(mutex_);
     require_attached(*from_link, "publish");
     const std::uint64_t mark = ++publish_marks_;
-    auto deliver = [&](const std::vector<LinkPtr>& links) {
-      for (const auto& link : links) {
+    auto deliver = [&](const Subscription& subscription) {
+      for (const auto& link : subscription.links) {
         if (link->publish_mark == mark) continue;
         link->publish_mark = mark;
         with_listener(*link, [&](TransportListener& l) { l.on_message(message); });
       }
     };
-    auto exact = subscriptions_.find(message->topic);
-    if (exact != subscriptions_.end()) deliver(exact->second);
-    for (const auto& filter : wildcard_filters_) {
-      if (core::topic_matches(filter, message->topic)) deliver(subscriptions_.find(filter)->second);
+    if (const Subscription* exact = subscriptions_.find(message->topic)) deliver(*exact);
+    matched_.clear();
+    subscriptions_.for_each_wildcard_match(
+        message->topic, [&](const std::string&, const Subscription& s) { matched_.push_back(&s); });
+    if (matched_.size() > 1) {
+      std::sort(matched_.begin(), matched_.end(),
+                [](const auto* a, const auto* b) { return a->order < b->order; });
     }
+    for (const Subscription* subscription : matched_) deliver(*subscription);
   }
 
   std::size_t send_direct(const LinkPtr& from_link, AddressKind kind, const std::string& address,
@@ -119,11 +137,12 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   void subscribe(const LinkPtr& link, const std::string& filter) {
     std::lock_guard<std::mutex> lock(mutex_);
     require_attached(*link, "subscribe");
-    auto& links = subscriptions_[filter];
+    auto& subscription = subscriptions_[filter];
+    auto& links = subscription.links;
     if (std::find(links.begin(), links.end(), link) != links.end()) return;
     links.push_back(link);
     if (links.size() == 1) {
-      if (core::has_wildcard(filter)) wildcard_filters_.push_back(filter);
+      subscription.order = ++subscription_orders_;
       notify_watchers(filter, true);
     }
   }
@@ -136,17 +155,16 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   void serve(const LinkPtr& link, const std::string& filter) {
     std::lock_guard<std::mutex> lock(mutex_);
     require_attached(*link, "serve");
-    for (const auto& server : servers_) {
-      if (server.first == filter && server.second == link) return;
+    auto& servers = servers_[filter];
+    for (const auto& server : servers) {
+      if (server.link == link) return;
     }
-    servers_.emplace_back(filter, link);
+    servers.push_back(Server{++serving_orders_, link});
   }
 
   void stop_serving(const LinkPtr& link, const std::string& filter) {
     std::lock_guard<std::mutex> lock(mutex_);
-    servers_.erase(std::remove_if(servers_.begin(), servers_.end(),
-                                  [&](const auto& s) { return s.first == filter && s.second == link; }),
-                   servers_.end());
+    stop_serving_locked(link, filter);
   }
 
   void watch(const LinkPtr& link, bool on) {
@@ -159,18 +177,14 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
       return;
     }
     watchers_.push_back(link);
-    for (const auto& entry : subscriptions_) {
-      with_listener(*link, [&](TransportListener& l) { l.on_subscription_change(entry.first, true); });
-    }
+    subscriptions_.for_each([&](const std::string& filter, const Subscription&) {
+      with_listener(*link, [&](TransportListener& l) { l.on_subscription_change(filter, true); });
+    });
   }
 
   bool has_subscribers(const std::string& topic) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (subscriptions_.count(topic)) return true;
-    for (const auto& filter : wildcard_filters_) {
-      if (core::topic_matches(filter, topic)) return true;
-    }
-    return false;
+    return subscriptions_.matches_any(topic);
   }
 
   void reopen(const LinkPtr& link) {
@@ -198,13 +212,21 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   }
 
   const Link* find_server(const std::string& topic) const {
-    for (const auto& server : servers_) {
-      if (server.first == topic) return server.second.get();
-    }
-    for (const auto& server : servers_) {
-      if (core::has_wildcard(server.first) && core::topic_matches(server.first, topic)) return server.second.get();
-    }
-    return nullptr;
+    if (const auto* exact = servers_.find(topic)) return exact->front().link.get();
+    const Server* first = nullptr;
+    servers_.for_each_wildcard_match(topic, [&](const std::string&, const std::vector<Server>& servers) {
+      if (first == nullptr || servers.front().order < first->order) first = &servers.front();
+    });
+    return first != nullptr ? first->link.get() : nullptr;
+  }
+
+  void stop_serving_locked(const LinkPtr& link, const std::string& filter) {
+    auto* servers = servers_.find(filter);
+    if (servers == nullptr) return;
+    servers->erase(
+        std::remove_if(servers->begin(), servers->end(), [&](const Server& s) { return s.link == link; }),
+        servers->end());
+    if (servers->empty()) servers_.erase(filter);
   }
 
   void notify_watchers(const std::string& filter, bool active) {
@@ -214,14 +236,12 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   }
 
   void unsubscribe_locked(const LinkPtr& link, const std::string& filter) {
-    auto it = subscriptions_.find(filter);
-    if (it == subscriptions_.end()) return;
-    const std::size_t before = it->second.size();
-    erase_link(it->second, link);
-    if (it->second.empty() && before > 0) {
-      subscriptions_.erase(it);
-      wildcard_filters_.erase(std::remove(wildcard_filters_.begin(), wildcard_filters_.end(), filter),
-                              wildcard_filters_.end());
+    Subscription* subscription = subscriptions_.find(filter);
+    if (subscription == nullptr) return;
+    const std::size_t before = subscription->links.size();
+    erase_link(subscription->links, link);
+    if (subscription->links.empty() && before > 0) {
+      subscriptions_.erase(filter);
       notify_watchers(filter, false);
     }
   }
@@ -232,12 +252,17 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
     link->attached = false;
     links_.erase(link->session_id);
     std::vector<std::string> filters;
-    for (const auto& entry : subscriptions_) {
-      if (std::find(entry.second.begin(), entry.second.end(), link) != entry.second.end()) filters.push_back(entry.first);
-    }
+    subscriptions_.for_each([&](const std::string& filter, const Subscription& s) {
+      if (std::find(s.links.begin(), s.links.end(), link) != s.links.end()) filters.push_back(filter);
+    });
     for (const auto& filter : filters) unsubscribe_locked(link, filter);
-    servers_.erase(std::remove_if(servers_.begin(), servers_.end(), [&](const auto& s) { return s.second == link; }),
-                   servers_.end());
+    filters.clear();
+    servers_.for_each([&](const std::string& filter, const std::vector<Server>& servers) {
+      if (std::any_of(servers.begin(), servers.end(), [&](const Server& s) { return s.link == link; })) {
+        filters.push_back(filter);
+      }
+    });
+    for (const auto& filter : filters) stop_serving_locked(link, filter);
     if (link->watching) {
       link->watching = false;
       erase_link(watchers_, link);
@@ -248,11 +273,13 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   mutable std::mutex mutex_;
   bool shut_down_ = false;
   std::unordered_map<std::string, LinkPtr> links_;                        // attached links by session id
-  std::unordered_map<std::string, std::vector<LinkPtr>> subscriptions_;  // filter -> subscribers
-  std::vector<std::string> wildcard_filters_;                             // the keys above with wildcards
-  std::vector<std::pair<std::string, LinkPtr>> servers_;                  // in serving order
+  core::TopicFilterIndex<Subscription> subscriptions_;  // filter -> subscribers, never empty
+  core::TopicFilterIndex<std::vector<Server>> servers_;  // filter -> servers in serving order, never empty
   std::vector<LinkPtr> watchers_;
   std::uint64_t publish_marks_ = 0;
+  std::uint64_t subscription_orders_ = 0;
+  std::uint64_t serving_orders_ = 0;
+  std::vector<const Subscription*> matched_;  // publish's scratch list, kept to spare an allocation
 };
 
 class InprocLink final : public Transport {

@@ -9,6 +9,7 @@
 
 #include "quorvex/core/codec.hpp"
 #include "quorvex/core/topic.hpp"
+#include "quorvex/core/topic_index.hpp"
 #include "registry.hpp"
 #include "stoppable_thread.hpp"
 
@@ -141,13 +142,12 @@ class Responder::Core : public TransportListener,
     {
       std::lock_guard<std::mutex> lock(mutex_);
       transport = live_transport("serve '" + filter + "'");
-      for (auto& service : services_) {
-        if (service.filter == filter) {
-          replaced = std::exchange(service.handler, shared);
-          is_new = false;
-        }
+      if (Service* service = services_.find(filter)) {
+        replaced = std::exchange(service->handler, shared);
+        is_new = false;
+      } else {
+        services_[filter] = Service{++service_orders_, shared};
       }
-      if (is_new) services_.push_back(Service{filter, core::has_wildcard(filter), shared});
     }
     if (is_new) transport->serve(filter);
   }
@@ -158,10 +158,10 @@ class Responder::Core : public TransportListener,
     {
       std::lock_guard<std::mutex> lock(mutex_);
       transport = transport_;
-      auto it = std::find_if(services_.begin(), services_.end(), [&](const Service& s) { return s.filter == filter; });
-      if (it == services_.end()) return;
-      removed = it->handler;
-      services_.erase(it);
+      Service* service = services_.find(filter);
+      if (service == nullptr) return;
+      removed = service->handler;
+      services_.erase(filter);
     }
     if (transport) transport->stop_serving(filter);
   }
@@ -187,14 +187,14 @@ class Responder::Core : public TransportListener,
 
   void close() {
     std::shared_ptr<Transport> transport;
-    std::vector<Service> services;
+    core::TopicFilterIndex<Service> services;
     std::shared_ptr<const SubscriptionWatcher> watcher;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (closed_) return;
       closed_ = true;
       transport = std::move(transport_);
-      services.swap(services_);
+      services = std::exchange(services_, {});
       watcher = std::move(watcher_);
     }
     if (transport) transport->close();
@@ -212,9 +212,10 @@ class Responder::Core : public TransportListener,
   const std::string& session_id() const { return session_id_; }
 
  private:
+  // A served filter's handler; `order` is its place in serving order, which decides between
+  // wildcard filters that match the same topic.
   struct Service {
-    std::string filter;
-    bool wildcard;
+    std::uint64_t order = 0;
     std::shared_ptr<const RequestHandler> handler;
   };
 
@@ -250,11 +251,14 @@ class Responder::Core : public TransportListener,
     std::weak_ptr<Transport> transport;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      for (const auto& service : services_) {
-        if (!service.wildcard && service.filter == topic) handler = service.handler;
-      }
-      for (auto it = services_.begin(); !handler && it != services_.end(); ++it) {
-        if (it->wildcard && core::topic_matches(it->filter, topic)) handler = it->handler;
+      if (const Service* exact = services_.find(topic)) {
+        handler = exact->handler;
+      } else {
+        const Service* first = nullptr;
+        services_.for_each_wildcard_match(topic, [&](const std::string&, const Service& s) {
+          if (first == nullptr || s.order < first->order) first = &s;
+        });
+        if (first != nullptr) handler = first->handler;
       }
       transport = transport_;
     }
@@ -288,7 +292,11 @@ class Responder::Core : public TransportListener,
         std::lock_guard<std::mutex> lock(mutex_);
         if (closed_) return;
         transport = transport_;
-        for (const auto& service : services_) filters.push_back(service.filter);
+        std::vector<std::pair<std::uint64_t, std::string>> served;
+        services_.for_each(
+            [&](const std::string& filter, const Service& s) { served.emplace_back(s.order, filter); });
+        std::sort(served.begin(), served.end());  // serve again in the same order
+        for (auto& entry : served) filters.push_back(std::move(entry.second));
         watching = static_cast<bool>(watcher_);
       }
       try {
@@ -310,7 +318,8 @@ class Responder::Core : public TransportListener,
   mutable std::mutex mutex_;
   bool closed_ = false;
   std::shared_ptr<Transport> transport_;
-  std::vector<Service> services_;
+  core::TopicFilterIndex<Service> services_;  // by filter
+  std::uint64_t service_orders_ = 0;
   std::shared_ptr<const SubscriptionWatcher> watcher_;
 
   std::mutex queue_mutex_;

@@ -87,14 +87,14 @@ struct RecordHead {
   bool intraday_odd = false;
 };
 
-// The storage of one record of layout `Spec` (a struct with kName, kFields, kOddLot, kDoc).
-template <class Spec>
+// The storage of one record of layout `Shape` (a struct with kName, kFields, kOddLot, kDoc).
+template <class Shape>
 struct QuoteRecord {
   static constexpr Layout layout() {
-    return {Spec::kName, Spec::kFields.data(), Spec::kFields.size(), Spec::kOddLot};
+    return {Shape::kName, Shape::kFields.data(), Shape::kFields.size(), Shape::kOddLot};
   }
   RecordHead head;
-  std::array<Slot, slot_count(Spec::kFields)> slots{};
+  std::array<Slot, slot_count(Shape::kFields)> slots{};
 };
 
 // ---- layout-generic operations (record.cpp) ------------------------------------------
@@ -141,43 +141,43 @@ PyObject* guarded(Body&& body) noexcept {
 
 namespace detail {
 
-template <class Spec>
-QuoteRecord<Spec>& record_of(PyObject* self) {
-  return *nb::inst_ptr<QuoteRecord<Spec>>(self);
+template <class Shape>
+QuoteRecord<Shape>& record_of(PyObject* self) {
+  return *nb::inst_ptr<QuoteRecord<Shape>>(self);
 }
 
-template <class Spec, bool OddLot>
+template <class Shape, bool OddLot>
 PyObject* from_content(PyObject* type, PyObject* const* content, Py_ssize_t count) noexcept {
   return guarded([&]() -> PyObject* {
-    constexpr Layout layout = QuoteRecord<Spec>::layout();
-    QuoteRecord<Spec> parsed;
+    constexpr Layout layout = QuoteRecord<Shape>::layout();
+    QuoteRecord<Shape> parsed;
     parse_content(layout, content, count, parsed.head, parsed.slots.data());
     parsed.head.intraday_odd = OddLot;
     nb::object instance = nb::inst_alloc(type);
     // The instance memory comes from nanobind; the record is moved into it in place.
-    ::new (nb::inst_ptr<QuoteRecord<Spec>>(instance)) QuoteRecord<Spec>(std::move(parsed));
+    ::new (nb::inst_ptr<QuoteRecord<Shape>>(instance)) QuoteRecord<Shape>(std::move(parsed));
     nb::inst_mark_ready(instance);
     return instance.release().ptr();
   });
 }
 
-template <class Spec>
+template <class Shape>
 PyObject* get_field(PyObject* self, void* closure) noexcept {
-  const QuoteRecord<Spec>& record = record_of<Spec>(self);
+  const QuoteRecord<Shape>& record = record_of<Shape>(self);
   return field_value(*static_cast<const Field*>(closure), record.head, record.slots.data());
 }
 
-template <class Spec>
+template <class Shape>
 PyObject* get_intraday_odd(PyObject* self, void*) noexcept {
-  return PyBool_FromLong(record_of<Spec>(self).head.intraday_odd);
+  return PyBool_FromLong(record_of<Shape>(self).head.intraday_odd);
 }
 
 // Vectorcall-style constructors: the router hands over the message's content items
 // without building an argument tuple.
-template <class Spec, bool OddLot>
+template <class Shape, bool OddLot>
 PyMethodDef* content_constructor(const char* name, const char* doc) {
   static PyMethodDef def = {
-      name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&from_content<Spec, OddLot>)),
+      name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&from_content<Shape, OddLot>)),
       METH_FASTCALL, doc};
   return &def;
 }
@@ -187,31 +187,31 @@ void add_getset(nb::handle cls, PyGetSetDef* def);
 
 }  // namespace detail
 
-template <class Spec>
-nb::class_<QuoteRecord<Spec>> bind_record(nb::module_& m) {
-  using Record = QuoteRecord<Spec>;
-  nb::class_<Record> cls(m, Spec::kName, Spec::kDoc);
+template <class Shape>
+nb::class_<QuoteRecord<Shape>> bind_record(nb::module_& m) {
+  using Record = QuoteRecord<Shape>;
+  nb::class_<Record> cls(m, Shape::kName, Shape::kDoc);
 
   // Plain C getters: a field read costs a slot load and one object, no call dispatch.
-  static std::array<PyGetSetDef, Spec::kFields.size() + 1> getters{};
-  for (std::size_t i = 0; i < Spec::kFields.size(); ++i) {
-    getters[i] = {Spec::kFields[i].name, &detail::get_field<Spec>, nullptr, nullptr,
-                  const_cast<Field*>(&Spec::kFields[i])};
+  static std::array<PyGetSetDef, Shape::kFields.size() + 1> getters{};
+  for (std::size_t i = 0; i < Shape::kFields.size(); ++i) {
+    getters[i] = {Shape::kFields[i].name, &detail::get_field<Shape>, nullptr, nullptr,
+                  const_cast<Field*>(&Shape::kFields[i])};
     detail::add_getset(cls, &getters[i]);
   }
-  if (Spec::kOddLot) {
-    getters.back() = {"intraday_odd", &detail::get_intraday_odd<Spec>, nullptr,
+  if (Shape::kOddLot) {
+    getters.back() = {"intraday_odd", &detail::get_intraday_odd<Shape>, nullptr,
                       "True for an intraday odd-lot record, whose volumes count shares", nullptr};
     detail::add_getset(cls, &getters.back());
   }
 
   detail::add_static_constructor(
       cls,
-      detail::content_constructor<Spec, false>(
+      detail::content_constructor<Shape, false>(
           "from_content", "from_content(*content)\n--\n\nBuild a record from a message's content elements."));
-  if (Spec::kOddLot) {
+  if (Shape::kOddLot) {
     detail::add_static_constructor(
-        cls, detail::content_constructor<Spec, true>(
+        cls, detail::content_constructor<Shape, true>(
                  "from_content_odd",
                  "from_content_odd(*content)\n--\n\nBuild an intraday odd-lot record (volumes in shares)."));
   }

@@ -82,3 +82,92 @@ TEST(Transport, CloseAllEndpointsStopsEveryDelivery) {
   EXPECT_THROW(feed.publish("t", std::string("\xc0")), BusError);
   EXPECT_EQ(InprocBus::named(bus_host().substr(9))->endpoint_count(), 0u);
 }
+
+namespace {
+
+// An endpoint attached straight to a bus that writes what reaches it, and who it is, to one log
+// shared by several endpoints, so the order across endpoints shows.
+struct LoggingEndpoint : TransportListener {
+  LoggingEndpoint(std::string name, std::vector<std::string>& log) : name(std::move(name)), log(log) {}
+  void on_message(MessagePtr message) override { log.push_back(name + ":" + message->topic); }
+  void on_request(IncomingRequest request) override { log.push_back(name + "<" + request.message->topic); }
+  std::string name;
+  std::vector<std::string>& log;
+};
+
+struct Endpoints {
+  explicit Endpoints(const std::string& bus_name) : bus(InprocBus::named(bus_name)) {}
+  Transport& add(const std::string& name) {
+    listeners.push_back(std::make_shared<LoggingEndpoint>(name, log));
+    links.push_back(bus->attach(options("inproc://" + bus->name(), name), listeners.back()));
+    return *links.back();
+  }
+  std::vector<std::string> take() { return std::exchange(log, {}); }
+
+  std::shared_ptr<InprocBus> bus;
+  std::vector<std::string> log;
+  std::vector<std::shared_ptr<LoggingEndpoint>> listeners;
+  std::vector<std::unique_ptr<Transport>> links;
+};
+
+}  // namespace
+
+TEST(Transport, PublishReachesTheExactFilterFirstThenWildcardsInTheOrderTheyBecameActive) {
+  Endpoints e("Transport.publish-order");
+  Transport& feed = e.add("feed");
+  Transport& any = e.add("any");
+  Transport& rest = e.add("rest");
+  Transport& exact = e.add("exact");
+  any.subscribe("TIC/*/2330");
+  rest.subscribe("TIC/>");
+  exact.subscribe("TIC/v1/2330");
+  any.subscribe("TIC/v1/>");  // overlaps: still one copy, where "any" is first reached
+  feed.publish(make_message("TIC/v1/2330", ""));
+  EXPECT_EQ(e.take(), (std::vector<std::string>{"exact:TIC/v1/2330", "any:TIC/v1/2330", "rest:TIC/v1/2330"}));
+
+  any.unsubscribe("TIC/*/2330");
+  any.unsubscribe("TIC/v1/>");
+  any.subscribe("TIC/*/2330");  // active again, now after "TIC/>"
+  feed.publish(make_message("TIC/v1/2330", ""));
+  rest.subscribe("TIC/v1/2330");  // the exact filter's subscribers come first
+  feed.publish(make_message("TIC/v1/2330", ""));
+  feed.publish(make_message("TIC/v2/2317", ""));
+  EXPECT_EQ(e.take(), (std::vector<std::string>{"exact:TIC/v1/2330", "rest:TIC/v1/2330", "any:TIC/v1/2330",
+                                                "exact:TIC/v1/2330", "rest:TIC/v1/2330", "any:TIC/v1/2330",
+                                                "rest:TIC/v2/2317"}));
+  EXPECT_TRUE(feed.has_subscribers("TIC/v2/2317"));
+  rest.close();  // a closed link's filters are forgotten
+  EXPECT_FALSE(feed.has_subscribers("TIC/v2/2317"));
+  EXPECT_TRUE(feed.has_subscribers("TIC/v2/2330"));
+}
+
+TEST(Transport, RequestGoesToTheExactServerElseTheFirstMatchingWildcardInServingOrder) {
+  Endpoints e("Transport.serving-order");
+  Transport& client = e.add("client");
+  Transport& wide = e.add("wide");
+  Transport& narrow = e.add("narrow");
+  Transport& exact = e.add("exact");
+  auto request = [&](const std::string& topic) {
+    client.request(make_message(topic, ""), 1, Requester{client.session_id(), "client", ""});
+  };
+  narrow.serve("api/v1/*");
+  wide.serve("api/>");
+  exact.serve("api/v1/login");
+  wide.serve("api/v1/login");  // a second server of the same filter comes after the first
+  request("api/v1/login");
+  request("api/v1/logout");
+  request("api/v2/x");
+  request("other");
+  EXPECT_EQ(e.take(),
+            (std::vector<std::string>{"exact<api/v1/login", "narrow<api/v1/logout", "wide<api/v2/x"}));
+
+  exact.stop_serving("api/v1/login");
+  narrow.stop_serving("api/v1/*");
+  narrow.serve("api/v1/*");  // served again: now after "api/>"
+  request("api/v1/login");
+  request("api/v1/logout");
+  e.bus->sever(wide.session_id());  // its filters go with the link
+  request("api/v1/logout");
+  EXPECT_EQ(e.take(),
+            (std::vector<std::string>{"wide<api/v1/login", "wide<api/v1/logout", "narrow<api/v1/logout"}));
+}
