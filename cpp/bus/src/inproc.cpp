@@ -53,7 +53,8 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   explicit Bus(std::string name) : name_(std::move(name)) {}
 
   const std::string& name() const override { return name_; }
-  std::unique_ptr<Transport> attach(const ConnectOptions& options, std::weak_ptr<TransportListener> listener) override;
+  std::unique_ptr<Transport> attach(const ConnectOptions& options,
+                                    std::weak_ptr<TransportListener> listener) override;
   bool sever(const std::string& session_id) override;
   void shutdown() override;
   void restart() override;
@@ -68,7 +69,8 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
     link->client_name = name;
   }
 
-  void request(const LinkPtr& from_link, MessagePtr message, std::uint64_t request_id, const Requester& from) {
+  void request(const LinkPtr& from_link, MessagePtr message, std::uint64_t request_id,
+               const Requester& from) {
     std::shared_ptr<TransportListener> server;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -272,8 +274,8 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
   std::string name_;
   mutable std::mutex mutex_;
   bool shut_down_ = false;
-  std::unordered_map<std::string, LinkPtr> links_;                        // attached links by session id
-  core::TopicFilterIndex<Subscription> subscriptions_;  // filter -> subscribers, never empty
+  std::unordered_map<std::string, LinkPtr> links_;       // attached links by session id
+  core::TopicFilterIndex<Subscription> subscriptions_;   // filter -> subscribers, never empty
   core::TopicFilterIndex<std::vector<Server>> servers_;  // filter -> servers in serving order, never empty
   std::vector<LinkPtr> watchers_;
   std::uint64_t publish_marks_ = 0;
@@ -311,7 +313,8 @@ class InprocLink final : public Transport {
   LinkPtr link_;
 };
 
-std::unique_ptr<Transport> Bus::attach(const ConnectOptions& options, std::weak_ptr<TransportListener> listener) {
+std::unique_ptr<Transport> Bus::attach(const ConnectOptions& options,
+                                       std::weak_ptr<TransportListener> listener) {
   auto link = std::make_shared<Link>();
   link->session_id = new_session_id();
   link->client_name = options.client_name.empty() ? link->session_id : options.client_name;
@@ -333,7 +336,9 @@ bool Bus::sever(const std::string& session_id) {
     link = it->second;
     detach_locked(link);
   }
-  with_listener(*link, [&](TransportListener& l) { l.on_link_lost("the bus inproc://" + name_ + " dropped the link"); });
+  with_listener(*link, [&](TransportListener& l) {
+    l.on_link_lost("the bus inproc://" + name_ + " dropped the link");
+  });
   return true;
 }
 
@@ -346,7 +351,8 @@ void Bus::shutdown() {
     for (const auto& link : dropped) detach_locked(link);
   }
   for (const auto& link : dropped) {
-    with_listener(*link, [&](TransportListener& l) { l.on_link_lost("the bus inproc://" + name_ + " shut down"); });
+    with_listener(*link,
+                  [&](TransportListener& l) { l.on_link_lost("the bus inproc://" + name_ + " shut down"); });
   }
 }
 

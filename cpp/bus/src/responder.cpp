@@ -64,7 +64,9 @@ class InflightGate {
     std::unique_lock<std::mutex> lock(mutex_);
     closed_ = true;
     const auto self = std::this_thread::get_id();
-    idle_.wait(lock, [&] { return std::all_of(active_.begin(), active_.end(), [&](auto id) { return id == self; }); });
+    idle_.wait(lock, [&] {
+      return std::all_of(active_.begin(), active_.end(), [&](auto id) { return id == self; });
+    });
   }
 
  private:
@@ -173,7 +175,8 @@ class Responder::Core : public TransportListener,
     {
       std::lock_guard<std::mutex> lock(mutex_);
       transport = live_transport("watch subscriptions");
-      replaced = std::exchange(watcher_, on ? std::make_shared<const SubscriptionWatcher>(std::move(watcher)) : nullptr);
+      replaced = std::exchange(
+          watcher_, on ? std::make_shared<const SubscriptionWatcher>(std::move(watcher)) : nullptr);
     }
     // Off and on again, so a replacing watcher also hears the filters active now.
     transport->watch_subscriptions(false);
@@ -220,7 +223,8 @@ class Responder::Core : public TransportListener,
   };
 
   std::shared_ptr<Transport> live_transport(const std::string& action) const {
-    if (closed_ || !transport_) throw BusError("cannot " + action + ": the responder on '" + host_ + "' is closed");
+    if (closed_ || !transport_)
+      throw BusError("cannot " + action + ": the responder on '" + host_ + "' is closed");
     return transport_;
   }
 
@@ -263,7 +267,8 @@ class Responder::Core : public TransportListener,
       transport = transport_;
     }
     if (!handler) return;  // no longer served
-    const ServiceRequest service_request(request, ReplyHandle(std::make_shared<ReplyRoute>(transport, request)));
+    const ServiceRequest service_request(request,
+                                         ReplyHandle(std::make_shared<ReplyRoute>(transport, request)));
     try {
       (*handler)(service_request);
     } catch (const std::exception& e) {
@@ -306,7 +311,8 @@ class Responder::Core : public TransportListener,
         return;
       } catch (const BusError&) {
         std::unique_lock<std::mutex> lock(queue_mutex_);
-        if (wake_.wait_for(lock, std::chrono::milliseconds(50), [&] { return worker_.stop_requested(); })) return;
+        if (wake_.wait_for(lock, std::chrono::milliseconds(50), [&] { return worker_.stop_requested(); }))
+          return;
       }
     }
   }
@@ -339,7 +345,9 @@ Responder::Responder(const std::string& host, ResponderOptions options)
 
 Responder::~Responder() { core_->close(); }
 
-void Responder::serve(const std::string& filter, RequestHandler handler) { core_->serve(filter, std::move(handler)); }
+void Responder::serve(const std::string& filter, RequestHandler handler) {
+  core_->serve(filter, std::move(handler));
+}
 void Responder::stop_serving(const std::string& filter) { core_->stop_serving(filter); }
 
 void Responder::publish(std::string topic, std::string payload) {
@@ -348,26 +356,33 @@ void Responder::publish(std::string topic, std::string payload) {
   } catch (const core::TopicError& e) {
     throw core::TopicError(std::string("cannot publish: ") + e.what());
   }
-  core_->transport_for("publish on '" + topic + "'")->publish(make_message(std::move(topic), std::move(payload)));
+  core_->transport_for("publish on '" + topic + "'")
+      ->publish(make_message(std::move(topic), std::move(payload)));
 }
 
-void Responder::publish(std::string topic, const core::Value& payload) { publish(std::move(topic), core::encode(payload)); }
+void Responder::publish(std::string topic, const core::Value& payload) {
+  publish(std::move(topic), core::encode(payload));
+}
 
-std::size_t Responder::send_to_session(const std::string& session_id, std::string topic, std::string payload) {
+std::size_t Responder::send_to_session(const std::string& session_id, std::string topic,
+                                       std::string payload) {
   return core_->transport_for("send to session '" + session_id + "'")
       ->send_direct(AddressKind::SessionId, session_id, make_message(std::move(topic), std::move(payload)));
 }
 
-std::size_t Responder::send_to_session(const std::string& session_id, std::string topic, const core::Value& payload) {
+std::size_t Responder::send_to_session(const std::string& session_id, std::string topic,
+                                       const core::Value& payload) {
   return send_to_session(session_id, std::move(topic), core::encode(payload));
 }
 
-std::size_t Responder::send_to_client(const std::string& client_name, std::string topic, std::string payload) {
+std::size_t Responder::send_to_client(const std::string& client_name, std::string topic,
+                                      std::string payload) {
   return core_->transport_for("send to client '" + client_name + "'")
       ->send_direct(AddressKind::ClientName, client_name, make_message(std::move(topic), std::move(payload)));
 }
 
-std::size_t Responder::send_to_client(const std::string& client_name, std::string topic, const core::Value& payload) {
+std::size_t Responder::send_to_client(const std::string& client_name, std::string topic,
+                                      const core::Value& payload) {
   return send_to_client(client_name, std::move(topic), core::encode(payload));
 }
 
