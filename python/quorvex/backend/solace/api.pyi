@@ -8,6 +8,7 @@ import datetime
 import os
 from typing import Any, Callable, Dict, List, Literal, Optional, Sequence, Tuple, TypeVar, Union, overload
 
+from pymqlink import SolClient
 from quorvex.account import Account, FutureAccount, StockAccount
 from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
 from quorvex.backend.solace.quote import QuoteSTKv1
@@ -76,7 +77,7 @@ class SolaceAPI:
     download, orders, account queries, reservations, market data and quote subscriptions."""
 
     # ---- state set by the constructor and the logins
-    session: Any  # pymqlink.SolClient
+    session: SolClient
     accounts: List[Account]
     default_stock_account: Optional[StockAccount]
     default_futopt_account: Optional[FutureAccount]
