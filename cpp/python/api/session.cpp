@@ -14,15 +14,6 @@ nb::object checked(PyObject* result) {
   return nb::steal(result);
 }
 
-// Rejects an argument of the wrong type before anything is sent; None passes, as the
-// caller may leave a credential to the service to refuse.
-void require_str(nb::handle value, const char* name) {
-  if (value.is_none() || PyUnicode_Check(value.ptr())) return;
-  PyErr_Format(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", name,
-               "str", Py_TYPE(value.ptr())->tp_name);
-  throw nb::python_error();
-}
-
 // How the interpreter names a callable in argument errors: "Account()", "SolClient.connect()".
 std::string callable_name(nb::handle fn) {
   if (nb::hasattr(fn, "__qualname__")) return std::string(nb::str(attr(fn, "__qualname__")).c_str()) + "()";
@@ -169,8 +160,8 @@ void define_session(ApiClass& api) {
       "login",
       [](nb::handle self, nb::handle person_id, nb::handle password, nb::handle hashed,
          nb::handle subscribe_trade) -> nb::object {
-        require_str(person_id, "person_id");
-        require_str(password, "password");
+        check_arg_type(person_id, "person_id", &PyUnicode_Type);
+        check_arg_type(password, "password", &PyUnicode_Type);
         nb::setattr(self, "_person_id", person_id);
         nb::object now_text = utc_now().attr("strftime")(kClientNameTime);
         connect(self, person_id, now_text);
@@ -226,8 +217,8 @@ void define_session(ApiClass& api) {
       "token_login",
       [](nb::handle self, nb::handle key, nb::handle secret_key, nb::handle subscribe_trade,
          nb::handle receive_window) -> nb::object {
-        require_str(key, "key");
-        require_str(secret_key, "secret_key");
+        check_arg_type(key, "key", &PyUnicode_Type);
+        check_arg_type(secret_key, "secret_key", &PyUnicode_Type);
         nb::object now = utc_now();
         nb::object ts = now.attr("timestamp")();
         connect(self, key, now.attr("strftime")(kClientNameTime));
@@ -264,8 +255,8 @@ void define_session(ApiClass& api) {
   api.method(
       "simulation_login",
       [](nb::handle self, nb::handle token, nb::handle person_id, nb::handle subscribe_trade) -> nb::object {
-        require_str(token, "token");
-        require_str(person_id, "person_id");
+        check_arg_type(token, "token", &PyUnicode_Type);
+        check_arg_type(person_id, "person_id", &PyUnicode_Type);
         nb::setattr(self, "_person_id", person_id);
         connect(self, person_id, utc_now().attr("strftime")(kClientNameTime));
         // The caller's token authenticates the login request itself.
