@@ -52,7 +52,9 @@ class FuturePosition(BaseModel):
     pnl: float = 0.0
 
 
-class StockPositionDetail(BaseModel):
+class PositionDetail(BaseModel):
+    """The fields every lot behind a position has, stock or futures."""
+
     date: str = ""
     code: str
     quantity: int = 0
@@ -63,6 +65,9 @@ class StockPositionDetail(BaseModel):
     pnl: float = 0.0
     currency: Currency = Currency.TWD
     fee: float = 0.0
+
+
+class StockPositionDetail(PositionDetail):
     cond: StockOrderCond = StockOrderCond.Cash
     ex_dividends: int = 0
     interest: int = 0
@@ -70,17 +75,7 @@ class StockPositionDetail(BaseModel):
     collateral: int = 0
 
 
-class FuturePositionDetail(BaseModel):
-    date: str = ""
-    code: str
-    quantity: int = 0
-    price: float = 0.0
-    last_price: float = 0.0
-    dseq: str = ""
-    direction: Action
-    pnl: float = 0.0
-    currency: Currency = Currency.TWD
-    fee: float = 0.0
+class FuturePositionDetail(PositionDetail):
     entry_quantity: int = 0
 
 
