@@ -104,7 +104,8 @@ class Responder::Core : public TransportListener,
 
   // ---- TransportListener ----
   void on_request(IncomingRequest request) override {
-    if (options_.dispatch == Dispatch::Inline) {
+    if (options_.dispatch == Dispatch::Inline ||
+        (options_.dispatch == Dispatch::InlineWhenWaited && request.from.waits && worker_idle())) {
       if (!inline_gate_.enter()) return;
       handle(request);
       inline_gate_.leave();
@@ -235,6 +236,12 @@ class Responder::Core : public TransportListener,
     wake_.notify_one();
   }
 
+  // Nothing queued for the worker and nothing running on it.
+  bool worker_idle() {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    return tasks_.empty() && !worker_busy_;
+  }
+
   void run_worker() {
     while (true) {
       std::function<void()> task;
@@ -244,8 +251,11 @@ class Responder::Core : public TransportListener,
         if (worker_.stop_requested()) return;
         task = std::move(tasks_.front());
         tasks_.pop_front();
+        worker_busy_ = true;
       }
       task();
+      std::lock_guard<std::mutex> lock(queue_mutex_);
+      worker_busy_ = false;
     }
   }
 
@@ -331,6 +341,7 @@ class Responder::Core : public TransportListener,
   std::mutex queue_mutex_;
   std::condition_variable wake_;
   std::deque<std::function<void()>> tasks_;
+  bool worker_busy_ = false;  // a task taken from `tasks_` is running
   detail::StoppableThread worker_;
   InflightGate inline_gate_;
 };

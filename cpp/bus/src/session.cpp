@@ -81,7 +81,8 @@ class Session::Core : public detail::Endpoint, public std::enable_shared_from_th
 
   void connect(const ConnectOptions& options);
   void disconnect();
-  MessagePtr request(std::string topic, std::string payload, std::chrono::milliseconds timeout);
+  MessagePtr request(std::string topic, std::string payload, std::chrono::milliseconds timeout,
+                     const Session::WaitScope& around_wait);
   void request_async(std::string topic, std::string payload, std::string corrid,
                      std::shared_ptr<void> context);
   void subscribe(const std::string& filter);
@@ -328,7 +329,8 @@ std::shared_ptr<Transport> Session::Core::usable_transport(const std::string& ac
   return nullptr;
 }
 
-MessagePtr Session::Core::request(std::string topic, std::string payload, std::chrono::milliseconds timeout) {
+MessagePtr Session::Core::request(std::string topic, std::string payload, std::chrono::milliseconds timeout,
+                                  const Session::WaitScope& around_wait) {
   check_topic_for(topic, "send a request");
   BlockingWait wait;
   std::shared_ptr<Transport> transport;
@@ -339,7 +341,7 @@ MessagePtr Session::Core::request(std::string topic, std::string payload, std::c
     transport = usable_transport("send a request on '" + topic + "'");
     request_id = ++next_request_id_;
     pending_[request_id] = Pending{&wait, nullptr};
-    from = Requester{session_id_, client_name_, token_};
+    from = Requester{session_id_, client_name_, token_, true};
   }
   // Capped so that adding it to the clock cannot overflow.
   const auto deadline =
@@ -350,11 +352,25 @@ MessagePtr Session::Core::request(std::string topic, std::string payload, std::c
     drop_pending(request_id);
     throw;
   }
-  std::unique_lock<std::mutex> lock(mutex_);
-  if (!wait.done_cv.wait_until(lock, deadline, [&] { return wait.done; })) {
-    pending_.erase(request_id);
-    return nullptr;
+  bool replied = false;
+  auto wait_for_reply = [&] {
+    std::unique_lock<std::mutex> lock(mutex_);
+    replied = wait.done_cv.wait_until(lock, deadline, [&] { return wait.done; });
+    if (!replied) pending_.erase(request_id);
+  };
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    replied = wait.done;
   }
+  if (!replied) {
+    if (around_wait) {
+      around_wait(wait_for_reply);
+    } else {
+      wait_for_reply();
+    }
+  }
+  if (!replied) return nullptr;
+  std::lock_guard<std::mutex> lock(mutex_);  // the reply was written under the lock
   return std::move(wait.reply);
 }
 
@@ -515,7 +531,12 @@ std::string Session::next_correlation_id() {
 }
 
 MessagePtr Session::request(std::string topic, std::string payload, std::chrono::milliseconds timeout) {
-  return core_->request(std::move(topic), std::move(payload), timeout);
+  return core_->request(std::move(topic), std::move(payload), timeout, nullptr);
+}
+
+MessagePtr Session::request(std::string topic, std::string payload, std::chrono::milliseconds timeout,
+                            const WaitScope& around_wait) {
+  return core_->request(std::move(topic), std::move(payload), timeout, around_wait);
 }
 
 void Session::request_async(std::string topic, std::string payload, std::string corrid,

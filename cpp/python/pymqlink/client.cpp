@@ -1,14 +1,17 @@
 // pymqlink.SolClient: a bus session for Python callers.
 //
 // GIL rules: every call into the session releases the GIL first (the session's locks are also
-// taken by bus threads); the dispatcher thread takes the GIL once per batch of deliveries and
-// calls the Python callbacks with it held. The callback fields are read and written only with the
-// GIL held, so the GIL is their lock.
+// taken by bus threads), except sends: they only queue the message or hand it to a service,
+// and never wait for the GIL under a bus lock, so they keep it, and a blocking request
+// releases it for its wait only. The dispatcher thread takes the GIL once per batch of
+// deliveries and calls the Python callbacks with it held. The callback fields are read and
+// written only with the GIL held, so the GIL is their lock.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 
 #include <chrono>
 #include <cmath>
+#include <functional>
 
 #include "interpreter.hpp"
 #include "quorvex/bus/session.hpp"
@@ -162,8 +165,12 @@ class SolClient {
     }
     std::string bytes = encode_payload(payload, "payload");
     if (timeout_ms > 0) {
-      bus::MessagePtr reply = without_gil(
-          [&] { return session_->request(topic, std::move(bytes), std::chrono::milliseconds(timeout_ms)); });
+      // Sent with the lock held, like a non-blocking request; it is released only if the reply
+      // is not there when the send returns. A service answering on this thread (the embedded
+      // broker) thus costs no hand-over of the lock to the messaging thread and back.
+      bus::MessagePtr reply =
+          session_->request(topic, std::move(bytes), std::chrono::milliseconds(timeout_ms),
+                            [](const std::function<void()>& wait) { without_gil(wait); });
       if (!reply) return nb::none();
       try {
         return decode_payload(reply->payload);

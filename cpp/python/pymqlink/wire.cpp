@@ -120,10 +120,11 @@ class Encoder {
   }
 
   void encode_key(PyObject* key) {
-    if (PyUnicode_Check(key) && !is_enum(key)) return encode_str(key);
-    if (is_enum(key)) {
-      nb::object value = nb::steal(PyObject_GetAttrString(key, "value"));
-      if (!value.is_valid()) throw nb::python_error();
+    if (PyUnicode_CheckExact(key)) return encode_str(key);
+    const bool enumeration = is_enum(key);
+    if (PyUnicode_Check(key) && !enumeration) return encode_str(key);
+    if (enumeration) {
+      nb::object value = enum_value(key);
       if (PyUnicode_Check(value.ptr())) return encode_str(value.ptr());
     }
     fail(PyExc_TypeError,
@@ -181,12 +182,22 @@ class Encoder {
     pk_.pack_str_body(text, static_cast<std::uint32_t>(length));
   }
 
+  // A member's value: its `_value_`, which every enumeration keeps on the member itself, read
+  // without running the `value` property's Python code; `value` if a member lacks it.
+  static nb::object enum_value(PyObject* member) {
+    PyObject* value = PyObject_GetAttrString(member, "_value_");
+    if (!value) {
+      PyErr_Clear();
+      value = PyObject_GetAttrString(member, "value");
+      if (!value) throw nb::python_error();
+    }
+    return nb::steal(value);
+  }
+
   void encode_other(PyObject* obj, int depth) {
     if (is_enum(obj)) {
       check_depth(depth);
-      nb::object value = nb::steal(PyObject_GetAttrString(obj, "value"));
-      if (!value.is_valid()) throw nb::python_error();
-      return encode(value.ptr(), depth + 1);
+      return encode(enum_value(obj).ptr(), depth + 1);
     }
     char buf[48];
     if (PyDateTime_Check(obj)) {

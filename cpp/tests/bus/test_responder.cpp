@@ -134,6 +134,42 @@ TEST(Responder, CloseWaitsForInlineHandlersOnOtherThreads) {
   EXPECT_THROW(responder.publish("t", std::string("\xc0")), BusError);
 }
 
+// A waited-for request runs on its sender's thread when the worker is idle; requests nobody
+// waits for run on the worker, and a waited-for one sent behind them does not overtake them.
+TEST(Responder, InlineWhenWaitedKeepsArrivalOrder) {
+  ResponderOptions o;
+  o.dispatch = Dispatch::InlineWhenWaited;
+  Responder responder(bus_host(), o);
+  std::mutex mutex;
+  std::vector<std::string> decided;  // payloads, "@sender" when run on the main test thread
+  const std::thread::id main_thread = std::this_thread::get_id();
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  responder.serve("svc", [&](const ServiceRequest& r) {
+    const std::string payload(r.payload());
+    if (payload == "slow") released.wait();
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      decided.push_back(payload + (std::this_thread::get_id() == main_thread ? "@sender" : ""));
+    }
+    r.reply(payload);
+  });
+  Client client(bus_host());
+  EXPECT_EQ(text_of(client.session.request("svc", "first", 2s)), "first");
+  client.session.request_async("svc", "slow", "1", nullptr);
+  client.session.request_async("svc", "queued", "2", nullptr);
+  auto behind =
+      std::async(std::launch::async, [&] { return text_of(client.session.request("svc", "behind", 2s)); });
+  std::this_thread::sleep_for(50ms);
+  release.set_value();
+  EXPECT_EQ(behind.get(), "behind");
+  ASSERT_TRUE(client.listener->wait_count(DeliveryKind::Reply, 2));
+  std::this_thread::sleep_for(20ms);  // the worker marks itself idle just after its last reply
+  EXPECT_EQ(text_of(client.session.request("svc", "last", 2s)), "last");
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ(decided, (std::vector<std::string>{"first@sender", "slow", "queued", "behind", "last@sender"}));
+}
+
 TEST(Responder, ReservesAfterTheBusDropsItsLink) {
   Responder responder(bus_host());
   responder.serve("svc", [](const ServiceRequest& r) { r.reply(std::string("ok")); });

@@ -41,9 +41,10 @@ struct PaperBroker::Link {
   Link(BrokerCore& core, const std::string& bus_name) : core(core) {
     bus::ResponderOptions options;
     options.client_name = "paper-broker";
-    // On the responder's own thread, not the requester's: a client that files its placeholder
-    // just after sending a non-blocking request must get that moment before the reply lands.
-    options.dispatch = bus::Dispatch::Worker;
+    // A blocking request is decided on its sender's thread, which waits anyway, when nothing
+    // is queued before it; everything else on the responder's own thread, so a non-blocking
+    // sender goes on at once and its reply lands after the placeholder it files on return.
+    options.dispatch = bus::Dispatch::InlineWhenWaited;
     responder = std::make_unique<bus::Responder>("inproc://" + bus_name, std::move(options));
     sender = std::make_unique<ResponderSender>(*responder);
     responder->serve("api/v1/>", [this](const bus::ServiceRequest& request) { serve(request); });

@@ -24,6 +24,7 @@ struct Requester {
   std::string session_id;
   std::string client_name;
   std::string token;
+  bool waits = false;  // the sender is blocked until the reply (a blocking request)
 };
 
 // Codes of session events. The numbers are part of the wire contract with Python callers

@@ -11,6 +11,10 @@
 //   - Handlers and the subscription watcher run on the responder's worker thread, one at a time,
 //     in arrival order (Dispatch::Worker, the default), or, for requests, inline on the requesting
 //     thread (Dispatch::Inline: lowest latency; handlers must then be thread-safe and quick).
+//     Dispatch::InlineWhenWaited mixes the two: a request whose sender is blocked waiting for it
+//     runs on the sender's thread when the worker has nothing queued or running (so it cannot
+//     overtake an earlier request), every other one on the worker; the sender's wait then costs
+//     no thread hand-over, and a sender that does not wait is not slowed by the handler.
 //   - reply(), publish() and send_to_*() may be called from any thread, also inside handlers.
 //   - close() stops new deliveries and waits for a handler running on the worker, unless called
 //     from a handler; inline handlers already running on other threads are waited for too.
@@ -75,7 +79,7 @@ using RequestHandler = std::function<void(const ServiceRequest&)>;
 using SubscriptionWatcher = std::function<void(const std::string& filter, bool active)>;
 using ErrorHook = std::function<void(const std::string& topic, const std::string& what)>;
 
-enum class Dispatch { Worker, Inline };
+enum class Dispatch { Worker, Inline, InlineWhenWaited };
 
 struct ResponderOptions {
   std::string client_name = "responder";

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -75,6 +76,13 @@ class Session {
   // Blocking request: the reply, or nullptr when none came within `timeout` (or the session closed).
   // BusError when the session is not up; core::TopicError for an invalid topic.
   MessagePtr request(std::string topic, std::string payload, std::chrono::milliseconds timeout);
+  // The same, with the wait for a reply that has not come by the time the send returns run
+  // inside `around_wait` (which must call the function it is given once). A reply that is
+  // already there, as from a service that answers on the sender's thread, is taken without
+  // it: a binding releases its interpreter lock there, and only when there is a wait.
+  using WaitScope = std::function<void(const std::function<void()>& wait)>;
+  MessagePtr request(std::string topic, std::string payload, std::chrono::milliseconds timeout,
+                     const WaitScope& around_wait);
   // Non-blocking request: returns at once; the reply comes as a DeliveryKind::Reply delivery.
   void request_async(std::string topic, std::string payload, std::string corrid,
                      std::shared_ptr<void> context);
