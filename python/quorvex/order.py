@@ -82,7 +82,7 @@ class OrderStatus(BaseModel):
     modified_time: Optional[datetime.datetime] = None
     modified_price: float = 0.0
     msg: str = ""
-    deals: List[Deal] = []
+    deals: List[Deal] = Field(default_factory=list)
 
 
 class ComboStatus(OrderStatus):

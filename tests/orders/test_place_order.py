@@ -6,6 +6,8 @@ import pytest
 
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api
+from quorvex.account import StockAccount
+from quorvex.contracts import Option, Stock
 from quorvex.constant import Status
 from quorvex.error import TokenError
 
@@ -119,3 +121,50 @@ def test_non_blocking_returns_the_inactive_trade_completed_later(api, with_cb):
     api.session.deliver()
     assert api._trades == {"ord-9": trade} and trade.status.status == Status.PendingSubmit
     assert seen == ([trade] if with_cb else []) and api._rep_callback_map == {}
+
+
+class TaggedStock(Stock):
+    """A contract record whose dict() is its own: the payload must come from it."""
+
+    def dict(self, **kwargs):
+        return dict(super().dict(**kwargs), tag="own")
+
+
+@pytest.mark.parametrize(
+    "contract",
+    [
+        TSMC,
+        Stock(exchange="TSE", code="2330", board="odd"),  # an extra field the record keeps
+        Option(exchange="TAIFEX", code="TXO18000L6", strike_price=18000, option_right="C"),
+        TaggedStock(exchange="TSE", code="2330"),
+    ],
+    ids=["stock", "extra-field", "option", "own-dict"],
+)
+def test_payload_records_are_exactly_their_dicts(api, contract):
+    placed = order(account=StockAccount(**STOCK_ACCOUNT.dict(), branch="Taipei"))
+    api.session.reply(TOPIC, ACCEPTED)
+    api.place_order(contract, placed)
+    payload = api.session.last(TOPIC).payload
+    signed = placed.model_copy(update={"ca": "sig-1"})
+    for sent, record in ((payload["contract"], contract), (payload["order"], signed)):
+        assert sent == record.dict() and list(sent) == list(record.dict())
+    assert list(payload["order"]["account"]) == list(signed.account.dict())
+
+
+@pytest.mark.parametrize(
+    "account_block, kept",
+    [
+        (STOCK_ACCOUNT.dict(), True),
+        (dict(STOCK_ACCOUNT.dict(), account_type="S"), True),  # the text of the same member
+        (dict(STOCK_ACCOUNT.dict(), username="Second"), False),
+        ({k: v for k, v in STOCK_ACCOUNT.dict().items() if k != "username"}, False),
+        (dict(STOCK_ACCOUNT.dict(), branch="Taipei"), False),
+    ],
+)
+def test_accepted_reply_rebuilds_the_order_keeping_an_unchanged_account(api, account_block, kept):
+    api.session.reply(TOPIC, ok({"order": {"id": "ord-4", "account": account_block}}))
+    placed = order()
+    trade = api.place_order(TSMC, placed)
+    assert trade.order is not placed and placed.id == ""
+    assert (trade.order.account is placed.account) == kept
+    assert trade.order.account.dict() == StockAccount(**account_block).dict()

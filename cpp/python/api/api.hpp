@@ -152,6 +152,18 @@ nb::object call_with_fields(nb::handle callable, nb::handle fields);
 // [cls(**row) for row in rows], as a new list.
 nb::list records_from(nb::handle cls, nb::handle rows);
 
+// ---- the library's records (records.cpp) ------------------------------------------
+
+// record.dict(): for the library's own records built from the instance's fields (the same
+// dict, at a fraction of the serializer's cost); any other object is asked for its dict().
+nb::object record_dict(nb::handle record);
+// A library record's fields as a new dict with nested records left as records (a shallow
+// dict()); an invalid object for anything else.
+nb::object record_fields(nb::handle record);
+// True when the dict `fields` holds exactly a library record's fields with equal values
+// (nested dicts compared with nested records field by field).
+bool same_fields(nb::handle record, nb::handle fields);
+
 // `fmt`.format(args...) with Python's str.format.
 template <typename... Args>
 nb::object format(const char* fmt, Args&&... args) {

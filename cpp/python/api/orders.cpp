@@ -77,10 +77,25 @@ nb::object build_record(const char* record, nb::handle fields) {
   return checked(PyObject_Call(cls.ptr(), no_args.ptr(), fields.ptr()));
 }
 
-// record.dict() overlaid key by key with `block`: the block wins where both have a key.
+// record.dict() overlaid key by key with `block`, to build the record again from: the block
+// wins where both have a key. Nested records stay records, and one the block restates field
+// for field is kept as it is, since rebuilding it from the block would make the same record.
 nb::object overlay(nb::handle record, nb::handle block) {
-  nb::object fields = record.attr("dict")();
-  fields.attr("update")(block);
+  nb::object fields = record_fields(record);
+  if (!fields.is_valid() || !PyDict_CheckExact(block.ptr())) {
+    fields = record_dict(record);
+    fields.attr("update")(block);
+    return fields;
+  }
+  PyObject *key, *value;
+  Py_ssize_t pos = 0;
+  while (PyDict_Next(block.ptr(), &pos, &key, &value)) {
+    PyObject* current = PyDict_GetItemWithError(fields.ptr(), key);
+    if (!current && PyErr_Occurred()) throw nb::python_error();
+    if (current && PyDict_CheckExact(value) && !PyDict_Check(current) && same_fields(current, value))
+      continue;
+    if (PyDict_SetItem(fields.ptr(), key, value) != 0) throw nb::python_error();
+  }
   return fields;
 }
 
@@ -516,8 +531,8 @@ void define_orders(ApiClass& api) {
         require_callback(cb, "place_order");
         nb::object signed_order = attr(self, "prepare_ca")(order);
         nb::dict payload;
-        payload["contract"] = contract.attr("dict")();
-        payload["order"] = signed_order.attr("dict")();
+        payload["contract"] = record_dict(contract);
+        payload["order"] = record_dict(signed_order);
         payload["tft"] = attr(self, QV_NAME("tft"));
         return place(self, kSingle, contract, signed_order, payload, timeout, cb);
       },
