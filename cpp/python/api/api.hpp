@@ -118,12 +118,20 @@ void import_names(ApiClass& api, std::initializer_list<const char*> names);
 // obj.<name>, fetched now. Use this (or nb::getattr) for every value passed on to a call:
 // nanobind converts call arguments in noexcept code, so a lazy `obj.attr(...)` accessor
 // whose lookup fails there ends the process instead of raising AttributeError.
+// A name given as a C string (a literal or an entry of a static table) as an interned str,
+// made once per name: the interpreter caches attribute lookups only for interned names.
+nb::handle interned(const char* name);
+
 inline nb::object attr(nb::handle obj, nb::handle name) { return nb::getattr(obj, name); }
-inline nb::object attr(nb::handle obj, const char* name) { return nb::getattr(obj, name); }
+inline nb::object attr(nb::handle obj, const char* name) { return nb::getattr(obj, interned(name)); }
+// obj.<name> = value
+inline void set_attr(nb::handle obj, const char* name, nb::handle value) {
+  if (PyObject_SetAttr(obj.ptr(), interned(name).ptr(), value.ptr()) != 0) throw nb::python_error();
+}
 
 // The api module's attribute `name`, read now (so a substitute set by a test is seen).
 nb::object module_attr(nb::handle name);
-inline nb::object module_attr(const char* name) { return module_attr(nb::handle(nb::str(name))); }
+inline nb::object module_attr(const char* name) { return module_attr(interned(name)); }
 void set_module(nb::handle module);
 // A builtin (`print`, `sum`) as module code sees it: the api module's attribute of that name
 // when one is set (a test's substitute), else the interpreter's own.

@@ -75,8 +75,7 @@ constexpr ReportWord kReportWords[] = {
 
 bool ends_with(nb::handle topic, const char* word) {
   if (PyUnicode_CheckExact(topic.ptr())) {
-    nb::str suffix(word);
-    const Py_ssize_t r = PyUnicode_Tailmatch(topic.ptr(), suffix.ptr(), 0, PY_SSIZE_T_MAX, +1);
+    const Py_ssize_t r = PyUnicode_Tailmatch(topic.ptr(), interned(word).ptr(), 0, PY_SSIZE_T_MAX, +1);
     if (r < 0) throw nb::python_error();
     return r == 1;
   }
@@ -106,7 +105,7 @@ void define_events(ApiClass& api) {
   api.method(
       "set_msg_callback",
       [](nb::handle self, nb::handle func) {
-        nb::setattr(self, "on_msg_callback", func);
+        set_attr(self, "on_msg_callback", func);
         attr(self, "session").attr("set_msg_callback")(attr(self, "on_msg_wrap"));
       },
       nb::arg("func"));
@@ -114,7 +113,7 @@ void define_events(ApiClass& api) {
   api.method(
       "set_event_callback",
       [](nb::handle self, nb::handle func) {
-        nb::setattr(self, "on_event_callback", func);
+        set_attr(self, "on_event_callback", func);
         attr(self, "session").attr("set_event_callback")(attr(self, "on_event_wrap"));
       },
       nb::arg("func"));
@@ -122,7 +121,7 @@ void define_events(ApiClass& api) {
   api.method(
       "set_session_down_callback",
       [](nb::handle self, nb::handle func) {
-        nb::setattr(self, "on_session_down_callback", func);
+        set_attr(self, "on_session_down_callback", func);
         attr(self, "session").attr("set_session_down_callback")(attr(self, "on_session_down_wrap"));
       },
       nb::arg("func"));
@@ -144,7 +143,7 @@ void define_events(ApiClass& api) {
   api.method(
       "set_order_callback",
       [](nb::handle self, nb::handle func) {
-        nb::setattr(self, "on_order_callback", func);
+        set_attr(self, "on_order_callback", func);
         attr(self, "session").attr("set_p2p_callback")(attr(self, "on_p2p_wrap"));
       },
       nb::arg("func"));
@@ -157,7 +156,7 @@ void define_events(ApiClass& api) {
         for (const ReportWord& w : kReportWords) {
           if (!ends_with(topic, w.word)) continue;
           if (w.state == std::string("FOrder")) attr(self, "set_forder_ordno")(state);
-          nb::object order_state = module_attr(QV_NAME("OrderState")).attr(w.state);
+          nb::object order_state = attr(module_attr(QV_NAME("OrderState")), w.state);
           attr(self, QV_NAME("on_order_wrap"))(order_state, state);
           return;
         }
@@ -178,7 +177,7 @@ void define_events(ApiClass& api) {
         nb::object order_id = get(order, QV_NAME("id"), nb::str(""));
         nb::object trade = get(attr(self, QV_NAME("_trades")), order_id, nb::none());
         if (truthy(trade)) {
-          nb::setattr(attr(trade, "order"), "ordno", get(order, QV_NAME("ordno"), nb::str("")));
+          set_attr(attr(trade, "order"), "ordno", get(order, QV_NAME("ordno"), nb::str("")));
         }
       },
       nb::arg("msg"));

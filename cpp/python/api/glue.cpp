@@ -1,4 +1,7 @@
 // Python semantics used by every service area, and the shared query sequence.
+#include <cstring>
+#include <unordered_map>
+
 #include "api.hpp"
 
 namespace quorvex::api {
@@ -22,6 +25,19 @@ const char* detail::positional_name(std::size_t index) {
   static const char* const names[] = {"a0",  "a1",  "a2",  "a3",  "a4",  "a5",  "a6",  "a7",  "a8",  "a9",
                                       "a10", "a11", "a12", "a13", "a14", "a15", "a16", "a17", "a18", "a19"};
   return index < sizeof(names) / sizeof(names[0]) ? names[index] : "a_more";
+}
+
+nb::handle interned(const char* name) {
+  // Keyed by the pointer, checked by the text: a pointer reused for another name is re-made.
+  // Used with the GIL held, which guards the table.
+  static std::unordered_map<const char*, PyObject*> names;
+  PyObject*& slot = names[name];
+  if (slot && std::strcmp(PyUnicode_AsUTF8(slot), name) == 0) return slot;
+  PyObject* made = PyUnicode_InternFromString(name);
+  if (!made) throw nb::python_error();
+  Py_XDECREF(slot);
+  slot = made;
+  return slot;
 }
 
 void set_module(nb::handle module) {

@@ -77,6 +77,15 @@ nb::object build_record(const char* record, nb::handle fields) {
   return checked(PyObject_Call(cls.ptr(), no_args.ptr(), fields.ptr()));
 }
 
+// mapping.update(other)
+void update(nb::handle mapping, nb::handle other) {
+  if (PyDict_CheckExact(mapping.ptr()) && PyDict_CheckExact(other.ptr())) {
+    if (PyDict_Update(mapping.ptr(), other.ptr()) != 0) throw nb::python_error();
+    return;
+  }
+  attr(mapping, "update")(other);
+}
+
 // record.dict() overlaid key by key with `block`, to build the record again from: the block
 // wins where both have a key. Nested records stay records, and one the block restates field
 // for field is kept as it is, since rebuilding it from the block would make the same record.
@@ -84,7 +93,7 @@ nb::object overlay(nb::handle record, nb::handle block) {
   nb::object fields = record_fields(record);
   if (!fields.is_valid() || !PyDict_CheckExact(block.ptr())) {
     fields = record_dict(record);
-    fields.attr("update")(block);
+    update(fields, block);
     return fields;
   }
   PyObject *key, *value;
@@ -259,7 +268,7 @@ nb::object new_trade(const TradeBook& book, nb::handle contract, nb::handle orde
 // out, and the tft flag added.
 nb::object resigned_trade_payload(nb::handle self, nb::handle trade) {
   nb::object signed_order = attr(self, "prepare_ca")(attr(trade, "order"));
-  nb::setattr(trade, "order", signed_order);
+  set_attr(trade, "order", signed_order);
   nb::object payload = trade.attr("dict")();
   pop(payload, QV_NAME("status"));
   set_item(payload, QV_NAME("tft"), attr(self, QV_NAME("tft")));
@@ -305,12 +314,12 @@ nb::object place_reply(nb::handle self, const TradeBook& book, nb::handle topic,
     nb::dict status_fields;
     status_fields["id"] = order_id;
     status_fields["order_datetime"] =
-        module_attr(QV_NAME("datetime")).attr("datetime").attr("fromtimestamp")(order_ts);
-    status_fields.attr("update")(status_block);
+        attr(attr(module_attr(QV_NAME("datetime")), "datetime"), "fromtimestamp")(order_ts);
+    update(status_fields, status_block);
 
     nb::object trade = item(trades, corrid);
-    nb::setattr(trade, "status", build_record(book.status_record, status_fields));
-    nb::setattr(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
+    set_attr(trade, "status", build_record(book.status_record, status_fields));
+    set_attr(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
     pop(trades, corrid);
     set_item(trades, order_id, trade);
     key = order_id;
@@ -323,7 +332,7 @@ nb::object place_reply(nb::handle self, const TradeBook& book, nb::handle topic,
   } else {
     nb::dict failed;
     failed["status"] = attr(module_attr(QV_NAME("Status")), "Failed");
-    nb::setattr(item(trades, corrid), "status", build_record(book.status_record, failed));
+    set_attr(item(trades, corrid), "status", build_record(book.status_record, failed));
     log_error(without_secrets(resp));
   }
 
@@ -344,10 +353,10 @@ nb::object cancel_reply(nb::handle self, const TradeBook& book, nb::handle topic
 
   // The temporary entry of this request; the trade's own entry under its order id stays.
   nb::object trade = pop(attr(self, book.book), corrid);
-  nb::setattr(attr(trade, "status"), "msg", detail);
+  set_attr(attr(trade, "status"), "msg", detail);
   if (!is_ok(status_code)) {
     if (equals(status_code, kCancelRefusedStatus) && equals(sts_code, kCancelRefusedStsCode)) {
-      nb::setattr(attr(trade, "status"), "status", attr(module_attr(QV_NAME("Status")), "Failed"));
+      set_attr(attr(trade, "status"), "status", attr(module_attr(QV_NAME("Status")), "Failed"));
     } else {
       log_error(format("StatusCode: {}, Detail: {}", status_code, detail));
       raise_resp_error(self, status_code, resp);
@@ -440,10 +449,10 @@ void merge_entry(nb::handle self, const TradeBook& book, nb::handle entry) {
   nb::object trades = attr(self, book.book);
   if (contains(trades, order_id)) {
     nb::object trade = item(trades, order_id);
-    nb::setattr(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
+    set_attr(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
     nb::object status_fields = overlay(attr(trade, "status"), status_block);
     set_item(status_fields, QV_NAME("order_datetime"), refreshed_order_datetime(status_block));
-    nb::setattr(trade, "status", build_record(book.status_record, status_fields));
+    set_attr(trade, "status", build_record(book.status_record, status_fields));
     return;
   }
 
@@ -454,7 +463,7 @@ void merge_entry(nb::handle self, const TradeBook& book, nb::handle entry) {
                             attr(module_attr(book.status_record), "__name__")));
   }
   nb::dict status_fields;
-  status_fields.attr("update")(status_block);
+  update(status_fields, status_block);
   status_fields["order_datetime"] = refreshed_order_datetime(status_block);
   nb::object status = build_record(book.status_record, status_fields);
   set_item(trades, order_id, new_trade(book, contract, order, status));

@@ -26,7 +26,7 @@ const RecordBase& record_base() {
   static const RecordBase* const base = [] {
     nb::object library_base = nb::module_::import_("quorvex.common").attr("BaseModel");
     nb::object pydantic_base = nb::module_::import_("pydantic").attr("BaseModel");
-    return new RecordBase{nb::getattr(library_base, "dict"), nb::getattr(pydantic_base, "model_dump")};
+    return new RecordBase{attr(library_base, "dict"), attr(pydantic_base, "model_dump")};
   }();
   return *base;
 }
@@ -40,15 +40,15 @@ bool empty(nb::handle mapping) {
 bool decide_plain(nb::handle type) {
   const RecordBase& base = record_base();
   if (!PyObject_HasAttrString(type.ptr(), "__pydantic_decorators__")) return false;
-  if (!nb::getattr(type, "dict").is(base.dict_function)) return false;
-  if (!nb::getattr(type, "model_dump").is(base.model_dump_function)) return false;
-  nb::object decorators = nb::getattr(type, "__pydantic_decorators__");
+  if (!attr(type, "dict").is(base.dict_function)) return false;
+  if (!attr(type, "model_dump").is(base.model_dump_function)) return false;
+  nb::object decorators = attr(type, "__pydantic_decorators__");
   for (const char* kind : {"field_serializers", "model_serializers", "computed_fields"}) {
     if (!empty(nb::getattr(decorators, kind))) return false;
   }
-  nb::object fields = nb::getattr(type, "model_fields");
+  nb::object fields = attr(type, "model_fields");
   for (nb::handle info : checked(PyDict_Values(fields.ptr()))) {
-    if (truthy(nb::getattr(info, "exclude", nb::none()))) return false;
+    if (truthy(nb::getattr(info, interned("exclude"), nb::none()))) return false;
   }
   return true;
 }
@@ -76,7 +76,7 @@ bool is_plain_record(nb::handle obj) { return kind_of_instance(obj) == Kind::Pla
 
 // The instance's extra fields (a dict), or nullptr when it has none.
 PyObject* extras_of(nb::handle record) {
-  nb::object extra = nb::getattr(record, "__pydantic_extra__", nb::none());
+  nb::object extra = nb::getattr(record, interned("__pydantic_extra__"), nb::none());
   if (!PyDict_Check(extra.ptr()) || PyDict_GET_SIZE(extra.ptr()) == 0) return nullptr;
   return extra.release().ptr();
 }
@@ -108,7 +108,7 @@ nb::object dumped(nb::handle value) {
   if (PyList_CheckExact(v) || PyTuple_CheckExact(v)) return dumped_sequence(value);
   switch (kind_of_instance(value)) {
     case Kind::PlainRecord: return record_dict(value);
-    case Kind::OtherModel: return nb::getattr(value, "model_dump")();
+    case Kind::OtherModel: return attr(value, "model_dump")();
     case Kind::Other: break;
   }
   return nb::borrow(value);
@@ -118,7 +118,7 @@ nb::object dumped(nb::handle value) {
 
 nb::object record_fields(nb::handle record) {
   if (!is_plain_record(record)) return nb::object();
-  nb::object fields = checked(PyDict_Copy(nb::getattr(record, "__dict__").ptr()));
+  nb::object fields = checked(PyDict_Copy(attr(record, "__dict__").ptr()));
   if (PyObject* extra = extras_of(record)) {
     nb::object held = nb::steal(extra);
     if (PyDict_Update(fields.ptr(), extra) != 0) throw nb::python_error();
@@ -128,7 +128,7 @@ nb::object record_fields(nb::handle record) {
 
 nb::object record_dict(nb::handle record) {
   nb::object fields = record_fields(record);
-  if (!fields.is_valid()) return nb::getattr(record, "dict")();
+  if (!fields.is_valid()) return attr(record, "dict")();
   PyObject *key, *value;
   Py_ssize_t pos = 0;
   // Values are replaced in place; the dict's size does not change while it is walked.
