@@ -171,9 +171,16 @@ class Encoder {
       fail(PyExc_RuntimeError, "list changed size while it was being encoded");
   }
 
+  // Decided once per class; the classes seen are held, which is harmless for enumerations.
   static bool is_enum(PyObject* obj) {
+    static PyObject* const known = PyDict_New();
+    PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(obj));
+    PyObject* seen = PyDict_GetItemWithError(known, type);
+    if (seen) return seen == Py_True;
+    if (PyErr_Occurred()) throw nb::python_error();
     const int result = PyObject_IsInstance(obj, wire_types().enum_type);
     if (result < 0) throw nb::python_error();
+    if (PyDict_SetItem(known, type, result ? Py_True : Py_False) != 0) throw nb::python_error();
     return result == 1;
   }
 
@@ -185,7 +192,8 @@ class Encoder {
   // A member's value: its `_value_`, which every enumeration keeps on the member itself, read
   // without running the `value` property's Python code; `value` if a member lacks it.
   static nb::object enum_value(PyObject* member) {
-    PyObject* value = PyObject_GetAttrString(member, "_value_");
+    static PyObject* const value_name = PyUnicode_InternFromString("_value_");
+    PyObject* value = PyObject_GetAttr(member, value_name);
     if (!value) {
       PyErr_Clear();
       value = PyObject_GetAttrString(member, "value");
@@ -256,32 +264,57 @@ struct DecodeFrame {
 
 }  // namespace
 
-struct PayloadDecoder::Scratch {
-  struct KeySlot {
-    std::string bytes;
-    PyRef text;
-  };
-  static constexpr std::size_t kMaxCachedKey = 32;
+namespace {
 
-  std::vector<DecodeFrame> frames;
-  std::array<KeySlot, 64> keys;
+// Texts seen recently in payloads, map keys and short values, shared by every decoder of the
+// process and used with the GIL held: the payloads of a stream repeat their keys and many of
+// their values ("Buy", "LMT", an account id), which then cost neither a new str nor a new hash.
+// Keys are interned, so the dicts and attribute lookups that use them compare by identity.
+class RecentTexts {
+ public:
+  static constexpr std::uint32_t kMaxKey = 32;
+  static constexpr std::uint32_t kMaxValue = 16;
 
-  // A new reference to the str of a map key, from the cache when the key was seen recently.
-  PyObject* key(const char* data, std::uint32_t size) {
-    if (size > kMaxCachedKey) return PyUnicode_DecodeUTF8(data, size, "strict");
-    std::uint32_t hash = 2166136261u;
+  // A new reference to the str of `data`, nullptr with a Python error on bad UTF-8.
+  PyObject* text(const char* data, std::uint32_t size, bool is_key) {
+    if (size > (is_key ? kMaxKey : kMaxValue)) return PyUnicode_DecodeUTF8(data, size, "strict");
+    std::uint32_t hash = is_key ? 2166136261u : 84696351u;
     for (std::uint32_t i = 0; i < size; ++i) hash = (hash ^ static_cast<unsigned char>(data[i])) * 16777619u;
-    KeySlot& slot = keys[hash % keys.size()];
-    if (slot.text && slot.bytes.size() == size && slot.bytes.compare(0, size, data, size) == 0) {
-      return slot.text.borrow().release().ptr();
+    Slot& slot = slots_[hash % slots_.size()];
+    if (slot.text && slot.is_key == is_key && slot.bytes.size() == size &&
+        slot.bytes.compare(0, size, data, size) == 0) {
+      Py_INCREF(slot.text);
+      return slot.text;
     }
     PyObject* text = PyUnicode_DecodeUTF8(data, size, "strict");
-    if (text) {
-      slot.text.assign(text);
-      slot.bytes.assign(data, size);
-    }
+    if (!text) return nullptr;
+    if (is_key) PyUnicode_InternInPlace(&text);
+    Py_INCREF(text);
+    Py_XSETREF(slot.text, text);
+    slot.bytes.assign(data, size);
+    slot.is_key = is_key;
     return text;
   }
+
+ private:
+  struct Slot {
+    std::string bytes;
+    PyObject* text = nullptr;  // owned
+    bool is_key = false;
+  };
+  std::array<Slot, 1024> slots_;
+};
+
+// Made once and never freed: str objects must not be released after the interpreter is gone.
+RecentTexts& recent_texts() {
+  static RecentTexts* const texts = new RecentTexts();
+  return *texts;
+}
+
+}  // namespace
+
+struct PayloadDecoder::Scratch {
+  std::vector<DecodeFrame> frames;
 };
 
 namespace {
@@ -310,8 +343,8 @@ class ObjectBuilder {
   bool visit_float32(float v) { return place(PyFloat_FromDouble(v)); }
   bool visit_float64(double v) { return place(PyFloat_FromDouble(v)); }
   bool visit_str(const char* data, std::uint32_t size) {
-    if (in_key()) return take_key(scratch_.key(data, size));
-    return place(PyUnicode_DecodeUTF8(data, size, "strict"));
+    if (in_key()) return take_key(recent_texts().text(data, size, true));
+    return place(recent_texts().text(data, size, false));
   }
   bool visit_bin(const char* data, std::uint32_t size) {
     return place(PyBytes_FromStringAndSize(data, size));
