@@ -318,8 +318,8 @@ nb::object place_reply(nb::handle self, const TradeBook& book, nb::handle topic,
     update(status_fields, status_block);
 
     nb::object trade = item(trades, corrid);
-    set_attr(trade, "status", build_record(book.status_record, status_fields));
-    set_attr(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
+    set_field(trade, "status", build_record(book.status_record, status_fields));
+    set_field(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
     pop(trades, corrid);
     set_item(trades, order_id, trade);
     key = order_id;
@@ -449,10 +449,10 @@ void merge_entry(nb::handle self, const TradeBook& book, nb::handle entry) {
   nb::object trades = attr(self, book.book);
   if (contains(trades, order_id)) {
     nb::object trade = item(trades, order_id);
-    set_attr(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
+    set_field(trade, "order", build_record("Order", overlay(attr(trade, "order"), order_block)));
     nb::object status_fields = overlay(attr(trade, "status"), status_block);
     set_item(status_fields, QV_NAME("order_datetime"), refreshed_order_datetime(status_block));
-    set_attr(trade, "status", build_record(book.status_record, status_fields));
+    set_field(trade, "status", build_record(book.status_record, status_fields));
     return;
   }
 

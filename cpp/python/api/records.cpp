@@ -167,4 +167,19 @@ bool same_fields(nb::handle record, nb::handle fields) {
   return true;
 }
 
+void set_field(nb::handle record, const char* name, nb::handle value) {
+  if (is_plain_record(record)) {
+    nb::object fields = attr(record, "__dict__");
+    PyObject* current = PyDict_GetItemWithError(fields.ptr(), interned(name).ptr());
+    if (!current && PyErr_Occurred()) throw nb::python_error();
+    // Assigning validates the value against the field's type, which passes an instance of the
+    // class already there through unchanged: store it as that would.
+    if (current && Py_TYPE(current) == Py_TYPE(value.ptr())) {
+      set_item(fields, interned(name), value);
+      return;
+    }
+  }
+  set_attr(record, name, value);
+}
+
 }  // namespace quorvex::api
