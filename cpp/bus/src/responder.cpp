@@ -105,7 +105,8 @@ class Responder::Core : public TransportListener,
   // ---- TransportListener ----
   void on_request(IncomingRequest request) override {
     if (options_.dispatch == Dispatch::Inline ||
-        (options_.dispatch == Dispatch::InlineWhenWaited && request.from.waits && worker_idle())) {
+        (options_.dispatch == Dispatch::InlineWhenWaited && request.from.waits &&
+         may_run_inline(request.message->topic) && worker_idle())) {
       if (!inline_gate_.enter()) return;
       handle(request);
       inline_gate_.leave();
@@ -234,6 +235,14 @@ class Responder::Core : public TransportListener,
     if (worker_.stop_requested()) return;
     tasks_.push_back(std::move(task));
     wake_.notify_one();
+  }
+
+  bool may_run_inline(const std::string& topic) const {
+    if (options_.inline_filters.empty()) return true;
+    for (const auto& filter : options_.inline_filters) {
+      if (core::topic_matches(filter, topic)) return true;
+    }
+    return false;
   }
 
   // Nothing queued for the worker and nothing running on it.

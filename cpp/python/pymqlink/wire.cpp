@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "interpreter.hpp"
@@ -280,29 +281,29 @@ class RecentTexts {
     if (size > (is_key ? kMaxKey : kMaxValue)) return PyUnicode_DecodeUTF8(data, size, "strict");
     std::uint32_t hash = is_key ? 2166136261u : 84696351u;
     for (std::uint32_t i = 0; i < size; ++i) hash = (hash ^ static_cast<unsigned char>(data[i])) * 16777619u;
-    Slot& slot = slots_[hash % slots_.size()];
-    if (slot.text && slot.is_key == is_key && slot.bytes.size() == size &&
-        slot.bytes.compare(0, size, data, size) == 0) {
+    Slot& slot = slots_[hash % kSlots];
+    // Only ASCII texts are kept, so a kept text's characters are its UTF-8 bytes.
+    if (slot.text && slot.hash == hash && PyUnicode_GET_LENGTH(slot.text) == static_cast<Py_ssize_t>(size) &&
+        std::memcmp(PyUnicode_DATA(slot.text), data, size) == 0) {
       Py_INCREF(slot.text);
       return slot.text;
     }
     PyObject* text = PyUnicode_DecodeUTF8(data, size, "strict");
-    if (!text) return nullptr;
+    if (!text || !PyUnicode_IS_ASCII(text)) return text;
     if (is_key) PyUnicode_InternInPlace(&text);
     Py_INCREF(text);
     Py_XSETREF(slot.text, text);
-    slot.bytes.assign(data, size);
-    slot.is_key = is_key;
+    slot.hash = hash;
     return text;
   }
 
  private:
+  static constexpr std::size_t kSlots = 1024;
   struct Slot {
-    std::string bytes;
-    PyObject* text = nullptr;  // owned
-    bool is_key = false;
+    PyObject* text = nullptr;  // owned; an ASCII str
+    std::uint32_t hash = 0;    // of its bytes, seeded by key or value
   };
-  std::array<Slot, 1024> slots_;
+  std::array<Slot, kSlots> slots_;
 };
 
 // Made once and never freed: str objects must not be released after the interpreter is gone.

@@ -134,18 +134,20 @@ TEST(Responder, CloseWaitsForInlineHandlersOnOtherThreads) {
   EXPECT_THROW(responder.publish("t", std::string("\xc0")), BusError);
 }
 
-// A waited-for request runs on its sender's thread when the worker is idle; requests nobody
-// waits for run on the worker, and a waited-for one sent behind them does not overtake them.
+// A waited-for request on an inline topic runs on its sender's thread when the worker is idle;
+// requests nobody waits for run on the worker, and a waited-for one sent behind them does not
+// overtake them. Topics outside the inline filters always go to the worker.
 TEST(Responder, InlineWhenWaitedKeepsArrivalOrder) {
   ResponderOptions o;
   o.dispatch = Dispatch::InlineWhenWaited;
+  o.inline_filters = {"svc"};
   Responder responder(bus_host(), o);
   std::mutex mutex;
   std::vector<std::string> decided;  // payloads, "@sender" when run on the main test thread
   const std::thread::id main_thread = std::this_thread::get_id();
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
-  responder.serve("svc", [&](const ServiceRequest& r) {
+  auto handler = [&](const ServiceRequest& r) {
     const std::string payload(r.payload());
     if (payload == "slow") released.wait();
     {
@@ -153,9 +155,12 @@ TEST(Responder, InlineWhenWaitedKeepsArrivalOrder) {
       decided.push_back(payload + (std::this_thread::get_id() == main_thread ? "@sender" : ""));
     }
     r.reply(payload);
-  });
+  };
+  responder.serve("svc", handler);
+  responder.serve("bulk", handler);
   Client client(bus_host());
   EXPECT_EQ(text_of(client.session.request("svc", "first", 2s)), "first");
+  EXPECT_EQ(text_of(client.session.request("bulk", "page", 2s)), "page");
   client.session.request_async("svc", "slow", "1", nullptr);
   client.session.request_async("svc", "queued", "2", nullptr);
   auto behind =
@@ -167,7 +172,8 @@ TEST(Responder, InlineWhenWaitedKeepsArrivalOrder) {
   std::this_thread::sleep_for(20ms);  // the worker marks itself idle just after its last reply
   EXPECT_EQ(text_of(client.session.request("svc", "last", 2s)), "last");
   std::lock_guard<std::mutex> lock(mutex);
-  EXPECT_EQ(decided, (std::vector<std::string>{"first@sender", "slow", "queued", "behind", "last@sender"}));
+  EXPECT_EQ(decided,
+            (std::vector<std::string>{"first@sender", "page", "slow", "queued", "behind", "last@sender"}));
 }
 
 TEST(Responder, ReservesAfterTheBusDropsItsLink) {

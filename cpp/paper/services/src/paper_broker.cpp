@@ -44,7 +44,10 @@ struct PaperBroker::Link {
     // A blocking request is decided on its sender's thread, which waits anyway, when nothing
     // is queued before it; everything else on the responder's own thread, so a non-blocking
     // sender goes on at once and its reply lands after the placeholder it files on return.
+    // Only the quick services: contract pages and market history can be large, and the
+    // sender's thread may hold an interpreter lock through the send.
     options.dispatch = bus::Dispatch::InlineWhenWaited;
+    options.inline_filters = {"api/v1/auth/>", "api/v1/order/>", "api/v1/paper/>", "api/v1/portfolio/>"};
     responder = std::make_unique<bus::Responder>("inproc://" + bus_name, std::move(options));
     sender = std::make_unique<ResponderSender>(*responder);
     responder->serve("api/v1/>", [this](const bus::ServiceRequest& request) { serve(request); });

@@ -25,6 +25,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "quorvex/bus/message.hpp"
 #include "quorvex/bus/transport.hpp"
@@ -84,6 +85,10 @@ enum class Dispatch { Worker, Inline, InlineWhenWaited };
 struct ResponderOptions {
   std::string client_name = "responder";
   Dispatch dispatch = Dispatch::Worker;
+  // With InlineWhenWaited: only requests on topics matching one of these filters may run on
+  // the sender's thread (every topic when empty). A binding may hold its interpreter lock
+  // through a send, so services that can take long (large pages) belong on the worker.
+  std::vector<std::string> inline_filters;
   ErrorHook on_error;  // handler exceptions; runs where the handler ran
 };
 
