@@ -21,6 +21,7 @@ class QuietSession:
     """The least a SolaceAPI needs at construction; the benchmark sends nothing."""
 
     sol = False
+    _token = ""  # never logged in: the exit hook's logout has nothing to do
 
     def __getattr__(self, name):
         if name.startswith("set_"):

@@ -136,6 +136,10 @@ class TreeBuilder {
     std::unordered_set<std::string_view> seen_keys;  // only for large maps
   };
 
+  // Up to this many keys a map is searched for a duplicate key entry by entry (records of up to
+  // about thirty fields are the common case); larger maps keep a set of their keys.
+  static constexpr std::size_t kLinearKeyCheck = 32;
+
   bool in_key() const { return !frames_.empty() && frames_.back().is_map && frames_.back().key_position; }
 
   bool fail(std::string message) {
@@ -148,9 +152,10 @@ class TreeBuilder {
     const std::string_view key(data, size);
     const Map& map = frame.container->as_map();
     bool duplicate;
-    if (map.size() < 16) {
+    if (map.size() < kLinearKeyCheck) {
       duplicate = map.contains(key);
-      if (map.size() == 15) {
+      if (map.size() == kLinearKeyCheck - 1) {
+        frame.seen_keys.reserve(2 * kLinearKeyCheck);
         for (const auto& entry : map) frame.seen_keys.insert(entry.key);
       }
     } else {

@@ -32,9 +32,9 @@ std::string encode_payload(nb::handle obj, const char* root);
 void encode_payload_into(nb::handle obj, const char* root, std::string& out);
 nb::object decode_payload(std::string_view bytes);
 
-// Decodes payloads for one consumer, reusing its scratch space and the str objects of recently
-// seen map keys (the payloads of one stream repeat their keys). Decode with the GIL held; the
-// decoder itself may be destroyed on any thread.
+// Decodes payloads for one consumer, reusing its scratch space. Every decoder shares one table
+// of recently seen texts (map keys, interned, and short ASCII values): the payloads of a stream
+// repeat them. Decode with the GIL held; the decoder itself may be destroyed on any thread.
 class PayloadDecoder {
  public:
   PayloadDecoder();
