@@ -92,10 +92,8 @@ Outcome FuturesAccountBook::reserve_for_order(OrderId order, const Contract& con
     return refuse(RefusalCode::InvalidQuantity, "an order of " + std::to_string(quantity) +
                                                     " contracts holds nothing; expected at least 1 contract");
   }
-  Quantity reserved = 0;
-  for (const auto& [id, hold] : holds_) {
-    if (hold.code == contract.code && hold.side == side) reserved += hold.offset;
-  }
+  const auto offsets = held_offsets_.find({contract.code, side});
+  const Quantity reserved = offsets == held_offsets_.end() ? 0 : offsets->second;
   const Quantity free = open_quantity(contract.code, opposite(side)) - reserved;
   if (octype == FuturesOCType::Cover && quantity > free) {
     return refuse(RefusalCode::InsufficientHoldings,
@@ -111,21 +109,42 @@ Outcome FuturesAccountBook::reserve_for_order(OrderId order, const Contract& con
       return insufficient_funds("the order\'s margin", hold.funds, available);
     }
   }
-  holds_[order] = std::move(hold);
+  release_order(order);  // an order holds once
+  count_hold(hold, +1);
+  holds_.emplace(order, std::move(hold));
   return std::nullopt;
 }
 
-void FuturesAccountBook::release_order(OrderId order) { holds_.erase(order); }
+// The running totals change with every hold by what the hold adds (sign +1) or gives back (-1).
+void FuturesAccountBook::count_hold(const Hold& hold, int sign) {
+  held_funds_ += sign * hold.funds;
+  const std::pair<std::string, Side> key{hold.code, hold.side};
+  Quantity& offsets = held_offsets_[key];
+  offsets += sign * hold.offset;
+  if (offsets == 0) held_offsets_.erase(key);
+}
+
+void FuturesAccountBook::release_order(OrderId order) {
+  const auto it = holds_.find(order);
+  if (it == holds_.end()) return;
+  count_hold(it->second, -1);
+  holds_.erase(it);
+}
 
 void FuturesAccountBook::use_hold(OrderId order, Quantity quantity) {
   const auto it = holds_.find(order);
   if (it == holds_.end()) return;
   Hold& hold = it->second;
+  count_hold(hold, -1);
   const Quantity used = std::min(quantity, hold.quantity);
   split_off(hold.funds, used, hold.quantity);
   hold.offset -= std::min(used, hold.offset);
   hold.quantity -= used;
-  if (hold.quantity == 0) holds_.erase(it);
+  if (hold.quantity == 0) {
+    holds_.erase(it);
+  } else {
+    count_hold(hold, +1);
+  }
 }
 
 Result<FuturesFillOutcome> FuturesAccountBook::apply_fill(const Contract& contract, const FuturesFill& fill) {
@@ -280,7 +299,7 @@ MarginSheet FuturesAccountBook::margin(const MarkPrice& mark, Date today) {
   }
   m.equity = m.today_balance + m.future_open_position;
   m.equity_amount = m.equity + m.option_openbuy_market_value - m.option_opensell_market_value;
-  for (const auto& [order, hold] : holds_) m.order_margin_premium += hold.funds;
+  m.order_margin_premium += held_funds_;
   m.available_margin = m.equity_amount - m.initial_margin - m.order_margin_premium;
   m.margin_call = m.equity_amount < m.maintenance_margin ? m.initial_margin - m.equity_amount : 0;
   m.risk_indicator = m.initial_margin > 0 ? static_cast<double>(m.equity_amount) * 100.0 /

@@ -69,11 +69,18 @@ StockAccountBook::Holding& StockAccountBook::holding(const std::string& code, St
 }
 
 Quantity StockAccountBook::held_for_sale(const std::string& code, StockOrderCond cond) const {
-  Quantity held = 0;
-  for (const auto& [order, hold] : holds_) {
-    if (hold.code == code && hold.cond == cond && closes(cond, hold.side)) held += hold.shares;
-  }
-  return held;
+  const auto it = held_for_sale_.find({code, cond});
+  return it == held_for_sale_.end() ? 0 : it->second;
+}
+
+// The running totals change with every hold by what the hold adds (sign +1) or gives back (-1).
+void StockAccountBook::count_hold(const Hold& hold, int sign) {
+  held_funds_ += sign * hold.funds;
+  if (!closes(hold.cond, hold.side)) return;
+  const HoldingKey key{hold.code, hold.cond};
+  Quantity& held = held_for_sale_[key];
+  held += sign * hold.shares;
+  if (held == 0) held_for_sale_.erase(key);
 }
 
 Money StockAccountBook::funds_needed(Side side, StockOrderCond cond, Money value, bool odd_lot) const {
@@ -117,20 +124,32 @@ Outcome StockAccountBook::reserve_for_order(OrderId order, const Contract& contr
       return insufficient_funds("the order", hold.funds, available);
     }
   }
-  holds_[order] = std::move(hold);
+  release_order(order);  // an order holds once
+  count_hold(hold, +1);
+  holds_.emplace(order, std::move(hold));
   return std::nullopt;
 }
 
-void StockAccountBook::release_order(OrderId order) { holds_.erase(order); }
+void StockAccountBook::release_order(OrderId order) {
+  const auto it = holds_.find(order);
+  if (it == holds_.end()) return;
+  count_hold(it->second, -1);
+  holds_.erase(it);
+}
 
 void StockAccountBook::use_hold(OrderId order, Quantity shares) {
   const auto it = holds_.find(order);
   if (it == holds_.end()) return;
   Hold& hold = it->second;
+  count_hold(hold, -1);
   const Quantity used = std::min(shares, hold.shares);
   split_off(hold.funds, used, hold.shares);
   hold.shares -= used;
-  if (hold.shares == 0) holds_.erase(it);
+  if (hold.shares == 0) {
+    holds_.erase(it);
+  } else {
+    count_hold(hold, +1);
+  }
 }
 
 Result<StockFillOutcome> StockAccountBook::apply_fill(const StockFill& fill) {
@@ -255,7 +274,7 @@ Money StockAccountBook::balance(Date today) const {
 Money StockAccountBook::available_funds() const {
   Money funds = opening_cash_;
   for (const auto& [serial, amount] : settlements_) funds += amount;
-  for (const auto& [order, hold] : holds_) funds -= hold.funds;
+  funds -= held_funds_;
   for (const Earmark& e : earmarks_) funds -= e.amount;
   return funds;
 }

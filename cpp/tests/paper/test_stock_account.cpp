@@ -279,5 +279,65 @@ TEST(StockAccountRandom, PositionsAndCashAgreeWithTheTrades) {
   }
 }
 
+// Over seeded sequences of order holds (buys and sales), fills against them and releases:
+// every hold gives back exactly what it took. With the open orders released, no funds stay held
+// (the available funds are the cash once everything settles) and every owned share can be sold.
+TEST(StockAccountRandom, HoldsGiveBackExactlyWhatTheyTook) {
+  const ContractMaster master({1, 50, kMonday});
+  const char* codes[] = {"2330", "2603", "0050"};
+  struct Open {
+    const Contract* contract;
+    Side side;
+    Quantity shares;  // not yet filled
+  };
+  for (std::uint32_t seed = 1; seed <= 30; ++seed) {
+    std::mt19937 rng(seed);
+    StockAccountBook book("A", 50'000'000 * kTwd, kMonday);
+    std::map<OrderId, Open> open;
+    OrderId next = 0;
+    DealId deal = 0;
+    for (int i = 0; i < 300; ++i) {
+      const unsigned step = rng() % 4;
+      if (step < 2 || open.empty()) {
+        const Contract& c = *master.find(codes[rng() % 3]);
+        const Side side = rng() % 3 == 0 ? Side::Sell : Side::Buy;
+        const Quantity shares = 1000 * (1 + static_cast<Quantity>(rng() % 3));
+        const OrderId id = ++next;
+        if (!book.reserve_for_order(id, c, side, StockOrderCond::Cash, c.reference, shares)) {
+          open[id] = {&c, side, shares};
+        }
+        continue;
+      }
+      auto it = open.begin();
+      std::advance(it, static_cast<long>(rng() % open.size()));
+      Open& order = it->second;
+      if (step == 2) {
+        book.release_order(it->first);
+        open.erase(it);
+        continue;
+      }
+      StockFill f;
+      f.order_id = it->first;
+      f.deal_id = ++deal;
+      f.code = order.contract->code;
+      f.etf = order.contract->is_etf();
+      f.side = order.side;
+      f.price = order.contract->reference;
+      f.shares = 1000 * (1 + static_cast<Quantity>(rng() % (order.shares / 1000)));
+      f.ts = at(kMonday);
+      ASSERT_TRUE(book.apply_fill(f).ok()) << "seed " << seed;
+      order.shares -= f.shares;
+      if (order.shares == 0) open.erase(it);
+    }
+    for (const auto& [id, order] : open) book.release_order(id);
+    EXPECT_EQ(book.available_funds(), book.balance(kMonday.plus_business_days(2))) << "seed " << seed;
+    for (const StockPosition& p : book.positions(Unit::Share, nullptr, kMonday)) {
+      EXPECT_FALSE(book.reserve_for_order(++next, *master.find(p.code), Side::Sell, StockOrderCond::Cash,
+                                          master.find(p.code)->reference, p.quantity))
+          << p.code << " seed " << seed;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace quorvex::paper

@@ -215,6 +215,7 @@ class FuturesAccountBook {
   Money short_option_margin(const Contract& contract, Price mark, Money a_value,
                             const MarkPrice& marks) const;
   void use_hold(OrderId order, Quantity quantity);
+  void count_hold(const Hold& hold, int sign);
 
   std::string account_;
   FeeSchedule fees_;
@@ -229,6 +230,8 @@ class FuturesAccountBook {
   Money option_settle_ = 0;
   std::map<PositionKey, Position> positions_;
   std::unordered_map<OrderId, Hold> holds_;
+  Money held_funds_ = 0;                                           // the margin of every hold in holds_
+  std::map<std::pair<std::string, Side>, Quantity> held_offsets_;  // offsets held, by code and side
   std::vector<Realised> realised_;
   std::uint64_t last_position_id_ = 0;
 };

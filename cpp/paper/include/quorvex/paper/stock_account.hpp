@@ -242,6 +242,7 @@ class StockAccountBook {
   Money funds_needed(Side side, StockOrderCond cond, Money value, bool odd_lot) const;
   Money value_at(const Holding& h, const Lot& lot, Price mark) const;
   void use_hold(OrderId order, Quantity shares);
+  void count_hold(const Hold& hold, int sign);
 
   std::string account_;
   FeeSchedule fees_;
@@ -250,6 +251,8 @@ class StockAccountBook {
   std::map<HoldingKey, Holding> holdings_;
   std::map<std::int64_t, Money> settlements_;  // by settlement date serial
   std::unordered_map<OrderId, Hold> holds_;
+  Money held_funds_ = 0;                          // the funds of every hold in holds_
+  std::map<HoldingKey, Quantity> held_for_sale_;  // shares of closing orders' holds
   std::vector<Realised> realised_;
   std::vector<Earmark> earmarks_;
   std::uint64_t last_position_id_ = 0;
