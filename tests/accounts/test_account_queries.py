@@ -20,13 +20,6 @@ KEYS = {"S": "9A950512345", "F": "F0020001234567"}
 PORTFOLIO = "api/v1/portfolio/"
 
 
-@pytest.fixture(autouse=True)
-def exit_hook_target(api_module, monkeypatch):
-    # Instances register `logout` at construction; a build without the login area lacks it.
-    if not hasattr(api_module.SolaceAPI, "logout"):
-        monkeypatch.setattr(api_module.SolaceAPI, "logout", lambda self: None, raising=False)
-
-
 @pytest.fixture
 def warnings(api_module, monkeypatch):
     seen = []

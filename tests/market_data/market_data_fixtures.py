@@ -107,13 +107,6 @@ def stock_quote_content(code="2330"):
     return stock_tick_content(code)[:21] + [PRICES, VOLUMES, [0] * 5, ASKS, VOLUMES, [0] * 5, False, False]
 
 
-@pytest.fixture(autouse=True)
-def logout_until_the_session_area_defines_it(api_module, monkeypatch):
-    # Construction registers `logout` as an exit hook; the session area provides it.
-    if not hasattr(api_module.SolaceAPI, "logout"):
-        monkeypatch.setattr(api_module.SolaceAPI, "logout", lambda self: None, raising=False)
-
-
 @pytest.fixture
 def logged_errors(api_module):
     """Messages (with tracebacks) logged at error level through the logging library."""

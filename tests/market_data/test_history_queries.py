@@ -7,7 +7,6 @@ import re
 import pytest
 
 from conftest import ok, refused
-from market_data_fixtures import logout_until_the_session_area_defines_it  # noqa: F401  (fixture)
 from quorvex.constant import TicksQueryType
 from quorvex.contracts import Stock
 from quorvex.data import DailyQuotes, Kbars, Ticks

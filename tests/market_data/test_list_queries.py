@@ -7,7 +7,6 @@ import pydantic
 import pytest
 
 from conftest import ok, refused
-from market_data_fixtures import logout_until_the_session_area_defines_it  # noqa: F401  (fixture)
 from quorvex.constant import ScannerType
 from quorvex.contracts import BaseContract, Future, Stock
 from quorvex.data import ChangePercentRank, CreditEnquire, ShortStockSource, Snapshot

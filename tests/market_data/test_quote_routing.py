@@ -8,7 +8,6 @@ from market_data_fixtures import (  # noqa: F401  (fixtures)
     futures_bidask_content,
     futures_tick_content,
     logged_errors,
-    logout_until_the_session_area_defines_it,
     stock_bidask_content,
     stock_quote_content,
     stock_tick_content,

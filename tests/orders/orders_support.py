@@ -37,10 +37,7 @@ class Signer:
         return order.model_copy(update={"ca": f"sig-{len(self.signed)}"})
 
 
-def order_api(module, monkeypatch, simulation=False):
-    # Instances register `logout` at construction; a build without the login area lacks it.
-    if not hasattr(module.SolaceAPI, "logout"):
-        monkeypatch.setattr(module.SolaceAPI, "logout", lambda self: None, raising=False)
+def order_api(module, simulation=False):
     api = make_api(module, simulation=simulation)
     api.prepare_ca = Signer()
     return api

@@ -15,8 +15,8 @@ QTY = "api/v1/order/update_qty"
 
 
 @pytest.fixture
-def api(api_module, monkeypatch):
-    api = order_api(api_module, monkeypatch)
+def api(api_module):
+    api = order_api(api_module)
     api._trades["ord-1"] = trade()
     return api
 

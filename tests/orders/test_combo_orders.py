@@ -20,8 +20,8 @@ def spread_order():
 
 
 @pytest.fixture
-def api(api_module, monkeypatch):
-    return order_api(api_module, monkeypatch)
+def api(api_module):
+    return order_api(api_module)
 
 
 @pytest.fixture
@@ -110,7 +110,7 @@ def test_refresh_merges_and_hands_the_book_dict_to_the_callback(api, placed):
 
 
 def test_simulation_refuses_every_combination_service(api_module, monkeypatch):
-    sim = order_api(api_module, monkeypatch, simulation=True)
+    sim = order_api(api_module, simulation=True)
     warnings = []
     monkeypatch.setattr(api_module, "logger", type("L", (), {"warning": staticmethod(warnings.append)}))
     combo = sim.place_comboorder(SPREAD, spread_order(), timeout=0, cb=print)

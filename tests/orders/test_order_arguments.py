@@ -8,8 +8,8 @@ from quorvex.constant import Status
 
 
 @pytest.fixture
-def api(api_module, monkeypatch):
-    return order_api(api_module, monkeypatch)
+def api(api_module):
+    return order_api(api_module)
 
 
 @pytest.mark.parametrize(

@@ -7,8 +7,8 @@ import pytest
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api
 from quorvex.account import StockAccount
-from quorvex.contracts import Option, Stock
 from quorvex.constant import Status
+from quorvex.contracts import Option, Stock
 from quorvex.error import TokenError
 
 TOPIC = "api/v1/order/place_order"
@@ -21,8 +21,8 @@ ACCEPTED = ok(
 
 
 @pytest.fixture
-def api(api_module, monkeypatch):
-    return order_api(api_module, monkeypatch)
+def api(api_module):
+    return order_api(api_module)
 
 
 def test_sends_the_signed_order_and_rekeys_the_accepted_trade(api):

@@ -19,8 +19,8 @@ def entry(order_id, account=None, contract=None, **status):
 
 
 @pytest.fixture
-def api(api_module, monkeypatch):
-    api = order_api(api_module, monkeypatch)
+def api(api_module):
+    api = order_api(api_module)
     api._person_id = "B987654321"
     return api
 

@@ -6,7 +6,6 @@ from types import SimpleNamespace
 import pytest
 
 from conftest import ok, refused
-from quorvex import reserve
 from quorvex.account import StockAccount
 from quorvex.contracts import Stock
 from quorvex.data import CASign
@@ -80,27 +79,6 @@ LISTINGS = [
     ),
 ]
 listings = pytest.mark.parametrize("method,topic,row,stocks", LISTINGS, ids=[x[0] for x in LISTINGS])
-
-
-@pytest.fixture(autouse=True)
-def exit_hook_target(api_module, monkeypatch):
-    # Instances register `logout` at construction; a build without the login area lacks it.
-    if not hasattr(api_module.SolaceAPI, "logout"):
-        monkeypatch.setattr(api_module.SolaceAPI, "logout", lambda self: None, raising=False)
-
-
-@pytest.fixture(autouse=True)
-def signed_orders(api_module, monkeypatch):
-    """Request records whose `ca` holds the whole signed-text record.
-
-    The request carries the CASign (signature and text) so that the broker verifies the
-    signature without rebuilding the text; these stand in while the library's records
-    still type `ca` as text."""
-    for name in ("ReserveOrder", "EarmarkingOrder"):
-        base = getattr(reserve, name)
-        if base.model_fields["ca"].annotation is not CASign:
-            signed = type(name, (base,), {"__annotations__": {"ca": CASign}, "ca": CASign()})
-            monkeypatch.setattr(api_module, name, signed)
 
 
 @pytest.fixture

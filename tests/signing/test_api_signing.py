@@ -23,13 +23,6 @@ def order_for(account):
     return Order(action=Action.Buy, price=580.0, quantity=1, account=account)
 
 
-@pytest.fixture(autouse=True)
-def logout_until_the_session_area_defines_it(api_module, monkeypatch):
-    # Construction registers `logout` as an exit hook; the session area provides it.
-    if not hasattr(api_module.SolaceAPI, "logout"):
-        monkeypatch.setattr(api_module.SolaceAPI, "logout", lambda self: None, raising=False)
-
-
 @pytest.fixture
 def logged_in(api):
     """What a login leaves behind for signing: the person and the public address."""
