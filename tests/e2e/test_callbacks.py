@@ -1,5 +1,6 @@
-"""The messaging thread: blocking requests from inside callbacks, callbacks that raise, replies that
-overtake their send."""
+"""SolaceAPI's handlers on the messaging thread of a real bus: session events, quotes after an
+unsubscription, blocking requests from inside callbacks, callbacks that raise, replies that
+overtake their send. (What each handler is given is checked with the fake session.)"""
 
 import contextlib
 import os
@@ -9,13 +10,65 @@ import pytest
 from loguru import logger
 
 from bus.helpers import Recorder, wait_until
+from pymqlink import _core
 from quorvex.account import StockAccount
 from quorvex.constant import QuoteType, QuoteVersion, Unit
 from quorvex.order import Order
 
-from .broker import CLIENT_NAME, FUTURES, FUTURES_ACCOUNT, PERSON, STOCK, STOCK_ACCOUNT, STOCK_TICK, TSMC, ok
+from .broker import (
+    CLIENT_NAME,
+    FOP_TICK,
+    FUTURES,
+    FUTURES_ACCOUNT,
+    PASSWORD,
+    PERSON,
+    STOCK,
+    STOCK_ACCOUNT,
+    STOCK_TICK,
+    TSMC,
+    TXF,
+    ok,
+)
 
 TICK_TOPIC = "TIC/v1/STK/D/TSE/2330"
+FOP_TOPIC = "TIC/v1/FOP/D/TFE/TXFL6"
+
+
+def test_session_events_reach_the_user_handlers(make_api, broker, bus_name):
+    # Which events a lost link brings is the bus's own test; here they reach SolaceAPI's handlers.
+    api = make_api(reconnect_retries=1, reconnect_retry_wait=10)
+    events, down = Recorder(), Recorder()
+    api.set_event_callback(events)
+    api.set_session_down_callback(down)
+    api.login(PERSON, PASSWORD)
+    assert events.wait(1)
+    assert events.calls[0][:2] == (0, 0) and events.calls[0][3] == "connected"
+    assert bus_name in events.calls[0][2]
+
+    _core._inproc_shutdown(bus_name)
+    try:
+        assert down.wait(1), [call[3] for call in events.calls]
+        assert wait_until(lambda: events.calls[-1][3] == "down")
+        assert events.calls[-1][:2] == (1, 3)
+    finally:
+        _core._inproc_shutdown(bus_name, down=False)
+
+
+def test_unsubscribe_stops_delivery(api, broker):
+    stock, future = Recorder(), Recorder()
+    api.set_on_tick_stk_v1_callback(stock)
+    api.set_on_tick_fop_v1_callback(future)
+    for contract, topic in ((TSMC, TICK_TOPIC), (TXF, FOP_TOPIC)):
+        api.subscribe(contract, QuoteType.Tick, version=QuoteVersion.v1)
+        assert wait_until(lambda topic=topic: broker.responder.has_subscribers(topic))
+    api.unsubscribe(TSMC, QuoteType.Tick, version=QuoteVersion.v1)
+    assert wait_until(lambda: not broker.responder.has_subscribers(TICK_TOPIC))
+    broker.responder.publish(TICK_TOPIC, {"content": STOCK_TICK})
+    broker.responder.publish(FOP_TOPIC, {"content": FOP_TICK})
+    assert future.wait()  # delivered in order: the stock tick, had it come, would be here by now
+    assert stock.calls == []
+    ((_exchange, tick),) = future.calls
+    assert tick.to_content() == FOP_TICK and threading.get_ident() not in future.threads
 
 
 def via_quote(api, broker, callback):
