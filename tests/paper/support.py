@@ -49,6 +49,16 @@ def later(api, query, *args):
     return returned, got[0]
 
 
+def run(api, blocking, query, *args):
+    """Runs ``api.<query>(*args)`` blocking, or non-blocking returning what the callback received
+    (the very object the call returned, where it returned one)."""
+    if blocking:
+        return getattr(api, query)(*args)
+    returned, delivered = later(api, query, *args)
+    assert returned is None or returned is delivered
+    return delivered
+
+
 def stock(code="2330"):
     return Stock(exchange="TSE", code=code)
 

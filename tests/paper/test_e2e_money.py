@@ -8,7 +8,7 @@ import pytest
 from quorvex.constant import FetchStatus, Status
 from quorvex.paper import DEMO
 
-from .support import front_future, later, order, stock, wait_until
+from .support import front_future, later, order, run, stock, wait_until
 
 TODAY = datetime.datetime.now(datetime.timezone(datetime.timedelta(hours=8))).strftime("%Y-%m-%d")
 
@@ -23,7 +23,8 @@ def test_stock_holdings_cash_and_profit_follow_the_fills(make_api):
     assert [(p.code, p.quantity, p.direction.value) for p in positions] == [("2330", 2, "Buy")]
     placeholder, delivered = later(api, "list_positions", account, "Share")
     assert delivered is placeholder and placeholder[0].quantity == 2000
-    lots = api.list_position_detail(account, placeholder[0].id)
+    lots = api.list_position_detail(account, placeholder[0].id, timeout=0)  # fills without a callback
+    assert wait_until(lambda: lots)
     assert sum(lot.quantity for lot in lots) == 2000
 
     balance = api.account_balance(account)
@@ -63,7 +64,7 @@ def test_futures_margin_positions_and_profit_follow_the_fills(make_api):
     api.place_order(txf, order(api, "Sell", 0, 1, **futures_order))
     realised = api.list_profit_loss(account, TODAY, TODAY)
     assert [r.direction.value for r in realised] == ["Buy"]
-    assert api.list_profit_loss_detail(account, realised[0].id)[0].code == txf.code
+    assert run(api, False, "list_profit_loss_detail", account, realised[0].id)[0].code == txf.code
 
 
 def test_simulation_sessions_list_paper_positions(make_api):
@@ -75,8 +76,10 @@ def test_simulation_sessions_list_paper_positions(make_api):
     assert api.account_balance(api.default_stock_account).acc_balance == 0  # refused by the client itself
 
 
-@pytest.mark.parametrize("person", [DEMO, DEMO.second], ids=["signed", "unsigned"])
-def test_reservations_and_earmarks_are_made_and_listed(make_api, person):
+@pytest.mark.parametrize(
+    "person, blocking", [(DEMO, True), (DEMO.second, False)], ids=["signed-blocking", "unsigned-callback"]
+)
+def test_reservations_and_earmarks_are_made_and_listed(make_api, person, blocking):
     api = make_api(person)
     api.fetch_all_contract(timeout=0)
     assert wait_until(lambda: api.Contracts.status.value == "Fetched", 10)
@@ -85,16 +88,20 @@ def test_reservations_and_earmarks_are_made_and_listed(make_api, person):
     )
     account = api.default_stock_account
 
-    reserved = api.reserve_stock(account, lendable, 1000)
+    reserved = run(api, blocking, "reserve_stock", account, lendable, 1000)
     assert reserved.error is None, reserved.error
     assert reserved.response.status is True and reserved.response.share == 1000
-    summary, delivered = later(api, "stock_reserve_summary", account)
-    assert delivered is summary and summary.response.stocks[0].reserved_share == 1000
-    assert api.stock_reserve_detail(account).response.stocks[0].contract.code == lendable.code
+    summary = run(api, blocking, "stock_reserve_summary", account)
+    assert summary.response.stocks[0].reserved_share == 1000
+    assert (
+        run(api, blocking, "stock_reserve_detail", account).response.stocks[0].contract.code == lendable.code
+    )
 
-    earmarked = api.reserve_earmarking(account, lendable, 2000, lendable.reference)
+    earmarked = run(api, blocking, "reserve_earmarking", account, lendable, 2000, lendable.reference)
     assert earmarked.error is None and earmarked.response.price == lendable.reference
-    assert api.earmarking_detail(account).response.stocks[0].amount > lendable.reference * 2000
+    assert (
+        run(api, blocking, "earmarking_detail", account).response.stocks[0].amount > lendable.reference * 2000
+    )
 
-    refused = api.reserve_stock(account, lendable, 1500)  # not whole board lots
+    refused = run(api, blocking, "reserve_stock", account, lendable, 1500)  # not whole board lots
     assert refused.error is not None and refused.error.status_code == 400

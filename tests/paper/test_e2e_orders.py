@@ -4,13 +4,13 @@ cannot see or touch each other's orders."""
 
 import pytest
 
-from quorvex.account import FutureAccount
+from quorvex.account import FutureAccount, StockAccount
 from quorvex.constant import Action, OrderState, Status
 from quorvex.contracts import ComboBase, ComboContract
 from quorvex.error import ServiceError
 from quorvex.paper import DEMO
 
-from .support import front_future, later, order, stock, wait_until
+from .support import front_future, order, run, stock, wait_until
 
 
 def states(api, count):
@@ -20,11 +20,7 @@ def states(api, count):
 @pytest.mark.parametrize("blocking", [True, False], ids=["blocking", "callback"])
 def test_a_marketable_order_fills_and_its_reports_reach_the_order_callback(make_api, blocking):
     api = make_api(DEMO.second)
-    if blocking:
-        trade = api.place_order(stock(), order(api, "Buy", 1010, 2))
-    else:
-        provisional, trade = later(api, "place_order", stock(), order(api, "Buy", 1010, 2))
-        assert provisional is trade
+    trade = run(api, blocking, "place_order", stock(), order(api, "Buy", 1010, 2))
     assert trade.status.status == Status.Filled
     assert trade.status.deal_quantity == 2 and trade.status.deals
     assert trade.status.order_datetime is not None
@@ -77,18 +73,6 @@ def test_status_refresh_brings_in_orders_placed_by_another_session(make_api):
     assert OrderState.Order in states(other, 1)
 
 
-def test_refused_placements_fail_the_trade_and_say_why(make_api):
-    api = make_api(DEMO.second)
-    off_ladder = api.place_order(stock(), order(api, "Buy", 1001.5, 1))
-    assert off_ladder.status.status == Status.Failed
-    too_dear = api.place_order(stock(), order(api, "Buy", 1100, 499))
-    assert too_dear.status.status == Status.Failed
-    not_held = api.place_order(stock(), order(api, "Sell", 1000, 1))
-    assert not_held.status.status == Status.Failed
-    # Refused placements stay in the book under their correlation ids.
-    assert len(api._trades) == 3 and not any(t.order.id for t in api.trades)
-
-
 def test_futures_reports_fill_in_the_exchange_order_number(make_api):
     api = make_api(DEMO.second)
     txf = front_future(api)
@@ -115,7 +99,31 @@ def test_signed_accounts_trade_with_the_holders_certificate_live_and_without_it_
     assert simulated.list_positions(simulated.default_stock_account, "Common")[0].quantity == 1
 
 
-def test_combination_orders_rest_cancel_and_refresh(make_api):
+def test_two_persons_cannot_see_or_touch_each_others_accounts_orders_or_reports(make_api):
+    a, b = make_api(DEMO), make_api(DEMO.second)
+    theirs = StockAccount(**DEMO.stock_account)
+    mine = a.place_order(stock(), order(a, "Buy", 950, 2))
+    assert mine.status.status == Status.Submitted
+
+    for query in (b.account_balance, b.update_status, lambda account: b.list_positions(account, "Common")):
+        with pytest.raises(ServiceError, match="status 403"):
+            query(theirs)
+    with pytest.raises(ServiceError, match="status 403"):
+        b.subscribe_trade(theirs, True)
+    with pytest.raises(ServiceError, match="status 404"):
+        b.cancel_order(mine)
+    stolen = b.place_order(stock(), order(b, "Buy", 950, 1, account=theirs))
+    assert stolen.status.status == Status.Failed  # the broker refused the account with 403
+    b.update_status(b.default_stock_account)
+    assert all(t.order.account.person_id == DEMO.second.person_id for t in b.trades if t.order.id)
+
+    a.reports.wait(1)
+    assert not any(m.get("order", {}).get("id") == mine.order.id for _, m in b.reports.items)
+    assert a.update_order(mine, quantity=1) is mine  # the holder still can
+
+
+@pytest.mark.parametrize("blocking", [True, False], ids=["blocking", "callback"])
+def test_combination_orders_rest_cancel_and_refresh(make_api, blocking):
     api = make_api(DEMO.second)
     api.fetch_all_contract(timeout=0)
     assert wait_until(lambda: api.Contracts.status.value == "Fetched", 10)
@@ -126,12 +134,11 @@ def test_combination_orders_rest_cancel_and_refresh(make_api):
             ComboBase(action=Action.Sell, **calls[1].dict()),
         ]
     )
-    combo = api.place_comboorder(legs, order(api, "Buy", -5000, 1, account=api.default_futopt_account))
+    spread = order(api, "Buy", -5000, 1, account=api.default_futopt_account)
+    combo = run(api, blocking, "place_comboorder", legs, spread)
     assert combo.status.status == Status.Submitted and combo.order.id in api._combotrades
-    refreshed = []
-    api.update_combostatus(api.default_futopt_account, timeout=0, cb=refreshed.append)
-    assert wait_until(lambda: refreshed)
-    api.cancel_comboorder(combo)
+    run(api, blocking, "update_combostatus", api.default_futopt_account)
+    assert run(api, blocking, "cancel_comboorder", combo) is combo
     api.update_combostatus(api.default_futopt_account)
     assert api._combotrades[combo.order.id].status.status == Status.Cancelled
     assert states(api, 2).count(OrderState.FOrder) >= 2

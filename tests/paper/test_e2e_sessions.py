@@ -20,6 +20,8 @@ def test_every_login_lists_the_persons_accounts(make_api, login):
     assert all(a.person_id == DEMO.person_id and a.signed for a in api.accounts)
     assert api._public_ip == "127.0.0.1"
     assert api.session.client_name.startswith("PYAPI/" + DEMO.person_id + "/")
+    assert api.subscribe_trade(api.default_stock_account, False) is True
+    assert api.error_tracking(DEMO.person_id) is False
 
 
 def test_login_results_match_what_the_client_returns(host):
@@ -34,30 +36,28 @@ def test_login_results_match_what_the_client_returns(host):
         api.logout()
 
 
-def test_a_refused_login_raises_and_leaves_no_session(host):
-    # Which logins the broker refuses, and why, is the broker's own test.
-    credentials = (DEMO.person_id, DEMO.second.password)
-    api = SolaceAPI(host, "vpn", "user", "bus-password", False)
-    with pytest.raises(TokenError, match="status 401") as raised:
-        api.login(*credentials)
-    assert credentials[1] not in str(raised.value)
+# Which logins the broker refuses, and why, is the broker's own test.
+@pytest.mark.parametrize(
+    "simulation, login, says",
+    [
+        (False, lambda api: api.login(DEMO.person_id, DEMO.second.password), "status 401"),
+        (
+            False,
+            lambda api: api.token_login(DEMO.api_key, DEMO.second.api_secret, True, 5000),
+            "does not verify",
+        ),
+        (True, lambda api: api.simulation_login("no-such-token", DEMO.person_id), "status 401"),
+    ],
+    ids=["password", "token", "simulation"],
+)
+def test_a_refused_login_raises_and_leaves_no_session(host, simulation, login, says):
+    api = SolaceAPI(host, "vpn", "user", "bus-password", simulation)
+    with pytest.raises(TokenError, match=says) as raised:
+        login(api)
+    assert DEMO.second.password not in str(raised.value) and DEMO.second.api_secret not in str(raised.value)
     assert not api.session.sol
     assert api.accounts == []
-
-
-def test_token_login_with_another_persons_secret_is_refused(host):
-    api = SolaceAPI(host, "vpn", "user", "bus-password", False)
-    with pytest.raises(TokenError, match="does not verify"):
-        api.token_login(DEMO.api_key, DEMO.second.api_secret, True, 5000)
-    assert not api.session.sol
-
-
-def test_simulation_login_with_an_unknown_token_is_refused(host):
-    api = SolaceAPI(host, "vpn", "user", "bus-password", True)
-    with pytest.raises(TokenError):
-        api.simulation_login("no-such-token", DEMO.person_id)
-    assert not api.session.sol
-    api.session.set_session("")  # the refused token stays installed; nothing to log out
+    api.session.set_session("")  # a refused simulation token stays installed; nothing to log out
 
 
 def test_after_logout_the_token_no_longer_opens_services(make_api, host):
