@@ -31,5 +31,9 @@ class Recorder:
             return self.effect(*args)
         return None
 
-    def wait(self, n=1, timeout=5.0):
-        return wait_until(lambda: len(self.calls) >= n, timeout)
+    def wait(self, n=1, timeout=10.0):
+        """The calls so far once there are `n` of them; fails the test if they never come."""
+        assert wait_until(lambda: len(self.calls) >= n, timeout), "expected {} calls, got {}".format(
+            n, len(self.calls)
+        )
+        return list(self.calls)

@@ -1,10 +1,8 @@
 """A logged-in SolaceAPI on an embedded paper broker whose market opens on a chosen moment."""
 
 import contextlib
-import threading
-import time
 import uuid
-from typing import Any, Callable, Iterator, List
+from typing import Any, Iterator
 
 from quorvex.backend.solace.api import SolaceAPI
 from quorvex.contracts import Future, Stock
@@ -36,37 +34,3 @@ def subscribed(api: SolaceAPI, contract: Any, quote_type: Any, odd: bool, versio
         yield
     finally:
         api.unsubscribe(contract, quote_type, odd, version)
-
-
-def wait_until(predicate: Callable[[], bool], timeout: float = 10.0) -> bool:
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
-        time.sleep(0.01)
-    return predicate()
-
-
-class Received:
-    """A handler that keeps what it is called with; safe from the messaging thread."""
-
-    def __init__(self) -> None:
-        self._lock = threading.Lock()
-        self._calls: List[Any] = []
-
-    def __call__(self, *args: Any) -> None:
-        with self._lock:
-            self._calls.append(args)
-
-    @property
-    def calls(self) -> List[Any]:
-        with self._lock:
-            return list(self._calls)
-
-    def __len__(self) -> int:
-        with self._lock:
-            return len(self._calls)
-
-    def wait(self, count: int = 1, timeout: float = 10.0) -> List[Any]:
-        assert wait_until(lambda: len(self) >= count, timeout), f"expected {count} calls, got {len(self)}"
-        return self.calls

@@ -2,11 +2,12 @@
 
 import pytest
 
+from bus.helpers import Recorder, wait_until
 from quorvex.constant import Action, OrderType, PriceType, QuoteType, QuoteVersion
 from quorvex.contracts import Stock
 from quorvex.order import Order
 
-from .feed_support import HARBOR, TRADING_DAY, Received, paper_api, wait_until
+from .feed_support import HARBOR, TRADING_DAY, paper_api
 
 
 @pytest.fixture
@@ -24,7 +25,7 @@ def stock_account(api):
 
 
 def test_a_filled_order_appears_as_a_tick(market):
-    ticks = Received()
+    ticks = Recorder()
     market.set_on_tick_stk_v1_callback(ticks)
     market.subscribe(HARBOR, QuoteType.Tick, False, QuoteVersion.v1)
     ticks.wait(1)  # the subscription is live
@@ -60,7 +61,7 @@ def test_a_resting_order_joins_the_bid_asks(market):
     # A cheap stock, so that the largest order the broker takes stands out from the market's
     # own levels (a few hundred lots at most).
     maple = Stock(code="2888", exchange="TSE")
-    books = Received()
+    books = Recorder()
     market.set_on_bidask_stk_v1_callback(books)
     market.subscribe(maple, QuoteType.BidAsk, False, QuoteVersion.v1)
     best_bid = books.wait(1)[-1][1].bid_price[0]

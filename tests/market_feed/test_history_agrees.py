@@ -5,9 +5,10 @@ import datetime
 
 import pytest
 
+from bus.helpers import Recorder
 from quorvex.constant import QuoteType, QuoteVersion
 
-from .feed_support import HARBOR, INDEX_FUTURE, TRADING_DAY, TSMC, Received, paper_api
+from .feed_support import HARBOR, INDEX_FUTURE, TRADING_DAY, TSMC, paper_api
 
 
 @pytest.fixture(scope="module")
@@ -30,7 +31,7 @@ def test_a_snapshot_agrees_with_the_last_published_tick(contract, setter, starts
     # Ten market seconds before the closing auction, the day's last trade; nothing trades after it.
     api = paper_api(TRADING_DAY + "T" + starts, 10)
     try:
-        received = Received()
+        received = Recorder()
         getattr(api, setter)(received)
         api.subscribe(contract, QuoteType.Tick, False, QuoteVersion.v1)
         calls = received.wait(1)
@@ -64,17 +65,8 @@ def test_credit_enquiries_name_each_stock(closing):
     )
 
 
-def test_short_stock_sources_are_for_live_sessions(closing):
-    assert closing.short_stock_sources([TSMC]) == []  # the client itself refuses in simulation
-    # The broker refuses a simulation session too, should a request reach it.
-    reply = closing.session.request(
-        "api/v1/data/short_stock_sources",
-        {"contracts": [TSMC.dict()]},
-        corrid=closing.session._gen_reqid(),
-        timeout=5000,
-        cb=None,
-    )
-    assert reply["status"]["status_code"] == 403
+def test_short_stock_sources_name_each_stock_in_whole_lots():
+    # A simulation session is refused these by the client itself and by the broker's own rules.
     live = paper_api(TRADING_DAY + "T10:00", 1, simulation=False)
     try:
         rows = live.short_stock_sources([TSMC, HARBOR])

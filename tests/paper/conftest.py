@@ -6,11 +6,12 @@ import uuid
 
 import pytest
 
+from bus.helpers import Recorder
 from quorvex.backend.solace.api import SolaceAPI
 from quorvex.paper import DEMO
 from signing.pki import Authority
 
-from .support import CERT_PASSWORD, Reports
+from .support import CERT_PASSWORD
 
 
 @pytest.fixture(scope="session")
@@ -51,7 +52,7 @@ def make_api(host, certificates):
         else:
             api.simulation_login(person.simulation_token, person.person_id)
         assert api.activate_ca(certificates[person.person_id], CERT_PASSWORD, person.person_id)
-        api.reports = Reports()
+        api.reports = Recorder()
         api.set_order_callback(api.reports)
         return api
 

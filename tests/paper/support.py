@@ -1,43 +1,12 @@
 """Helpers of the end-to-end tests on the embedded paper broker."""
 
 import threading
-import time
 
+from bus.helpers import wait_until
 from quorvex.contracts import Stock
 from quorvex.order import Order
 
 CERT_PASSWORD = "paper-cert"
-
-
-def wait_until(predicate, timeout=3.0):
-    """Polls `predicate` until it holds; returns its last value."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = predicate()
-        if value or time.monotonic() > deadline:
-            return value
-        time.sleep(0.005)
-
-
-class Reports:
-    """Collects what set_order_callback delivers, for waiting on."""
-
-    def __init__(self):
-        self.items = []
-        self.lock = threading.Lock()
-
-    def __call__(self, state, message):
-        with self.lock:
-            self.items.append((state, message))
-
-    def wait(self, count, timeout=3.0):
-        wait_until(lambda: len(self.items) >= count, timeout)
-        with self.lock:
-            return list(self.items)
-
-    def states(self):
-        with self.lock:
-            return [state.value for state, _ in self.items]
 
 
 def later(api, query, *args):
@@ -63,11 +32,15 @@ def stock(code="2330"):
     return Stock(exchange="TSE", code=code)
 
 
-def front_future(api):
-    """The near-month TXF contract, from a full contract download."""
+def download_contracts(api):
     api.fetch_all_contract(timeout=0)
     assert wait_until(lambda: api.Contracts.status.value == "Fetched", 10)
-    txf = [c for c in api.Contracts.Futures.TXF.values() if c.code.startswith("TXF")]
+    return api.Contracts
+
+
+def front_future(api):
+    """The near-month TXF contract, from a full contract download."""
+    txf = [c for c in download_contracts(api).Futures.TXF.values() if c.code.startswith("TXF")]
     return min(txf, key=lambda c: c.delivery_date)
 
 

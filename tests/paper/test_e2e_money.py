@@ -8,7 +8,7 @@ import pytest
 from quorvex.constant import FetchStatus, Status
 from quorvex.paper import DEMO
 
-from .support import front_future, later, order, run, stock, wait_until
+from .support import download_contracts, front_future, later, order, run, stock, wait_until
 
 TODAY = datetime.datetime.now(datetime.timezone(datetime.timedelta(hours=8))).strftime("%Y-%m-%d")
 
@@ -81,8 +81,7 @@ def test_simulation_sessions_list_paper_positions(make_api):
 )
 def test_reservations_and_earmarks_are_made_and_listed(make_api, person, blocking):
     api = make_api(person)
-    api.fetch_all_contract(timeout=0)
-    assert wait_until(lambda: api.Contracts.status.value == "Fetched", 10)
+    download_contracts(api)
     lendable = next(
         c for c in api.Contracts.Stocks.values() if c.short_selling_balance > 0 and c.category != "00"
     )

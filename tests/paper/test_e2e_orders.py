@@ -10,7 +10,7 @@ from quorvex.contracts import ComboBase, ComboContract
 from quorvex.error import ServiceError
 from quorvex.paper import DEMO
 
-from .support import front_future, order, run, stock, wait_until
+from .support import download_contracts, front_future, order, run, stock, wait_until
 
 
 def states(api, count):
@@ -27,7 +27,7 @@ def test_a_marketable_order_fills_and_its_reports_reach_the_order_callback(make_
     assert api._trades[trade.order.id] is trade and len(api.trades) == 1
     assert trade.order.seqno and trade.order.ordno
     assert states(api, 2)[:2] == [OrderState.Order, OrderState.Deal]
-    _, deal = api.reports.items[-1]
+    _, deal = api.reports.calls[-1]
     assert deal["id"] == trade.order.id and deal["code"] == "2330"
 
 
@@ -81,7 +81,7 @@ def test_futures_reports_fill_in_the_exchange_order_number(make_api):
     )
     assert trade.status.status == Status.Filled
     assert states(api, 2)[:2] == [OrderState.FOrder, OrderState.FDeal]
-    _, forder = api.reports.items[0]
+    _, forder = api.reports.calls[0]
     assert forder["order"]["id"] == trade.order.id
     assert api._trades[trade.order.id].order.ordno == forder["order"]["ordno"]
 
@@ -118,15 +118,14 @@ def test_two_persons_cannot_see_or_touch_each_others_accounts_orders_or_reports(
     assert all(t.order.account.person_id == DEMO.second.person_id for t in b.trades if t.order.id)
 
     a.reports.wait(1)
-    assert not any(m.get("order", {}).get("id") == mine.order.id for _, m in b.reports.items)
+    assert not any(m.get("order", {}).get("id") == mine.order.id for _, m in b.reports.calls)
     assert a.update_order(mine, quantity=1) is mine  # the holder still can
 
 
 @pytest.mark.parametrize("blocking", [True, False], ids=["blocking", "callback"])
 def test_combination_orders_rest_cancel_and_refresh(make_api, blocking):
     api = make_api(DEMO.second)
-    api.fetch_all_contract(timeout=0)
-    assert wait_until(lambda: api.Contracts.status.value == "Fetched", 10)
+    download_contracts(api)
     calls = [c for c in api.Contracts.Options.values() if c.option_right.value == "C"][:2]
     legs = ComboContract(
         legs=[
