@@ -115,18 +115,13 @@ def test_containers_that_hold_themselves_are_refused():
         packb(loop)
 
 
+# The core refuses malformed msgpack (its own test has every case); the binding turns that into
+# a ValueError, and refuses what it cannot give Python: extension types and text that is not UTF-8.
 @pytest.mark.parametrize(
     "data, message",
     [
-        (b"", "empty input"),
         (b"\xa5ab", "truncated msgpack"),
-        (b"\xc1", "malformed msgpack at byte 0"),
-        (b"\x01\x02", "1 trailing bytes"),
-        (b"\x81\x01\x02", "map key must be a string, found int"),
-        (b"\x82\xa1k\x01\xa1k\x02", "duplicate map key 'k'"),
-        (b"\xdd\x7f\xff\xff\xff\x01", "cannot fit"),
         (b"\xd4\x05\x09", "extension type 5 is not supported"),
-        (b"\x91" * 150 + b"\xc0", "nesting deeper than 100 levels"),
         (b"\xa2\xff\xfe", "can't decode"),
     ],
 )
@@ -140,15 +135,6 @@ def test_malformed_messages_raise_value_error(data, message):
 def test_arbitrary_bytes_never_crash(data):
     with contextlib.suppress(ValueError):
         unpackb(data)
-
-
-@settings(max_examples=200)
-@given(values, st.data())
-def test_every_truncation_is_refused(value, data):
-    encoded = packb([value])
-    cut = data.draw(st.integers(0, len(encoded) - 1))
-    with pytest.raises(ValueError):  # noqa: PT011 (the text depends on where the cut falls)
-        unpackb(encoded[:cut])
 
 
 def test_unpackb_accepts_bytes_like_and_refuses_others():

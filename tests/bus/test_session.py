@@ -18,20 +18,11 @@ from .helpers import Recorder, wait_until
 
 @pytest.fixture
 def echo(responder):
-    """Replies with the payload and what the service learnt about the sender."""
+    """Replies with the payload; what the service learns of the sender is the responder's test."""
     seen = []
-
-    def handler(topic, payload, info):
-        seen.append((topic, payload))
-        return {
-            "topic": topic,
-            "payload": payload,
-            "token": info.token,
-            "client_name": info.client_name,
-            "session_id": info.session_id,
-        }
-
-    responder.serve("svc/>", handler)
+    responder.serve(
+        "svc/>", lambda topic, payload, info: seen.append((topic, payload)) or {"payload": payload}
+    )
     return seen
 
 
@@ -51,34 +42,20 @@ def test_new_client_is_not_connected_and_repr_hides_secrets(connect):
     assert "PYAPI/A123" in text and "SECRET" not in text and "s3cret-pw" not in text
 
 
-@pytest.mark.parametrize(
-    "bad_host, message",
-    [
-        ("203.0.113.7:55555", "cannot connect to host '203.0.113.7:55555': expected scheme://address"),
-        ("nosuch://x", "cannot connect to host 'nosuch://x': unknown scheme 'nosuch'"),
-        ("nosuch://user:pw@x", "cannot connect to host 'nosuch://***@x'"),
-        ("inproc://", "cannot connect to host 'inproc://': expected inproc://NAME"),
-    ],
-)
-def test_bad_host_raises_bus_error_naming_it(bad_host, message):
+# Which hosts and settings the bus refuses, and with what text, is the core's test; here the
+# errors become the interpreter's own.
+def test_bad_host_raises_bus_error_naming_it():
     client = SolClient()
     with pytest.raises(BusError) as caught:
-        client.connect(bad_host, "vpn", "user", "pw", "PYAPI/X")
-    assert str(caught.value).startswith(message)
+        client.connect("nosuch://user:pw@x", "vpn", "user", "pw", "PYAPI/X")
+    assert str(caught.value).startswith("cannot connect to host 'nosuch://***@x'")
     assert isinstance(caught.value, ConnectionError)
     assert client.sol is False
 
 
-@pytest.mark.parametrize(
-    "setting, value, message",
-    [
-        ("connect_timeout_ms", 0, "connect_timeout_ms must be positive, got 0"),
-        ("reconnect_retries", -2, "reconnect_retries must be -1 (forever) or more, got -2"),
-    ],
-)
-def test_invalid_settings_are_value_errors(host, setting, value, message):
-    with pytest.raises(ValueError, match=re.escape(message)):
-        SolClient().connect(host, "vpn", "user", "pw", "PYAPI/X", **{setting: value})
+def test_invalid_settings_are_value_errors(host):
+    with pytest.raises(ValueError, match=re.escape("reconnect_retries must be -1 (forever) or more, got -2")):
+        SolClient().connect(host, "vpn", "user", "pw", "PYAPI/X", reconnect_retries=-2)
 
 
 def test_disconnect_is_idempotent_and_ends_sol(client):
@@ -97,33 +74,25 @@ def test_work_on_a_client_that_is_not_connected_is_refused():
 
 def test_reqids_are_fresh_text():
     client = SolClient()
-    ids = [client._gen_reqid() for _ in range(1000)]
-    assert all(isinstance(i, str) for i in ids)
-    assert len(set(ids)) == 1000
+    ids = {client._gen_reqid() for _ in range(100)}
+    assert len(ids) == 100 and all(isinstance(i, str) for i in ids)
 
 
 # ---- requests ----
 
 
-def test_blocking_request_carries_token_and_client_name(client, echo):
-    client.set_session("tok-1")
-    client.set_client_name("PYAPI/A123")
-    reply = client.request("svc/login", {"person_id": "A123", "n": [1, 2.5, None]})
-    assert reply == {
-        "topic": "svc/login",
-        "payload": {"person_id": "A123", "n": [1, 2.5, None]},
-        "token": "tok-1",
-        "client_name": "PYAPI/A123",
-        "session_id": client.session_id,
-    }
-
-
-def test_timeout_returns_none(client, responder):
+def test_timeout_returns_none_and_the_default_timeout_applies(client, responder):
     responder.serve("svc/silent", lambda topic, payload, info: None)
     start = time.monotonic()
     assert client.request("svc/silent", {}, timeout=50) is None
     assert client.request("svc/nobody", {}, timeout=50) is None
     assert time.monotonic() - start >= 0.1
+    client.default_timeout = 30
+    start = time.monotonic()
+    assert client.request("svc/silent", {}) is None
+    assert time.monotonic() - start < 2.0
+    with pytest.raises(ValueError, match="default_timeout must be positive"):
+        client.default_timeout = 0
 
 
 def test_async_reply_runs_cb_on_the_callback_thread(client, echo):
@@ -181,16 +150,6 @@ def test_invalid_topics_are_value_errors(client):
         client.request("svc/*/x", {})
     with pytest.raises(ValueError, match="'>' may only end a filter"):
         client.subscribe("a/>/b")
-
-
-def test_default_timeout_applies_when_none_given(client, responder):
-    responder.serve("svc/silent", lambda topic, payload, info: None)
-    client.default_timeout = 30
-    start = time.monotonic()
-    assert client.request("svc/silent", {}) is None
-    assert time.monotonic() - start < 2.0
-    with pytest.raises(ValueError, match="default_timeout must be positive"):
-        client.default_timeout = 0
 
 
 # ---- delivery (wildcards, ordering and point-to-point routing are the core's, tested there) ----
