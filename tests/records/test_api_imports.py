@@ -24,9 +24,3 @@ MODULES = [
 def test_module_exports_only_names_it_has(module):
     loaded = importlib.import_module(module)
     assert set(getattr(loaded, "__all__", ())) <= set(dir(loaded))
-
-
-def test_base58_namespace_offers_the_package_functions():
-    from quorvex.backend.solace.utils import base58
-
-    assert base58.b58decode(base58.b58encode(b"\x00key")) == b"\x00key"

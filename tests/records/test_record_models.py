@@ -13,13 +13,13 @@ import quorvex.position
 import quorvex.reserve
 from quorvex.account import Account, FutureAccount, StockAccount
 from quorvex.common import BaseModel
-from quorvex.constant import AccountType, FetchStatus, Status
+from quorvex.constant import FetchStatus, Status
 from quorvex.contracts import BaseContract, Stock
 from quorvex.data import AccountBalance, CASign, Kbars, Margin, Ticks
 from quorvex.order import Order, OrderStatus, Trade
 from quorvex.position import ProfitLossSummaryTotal, ProfitLossTotal, StockPosition
 from quorvex.reserve import ErrorResponse, ReserveOrder
-from record_examples import ORDER, RECORDS, STOCK_ACCOUNT, TSMC, TXF
+from record_examples import ORDER, RECORDS, TSMC, TXF
 
 RECORD_MODULES = [
     quorvex.account,
@@ -105,10 +105,6 @@ def test_astype_picks_the_class_of_the_account_type(account_type, cls):
     assert typed.astype() is typed
 
 
-def test_account_type_compares_with_its_text():
-    assert STOCK_ACCOUNT.account_type == "S" and STOCK_ACCOUNT.account_type == AccountType.Stock
-
-
 @pytest.mark.parametrize(
     "placeholder,fill",
     [
@@ -150,13 +146,6 @@ def test_item_access_and_mapping_unpacking():
     assert {**position}["direction"] == "Sell"
     with pytest.raises(KeyError, match="no field 'nope'"):
         position["nope"]
-
-
-def test_defaults_are_not_shared_between_records():
-    first, second = ProfitLossSummaryTotal(), ProfitLossSummaryTotal()
-    first.total.pnl = 5
-    first.profitloss_summary.append(None)
-    assert second.total.pnl == 0 and second.profitloss_summary == []
 
 
 def test_base_contract_reduces_a_contract_to_its_identity():
