@@ -93,7 +93,8 @@ def test_setter_replaces_attribute_before_a_failing_registration(api):
 
 
 @pytest.mark.parametrize(
-    "decorator,attr", [("on_event", "on_event_callback"), ("on_order", "on_order_callback")]
+    "decorator,attr",
+    [("on_event", "on_event_callback"), ("on_order", "on_order_callback"), ("on_quote", "on_quote_callback")],
 )
 def test_decorators_return_the_function(api, decorator, attr):
     @getattr(api, decorator)

@@ -15,6 +15,7 @@ from market_data_fixtures import (  # noqa: F401  (fixtures)
 from quorvex.backend.solace.bidask import BidAskFOPv1, BidAskSTKv1
 from quorvex.backend.solace.quote import QuoteSTKv1
 from quorvex.backend.solace.tick import TickFOPv1, TickSTKv1
+from quorvex.backend.solace.utils import intraday_odd_quo_convert, intraday_odd_tic_convert
 from quorvex.constant import Exchange, QuoteType, QuoteVersion
 from quorvex.contracts import Stock
 
@@ -86,10 +87,11 @@ def test_legacy_odd_lot_messages_are_converted(api, calls):
     }
     api.on_msg_wrap("TIC/v0/ODD/D/TSE/2330/ODDLOT", tick)
     api.on_msg_wrap("QUO/v0/ODD/D/TSE/2330/ODDLOT", book)
-    (_, (topic, converted_tick)), (_, (_, converted_book)) = calls
-    assert topic == "TIC/v0/ODD/D/TSE/2330/ODDLOT"
-    assert (converted_tick["code"], converted_tick["close"], converted_tick["volume"]) == ("2330", 595.0, 37)
-    assert converted_book["bid_price"] == [595.0] and converted_book["ask_volume"] == [9]
+    # The conversions themselves are the helpers' tests (tests/records).
+    assert calls == [
+        ("on_quote_callback", ("TIC/v0/ODD/D/TSE/2330/ODDLOT", intraday_odd_tic_convert(tick))),
+        ("on_quote_callback", ("QUO/v0/ODD/D/TSE/2330/ODDLOT", intraday_odd_quo_convert(book))),
+    ]
 
 
 @pytest.mark.parametrize(
@@ -179,29 +181,6 @@ def test_bound_handlers_get_the_context_of_the_setter_call(api, setter, topic, c
     api.on_msg_wrap(topic, {"content": content()})
     ((context, _exchange, record),) = received
     assert context is first and record.code in ("2330", "TXFL6")
-
-
-@pytest.mark.parametrize("setter, topic, content", SETTERS)
-def test_unbound_handlers_are_stored_as_given(api, setter, topic, content):
-    def handler(exchange, record):
-        pass
-
-    getattr(api, setter)(handler)
-    assert getattr(api, setter.replace("set_", "", 1)) is handler
-    assert inspect.signature(getattr(api, setter)).parameters["bind"].default is False
-
-
-def test_untyped_handler_setters(api):
-    def first(topic, msg):
-        pass
-
-    def second(topic, msg):
-        pass
-
-    assert api.set_quote_callback(first) is None and api.on_quote_callback is first
-    assert api.on_quote(second) is second and api.on_quote_callback is second
-    api.set_callback(first)
-    assert api.on_quote_callback is first
 
 
 TSMC = Stock(exchange="TSE", code="2330")
