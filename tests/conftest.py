@@ -1,7 +1,9 @@
 """Shared fixtures: a recording fake session for the api module's own tests."""
 
+import datetime
 import itertools
 import threading
+import types
 from typing import Any, Callable, Dict, List, Optional
 
 import pytest
@@ -141,6 +143,18 @@ class _ExitHooks:
     def register(self, func):
         self.registered.append(func)
         return func
+
+
+def freeze_clock(monkeypatch, module, utc_now):
+    """Gives `module` a `datetime` whose clock stands at `utc_now` (an aware time)."""
+
+    class Frozen(datetime.datetime):
+        @classmethod
+        def now(cls, tz=None):
+            return utc_now.astimezone(tz) if tz else utc_now.replace(tzinfo=None)
+
+    names = dict(date=datetime.date, timedelta=datetime.timedelta, timezone=datetime.timezone)
+    monkeypatch.setattr(module, "datetime", types.SimpleNamespace(datetime=Frozen, **names))
 
 
 def make_api(module, simulation=False, **kwargs):

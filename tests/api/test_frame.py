@@ -4,7 +4,7 @@ import inspect
 
 import pytest
 
-from conftest import FakeSession, make_api
+from conftest import make_api
 
 # attribute: (normal topic, simulation topic)
 TWO_VALUED = {
@@ -28,15 +28,9 @@ def test_is_a_plain_compiled_class(api_module):
     assert api_module.SolaceAPI.__module__ == "quorvex.backend.solace.api"
 
 
-def test_shared_proxies_default(api_module):
+def test_proxies_default_to_an_empty_dict(api_module):
     # The parameters' names, order and other defaults are the stub's, checked in test_stubs.
-    params = inspect.signature(api_module.SolaceAPI.__init__).parameters
-    assert params["proxies"].default == {}
-    # One dict made once, not one per call.
-    assert (
-        params["proxies"].default
-        is inspect.signature(api_module.SolaceAPI.__init__).parameters["proxies"].default
-    )
+    assert inspect.signature(api_module.SolaceAPI.__init__).parameters["proxies"].default == {}
 
 
 @pytest.mark.parametrize("simulation", [False, True])
@@ -62,29 +56,8 @@ def test_topic_names_keep_the_services_own_words(api):
     assert api.data_contracts_topic == "api/v1/data/contracts"
 
 
-def test_attributes_in_order_with_initial_values(api):
-    names = list(vars(api))
-    assert names[:14] == [
-        "session",
-        "accounts",
-        "default_stock_account",
-        "default_futopt_account",
-        "Contracts",
-        "activated_ca",
-        "contract_all_fetched",
-        "api_ver",
-        "category_auth",
-        "category_order",
-        "category_data",
-        "category_portfolio",
-        "category_paper",
-        "_simulation",
-    ]
-    assert names[-3:] == ["__sol_setup__", "tft", "_prev_trace_log_ts"]
-    assert isinstance(api.session, FakeSession)
-    assert api.contract_all_fetched == 0 and type(api.contract_all_fetched) is int
-    assert api._prev_trace_log_ts == 0.0 and type(api._prev_trace_log_ts) is float
-    assert api.tft is False
+def test_connection_settings(api):
+    # What login connects with (tests/session); the other attributes are declared in the stub.
     assert api.__sol_setup__ == {
         "host": "inproc://test",
         "vpn": "vpn",
@@ -96,20 +69,6 @@ def test_attributes_in_order_with_initial_values(api):
         "reconnect_retry_wait": 3000,
         "keep_alive_limit": 3,
     }
-
-
-def test_simulation_keeps_the_argument_object(api_module):
-    flag = object()
-    api = make_api(api_module, simulation=flag)
-    assert api._simulation is flag
-    assert api.place_order_topic == "api/v1/paper/place_order"
-
-
-def test_attributes_are_replaceable(api):
-    api.session = other = FakeSession()
-    api._simulation = True
-    api.whatever = 1
-    assert api.session is other and api._simulation is True and api.whatever == 1
 
 
 def test_session_callbacks_registered_in_order(api):

@@ -62,10 +62,6 @@ def test_msg_wrap_routes_to_the_quote_router_not_the_stored_callback(api):
     assert api.on_msg_callback == stored.append
 
 
-def test_on_msg_callback_exists_only_after_its_setter(api):
-    assert not hasattr(api, "on_msg_callback")
-
-
 @pytest.mark.parametrize(
     "setter,session_method,wrap",
     [
@@ -78,10 +74,6 @@ def test_setters_store_then_register_the_wrap(api, setter, session_method, wrap)
     api.session.calls.clear()
     getattr(api, setter)(print)
     assert api.session.calls == [(session_method, getattr(api, wrap))]
-
-
-def test_session_down_reaches_no_handler_before_its_setter(api):
-    assert "set_session_down_callback" not in api.session.callbacks
 
 
 def test_setter_replaces_attribute_before_a_failing_registration(api):

@@ -1,12 +1,11 @@
 """Snapshots, scanners, credit enquiries and short-stock sources."""
 
 import datetime
-import types
 
 import pydantic
 import pytest
 
-from conftest import ok, refused
+from conftest import freeze_clock, ok, refused
 from quorvex.constant import ScannerType
 from quorvex.contracts import BaseContract, Future, Stock
 from quorvex.data import ChangePercentRank, CreditEnquire, ShortStockSource, Snapshot
@@ -138,17 +137,6 @@ def test_scanner_argument_types_are_checked_first(api, kwargs, message):
     assert str(raised.value) == message and api.session.requests == []
 
 
-def _frozen_clock(utc_now):
-    class FrozenDatetime(datetime.datetime):
-        @classmethod
-        def now(cls, tz=None):
-            return utc_now.astimezone(tz) if tz else utc_now.replace(tzinfo=None)
-
-    return types.SimpleNamespace(
-        datetime=FrozenDatetime, date=datetime.date, timedelta=datetime.timedelta, timezone=datetime.timezone
-    )
-
-
 @pytest.mark.parametrize(
     "utc_now, date",
     [
@@ -161,7 +149,7 @@ def _frozen_clock(utc_now):
 def test_scanner_default_date_is_the_utc_date_half_an_hour_ago(
     api, api_module, monkeypatch, utc_now, date, given
 ):
-    monkeypatch.setattr(api_module, "datetime", _frozen_clock(utc_now))
+    freeze_clock(monkeypatch, api_module, utc_now)
     api.scanners(ScannerType.TickCountRank, False, given)
     assert api.session.last().payload["date"] == date
 
