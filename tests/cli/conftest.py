@@ -47,57 +47,7 @@ def cli(tmp_path):
     return functools.partial(run_cli, tmp_path)
 
 
-def _paper_broker_missing() -> Optional[str]:
-    """Why paper:// cannot be used in this build; None when it can."""
-    try:
-        import quorvex.paper  # noqa: F401  (the demo credentials live there)
-        from pymqlink import SolClient
-    except ImportError as error:
-        return "the paper broker is not built yet ({})".format(error)
-    client = SolClient()
-    try:
-        client.connect(
-            host="paper://cli-tests", vpn="quorvex", user="tests", password="", clientname="cli-tests/probe"
-        )
-    except Exception as error:
-        return "paper:// cannot connect ({}: {})".format(type(error).__name__, error)
-    client.disconnect()
-    return None
-
-
 @pytest.fixture(scope="session")
-def paper_broker():
-    reason = _paper_broker_missing()
-    if reason:
-        pytest.skip(reason)
-
-
-# What the demo and the README example use beyond logins and contracts.
-TRADING_TOPICS = (
-    "api/v1/order/place_order",
-    "api/v1/order/update_status",
-    "api/v1/portfolio/position_unit",
-    "api/v1/portfolio/profit_loss",
-    "api/v1/portfolio/account_balance",
-    "api/v1/portfolio/margin",
-)
-
-
-@pytest.fixture(scope="session")
-def paper_trading(paper_broker):
-    """The paper broker with its order and account services."""
-    from quorvex.paper import PaperBroker
-
-    broker = PaperBroker()
-    try:
-        missing = [topic for topic in TRADING_TOPICS if topic not in broker.topics()]
-    finally:
-        broker.close()
-    if missing:
-        pytest.skip("the paper broker does not serve {} yet".format(", ".join(missing)))
-
-
-@pytest.fixture(scope="session")
-def demo_run(paper_trading, tmp_path_factory):
+def demo_run(tmp_path_factory):
     """One demo run serves every assertion about it: it is the slowest thing here."""
     return run_cli(tmp_path_factory.mktemp("demo"), "demo", "--seconds", "2")

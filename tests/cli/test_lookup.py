@@ -8,6 +8,16 @@ from quorvex.constant import SecurityType
 from quorvex.contracts import Contracts
 
 
+def _stock(code, exchange, name):
+    return {
+        "security_type": "STK",
+        "exchange": exchange,
+        "code": code,
+        "symbol": exchange + code,
+        "name": name,
+    }
+
+
 def _future(code, symbol, delivery, category="TXF"):
     return {
         "security_type": "FUT",
@@ -27,27 +37,9 @@ def master():
     contracts = Contracts()
     contracts.Stocks.append(
         [
-            {
-                "security_type": "STK",
-                "exchange": "TSE",
-                "code": "2330",
-                "symbol": "TSE2330",
-                "name": "Foundry",
-            },
-            {
-                "security_type": "STK",
-                "exchange": "TSE",
-                "code": "2303",
-                "symbol": "TSE2303",
-                "name": "United 2330 Co",
-            },
-            {
-                "security_type": "STK",
-                "exchange": "OTC",
-                "code": "6488",
-                "symbol": "OTC6488",
-                "name": "Wafers",
-            },
+            _stock("2330", "TSE", "Foundry"),
+            _stock("2303", "TSE", "United 2330 Co"),
+            _stock("6488", "OTC", "Wafers"),
         ]
     )
     # Listed out of delivery order, so the near month is not simply the first or last.

@@ -4,8 +4,6 @@ import pytest
 
 from quorvex.cli.errors import EXIT_LOGIN_REFUSED, EXIT_UNKNOWN_CODE
 
-pytestmark = pytest.mark.usefixtures("paper_broker")
-
 # Each step's headline, in order: the demo must say what it does.
 DEMO_STEPS = [
     "Connect to the embedded paper broker at paper://",

@@ -37,12 +37,7 @@ def test_readme_commands_parse(command):
     assert args.run
 
 
-def test_readme_has_one_python_example():
-    assert len(_python_blocks()) == 1
-
-
-@pytest.mark.usefixtures("paper_trading")
-def test_python_example_runs(tmp_path):
+def test_the_one_python_example_runs(tmp_path):
     [example] = _python_blocks()
     script = tmp_path / "example.py"
     script.write_text(example, encoding="utf-8")
