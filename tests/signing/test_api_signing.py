@@ -64,13 +64,6 @@ def test_a_failed_activation_keeps_the_working_signer(logged_in, person_file):
     assert logged_in.activated_ca == {PERSON: working}
 
 
-def test_a_second_activation_replaces_the_signer(logged_in, person_file):
-    logged_in.activate_ca(str(person_file), PASSWORD, PERSON)
-    first = logged_in.activated_ca[PERSON]
-    logged_in.activate_ca(str(person_file), PASSWORD, PERSON)
-    assert logged_in.activated_ca[PERSON] is not first
-
-
 def test_errors_of_the_signing_module_pass_unchanged(logged_in, person_file):
     with pytest.raises(ValueError, match="store 1 is not supported"):
         logged_in.activate_ca(str(person_file), PASSWORD, PERSON, 1)
@@ -107,32 +100,22 @@ def test_the_signing_module_is_chosen_by_platform_at_each_call(monkeypatch, logg
     assert all(not m.made for n, m in fakes.items() if n != chosen)
 
 
-def test_an_order_without_a_person_is_signed_for_the_logged_in_user(logged_in, person_file, openssl_verify):
+@pytest.mark.parametrize(
+    "person, other_active, signed_by",
+    [("", False, PERSON), (OTHER, True, OTHER), (OTHER, False, PERSON)],
+    ids=["no-person", "own-signer", "fallback"],
+)
+def test_an_order_is_signed_by_its_persons_signer_else_the_logged_in_users(
+    logged_in, person_file, other_file, openssl_verify, person, other_active, signed_by
+):
     logged_in.activate_ca(str(person_file), PASSWORD, PERSON)
-    order = order_for(stock_account())
+    if other_active:
+        logged_in.activate_ca(str(other_file), PASSWORD, OTHER)
+    order = order_for(stock_account(person))
     assert logged_in.prepare_ca(order) is order
-    assert order.account.person_id == PERSON
+    assert order.account.person_id == (person or PERSON)  # an order without a person gets the user
     verified, stamp = openssl_verify(order.ca)
-    assert verified
-    assert stamp.startswith(f"{PERSON}|{PUBLIC_IP}|")
-
-
-def test_an_order_is_signed_by_its_own_person_when_activated(
-    logged_in, person_file, other_file, openssl_verify
-):
-    logged_in.activate_ca(str(person_file), PASSWORD, PERSON)
-    logged_in.activate_ca(str(other_file), PASSWORD, OTHER)
-    order = logged_in.prepare_ca(order_for(stock_account(OTHER)))
-    assert openssl_verify(order.ca)[1].startswith(f"{OTHER}|")
-
-
-def test_another_persons_order_falls_back_to_the_logged_in_users_signer(
-    logged_in, person_file, openssl_verify
-):
-    logged_in.activate_ca(str(person_file), PASSWORD, PERSON)
-    order = logged_in.prepare_ca(order_for(stock_account(OTHER)))
-    assert order.account.person_id == OTHER
-    assert openssl_verify(order.ca)[1].startswith(f"{PERSON}|")
+    assert verified and stamp.startswith(f"{signed_by}|{PUBLIC_IP}|")
 
 
 def test_an_order_without_account_is_refused(logged_in, person_file):
