@@ -140,16 +140,6 @@ def test_bad_messages_are_dropped_with_a_logged_error(api, calls, logged_errors,
     assert [name for name, _ in calls] == ["on_tick_stk_v1_callback"]
 
 
-def test_a_failing_handler_is_logged_and_the_router_goes_on(api, logged_errors):  # noqa: F811
-    def broken(exchange, tick):
-        raise RuntimeError("handler bug")
-
-    api.set_on_tick_stk_v1_callback(broken)
-    for _ in range(2):
-        assert api.on_msg_wrap("TIC/v1/STK/D/TSE/2330", {"content": stock_tick_content()}) is None
-    assert len(logged_errors) == 2 and "RuntimeError: handler bug" in logged_errors[0]
-
-
 def test_names_are_read_from_the_module_at_each_message(api, calls, api_module, monkeypatch):
     class OwnTick:
         @staticmethod
