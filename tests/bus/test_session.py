@@ -225,21 +225,7 @@ def test_disconnect_from_inside_a_callback_does_not_hang(client, responder):
     assert client.sol is False
 
 
-# ---- session events ----
-
-
-def test_connect_emits_the_connected_event(host):
-    events = Recorder()
-    client = SolClient()
-    client.set_event_callback(events)
-    client.connect(host, "vpn", "user", "pw", "PYAPI/X")
-    try:
-        assert events.wait(1)
-        resp_code, event_code, info, event = events.calls[0]
-        assert (resp_code, event_code, event) == (0, 0, "connected")
-        assert host in info
-    finally:
-        client.disconnect()
+# ---- session events (the first, "connected", is checked through SolaceAPI in tests/e2e) ----
 
 
 def test_lost_link_reconnects_then_goes_down_when_the_bus_is_gone(connect, bus_name, responder):
