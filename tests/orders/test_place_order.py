@@ -1,5 +1,6 @@
 """A placement's life in the trade book: in flight, accepted and re-keyed, failed, refused."""
 
+import datetime
 import logging
 
 import pytest
@@ -46,26 +47,24 @@ def test_sends_the_signed_order_and_rekeys_the_accepted_trade(api):
 
 
 @pytest.mark.parametrize(
-    "response, key, when",
+    "response, key, status_id, when",
     [
-        ({"order": {"id": "ord-2"}}, "ord-2", local_time(1568768168)),
-        ({"status": {"order_ts": 1763600000}}, "", local_time(1763600000)),
+        ({"order": {"id": "ord-2"}}, "ord-2", "ord-2", local_time(1568768168)),
+        ({"status": {"order_ts": 1763600000}}, "", "", local_time(1763600000)),
+        # The reply's status keys override the computed ones.
+        (
+            {"order": {"id": "ord-3"}, "status": {"id": "srv-3", "order_datetime": "2026-11-20T09:00:00"}},
+            "ord-3",
+            "srv-3",
+            datetime.datetime(2026, 11, 20, 9),
+        ),
     ],
 )
-def test_accepted_reply_with_missing_fields(api, response, key, when):
+def test_accepted_reply_with_missing_or_own_status_fields(api, response, key, status_id, when):
     api.session.reply(TOPIC, ok(response))
     trade = api.place_order(TSMC, order())
-    assert api._trades == {key: trade} and trade.status.order_datetime == when
-
-
-def test_reply_status_keys_override_the_computed_ones(api):
-    api.session.reply(
-        TOPIC,
-        ok({"order": {"id": "ord-3"}, "status": {"id": "srv-3", "order_datetime": "2026-11-20T09:00:00"}}),
-    )
-    trade = api.place_order(TSMC, order())
-    assert api._trades == {"ord-3": trade} and trade.status.id == "srv-3"
-    assert trade.status.order_datetime.isoformat() == "2026-11-20T09:00:00"
+    assert api._trades == {key: trade} and trade.status.id == status_id
+    assert trade.status.order_datetime == when
 
 
 @pytest.mark.parametrize(
