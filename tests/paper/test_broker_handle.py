@@ -4,7 +4,6 @@ import pytest
 from pydantic import ValidationError
 
 from quorvex.paper import (
-    DEFAULT_BUS,
     DEMO,
     PaperAccount,
     PaperApiKey,
@@ -19,20 +18,6 @@ def small_config():
     config = PaperBrokerConfig.demo()
     config.contracts_size = 200
     return config
-
-
-def test_demo_credentials_match_the_demo_configuration():
-    config = PaperBrokerConfig.demo()
-    persons = {p.person_id: p for p in config.persons}
-    assert set(persons) == {DEMO.person_id, DEMO.second.person_id}
-    demo = persons[DEMO.person_id]
-    assert demo.password == DEMO.password
-    assert [k.key for k in demo.api_keys] == [DEMO.api_key]
-    assert demo.simulation_tokens == [DEMO.simulation_token]
-    assert DEMO.stock_account["account_type"] == "S" and DEMO.stock_account["signed"] is True
-    assert DEMO.second.futures_account["broker_id"].startswith("F")
-    assert DEMO.second.stock_account["signed"] is False
-    assert DEMO.host == "paper://" and DEFAULT_BUS == "paper"
 
 
 def test_secrets_stay_out_of_reprs():
