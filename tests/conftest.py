@@ -162,6 +162,14 @@ def make_api(module, simulation=False, **kwargs):
 
 
 @pytest.fixture
+def warnings(api_module, monkeypatch):
+    """What the api module gives its logger's `warning` (the refusals in simulation)."""
+    seen = []
+    monkeypatch.setattr(api_module, "logger", types.SimpleNamespace(warning=seen.append))
+    return seen
+
+
+@pytest.fixture
 def api(api_module):
     return make_api(api_module)
 

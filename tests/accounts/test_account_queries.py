@@ -3,7 +3,6 @@ profit and loss with the detail queries that read them; the profit-and-loss summ
 
 import datetime
 import logging
-from types import SimpleNamespace
 
 import pytest
 
@@ -18,13 +17,6 @@ STOCK = StockAccount(person_id="A123456789", broker_id="9A95", account_id="05123
 FUTURES = FutureAccount(person_id="A123456789", broker_id="F002000", account_id="1234567")
 KEYS = {"S": "9A950512345", "F": "F0020001234567"}
 PORTFOLIO = "api/v1/portfolio/"
-
-
-@pytest.fixture
-def warnings(api_module, monkeypatch):
-    seen = []
-    monkeypatch.setattr(api_module, "logger", SimpleNamespace(warning=seen.append))
-    return seen
 
 
 def with_account(account, **fields):

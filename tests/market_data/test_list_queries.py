@@ -154,15 +154,10 @@ def test_scanner_default_date_is_the_utc_date_half_an_hour_ago(
     assert api.session.last().payload["date"] == date
 
 
-def test_simulation_refuses_only_short_stock_sources(sim_api, api_module):
-    warnings = []
-    sink = api_module.logger.add(warnings.append, level="WARNING", format="{message}")
-    try:
-        assert sim_api.short_stock_sources([TSMC]) == []
-        assert sim_api.short_stock_sources([TSMC], timeout=0, cb=pytest.fail) == []
-    finally:
-        api_module.logger.remove(sink)
-    assert [w.strip() for w in warnings] == ["Simulation not support short_stock_sources yet"] * 2
+def test_simulation_refuses_only_short_stock_sources(sim_api, warnings):
+    assert sim_api.short_stock_sources([TSMC]) == []
+    assert sim_api.short_stock_sources([TSMC], timeout=0, cb=pytest.fail) == []
+    assert warnings == ["Simulation not support short_stock_sources yet"] * 2
     assert sim_api.session.requests == [] and sim_api._rep_callback_map == {}
 
     sim_api.snapshots([TSMC])

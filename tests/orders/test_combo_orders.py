@@ -109,10 +109,8 @@ def test_refresh_merges_and_hands_the_book_dict_to_the_callback(api, placed):
     assert api.session.last(REFRESH).payload == {"account": FUTURES_ACCOUNT.dict(), "seqno": "", "tft": False}
 
 
-def test_simulation_refuses_every_combination_service(api_module, monkeypatch):
+def test_simulation_refuses_every_combination_service(api_module, warnings):
     sim = order_api(api_module, simulation=True)
-    warnings = []
-    monkeypatch.setattr(api_module, "logger", type("L", (), {"warning": staticmethod(warnings.append)}))
     combo = sim.place_comboorder(SPREAD, spread_order(), timeout=0, cb=print)
     assert isinstance(combo, ComboTrade) and combo.status.status == Status.Inactive and combo.order.ca == ""
     assert sim.cancel_comboorder(combo) is combo

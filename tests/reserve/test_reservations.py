@@ -1,7 +1,6 @@
 """Reserving stock and earmarking: signed requests, listings, refusals carried in `error`."""
 
 import datetime
-from types import SimpleNamespace
 
 import pytest
 
@@ -97,13 +96,6 @@ def signatures():
 def signing_api(api, signatures):
     api.prepare_casign = signatures[1]
     return api
-
-
-@pytest.fixture
-def warnings(api_module, monkeypatch):
-    seen = []
-    monkeypatch.setattr(api_module, "logger", SimpleNamespace(warning=seen.append))
-    return seen
 
 
 def answer(**fields):
