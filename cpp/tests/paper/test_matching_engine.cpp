@@ -122,15 +122,18 @@ TEST_F(EngineTest, RefusedPlacementIsRecordedAsFailed) {
   const auto events = events_of(orders[0].id);
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].kind, OrderEventKind::Refused);
-}
-
-TEST_F(EngineTest, UnknownIndexAndMisboardedContractsAreRefused) {
+  // A code the master lacks never reaches a book (an index or a wrong board is the book's refusal).
   EXPECT_EQ(engine_->place(ticket("A", "XXXX", Side::Buy, "10", 1)).refusal().code,
             RefusalCode::UnknownContract);
-  EXPECT_EQ(engine_->place(ticket("A", "001", Side::Buy, "10", 1)).refusal().code,
-            RefusalCode::UnknownContract);
-  EXPECT_EQ(engine_->place(ticket("A", "TXFA6", Side::Buy, "23000", 1, Board::IntradayOdd)).refusal().code,
-            RefusalCode::OrderTypeNotAllowed);
+}
+
+TEST_F(EngineTest, IssuedIdsPlaceOnce) {
+  const OrderTicket t = ticket("A", "2330", Side::Buy, "990", 1);
+  const OrderId id = engine_->issue_order_id();
+  ASSERT_EQ(engine_->place(t, id)->id, id);
+  EXPECT_EQ(engine_->place(t, id).refusal().code, RefusalCode::DuplicateOrder);
+  EXPECT_EQ(engine_->place(t, id + 100).refusal().code, RefusalCode::DuplicateOrder);
+  EXPECT_GT(engine_->place(t)->id, id);
 }
 
 TEST_F(EngineTest, SymbolsReachTheContractsBook) {

@@ -14,22 +14,6 @@ namespace {
 constexpr Money kTwd = kCentsPerDollar;
 const Date kMonday{2026, 1, 5};
 
-TEST(PaperMarket, IssuedIdsPlaceOnce) {
-  const ContractMaster master({1, 50, kMonday});
-  core::ManualClock clock(to_time_point(taipei_instant(kMonday, 9 * 3600)));
-  MatchingEngine engine(master, clock);
-  OrderTicket t;
-  t.account = "A";
-  t.code = "2330";
-  t.price = Price::from_whole(990);
-  t.quantity = 1;
-  const OrderId id = engine.issue_order_id();
-  ASSERT_EQ(engine.place(t, id)->id, id);
-  EXPECT_EQ(engine.place(t, id).refusal().code, RefusalCode::DuplicateOrder);
-  EXPECT_EQ(engine.place(t, id + 100).refusal().code, RefusalCode::DuplicateOrder);
-  EXPECT_GT(engine.place(t)->id, id);
-}
-
 // Random orders of several accounts against each other and the synthetic liquidity, fills booked
 // from the delivered events: every account's positions equal its deals in the engine's records,
 // and its cash agrees with its positions and realised results.
