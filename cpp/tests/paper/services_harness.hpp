@@ -26,16 +26,11 @@ using core::Value;
 
 // The demo persons on a small, fixed market: a manual clock on a business day at 10:00
 // Taipei time, a few hundred contracts.
-// A clock reading at a Taipei date and time of day.
-inline core::Clock::time_point taipei_time(const Date& day, std::int64_t seconds_into_day) {
-  return core::Clock::time_point(std::chrono::duration_cast<core::Clock::duration>(
-      std::chrono::nanoseconds(taipei_instant(day, seconds_into_day))));
-}
-
 inline PaperBrokerConfig test_config(std::shared_ptr<core::ManualClock> clock = nullptr) {
   PaperBrokerConfig config = demo_config();
   config.contracts.size = 400;
-  if (!clock) clock = std::make_shared<core::ManualClock>(taipei_time(Date{2026, 1, 5}, 10 * 3600));
+  if (!clock)
+    clock = std::make_shared<core::ManualClock>(to_time_point(taipei_instant({2026, 1, 5}, 10 * 3600)));
   config.clock = clock;
   return config;
 }
@@ -94,7 +89,6 @@ class BrokerHarness {
 
   BrokerCore& core() { return broker_.core(); }
   PaperBroker& broker() { return broker_; }
-  const std::string& bus_name() const { return bus_; }
 
   Client& client(const std::string& name) {
     auto& slot = clients_[name];

@@ -338,7 +338,6 @@ TEST_F(OrderServices, CombinationsRestUntilTheirLegsCanTradeAndCancelOnce) {
   EXPECT_EQ(status_code(single_leg), 400);
 }
 
-
 // Trading on the engine from outside a request (a market simulator's thread) reaches the
 // client once settled, and every client fill is heard by the deal listeners.
 TEST_F(OrderServices, FillsFromOutsideARequestAreSettledReportedAndHeard) {
