@@ -70,7 +70,8 @@ class SolClient:
         """Send `payload` on `topic` with the session token and client name.
 
         timeout > 0 (default: default_timeout, 5000 ms): waits with the interpreter lock released
-        and returns the decoded reply, or None when none came in time. timeout == 0: returns None
+        (unless the reply is already there when the send returns, as from a service that answers
+        on the sender's thread) and returns the decoded reply, or None when none came in time. timeout == 0: returns None
         at once and later calls cb(topic, corrid, reply) on the callback thread (corrid defaults to
         a fresh _gen_reqid()). An unencodable payload raises before anything is sent; a session
         that is not connected raises BusError.

@@ -376,8 +376,8 @@ void Responder::publish(std::string topic, std::string payload) {
   } catch (const core::TopicError& e) {
     throw core::TopicError(std::string("cannot publish: ") + e.what());
   }
-  core_->transport_for("publish on '" + topic + "'")
-      ->publish(make_message(std::move(topic), std::move(payload)));
+  const std::shared_ptr<Transport> transport = core_->transport_for("publish on '" + topic + "'");
+  transport->publish(make_message(std::move(topic), std::move(payload)));
 }
 
 void Responder::publish(std::string topic, const core::Value& payload) {

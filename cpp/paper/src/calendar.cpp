@@ -31,8 +31,8 @@ std::int64_t floor_div(std::int64_t a, std::int64_t b) {
 
 std::int64_t Date::serial() const { return days_from_civil(year, month, day); }
 
-Date Date::from_serial(std::int64_t z) {
-  z += 719468;
+Date Date::from_serial(std::int64_t days) {
+  const std::int64_t z = days + 719468;  // days since 0000-03-01
   const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
   const unsigned doe = static_cast<unsigned>(z - era * 146097);
   const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;

@@ -12,14 +12,21 @@ struct Band {
 };
 
 constexpr std::int64_t kOpen = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t U(double v) { return static_cast<std::int64_t>(v * Price::kScale + 0.5); }
+// A price given in hundredths of a dollar (every band edge and tick is a whole number of them),
+// in price units.
+constexpr std::int64_t U(std::int64_t hundredths) { return hundredths * Price::kScale / 100; }
 
-constexpr std::array<Band, 6> kStock{
-    {{U(10), U(0.01)}, {U(50), U(0.05)}, {U(100), U(0.1)}, {U(500), U(0.5)}, {U(1000), U(1)}, {kOpen, U(5)}}};
-constexpr std::array<Band, 2> kEtf{{{U(50), U(0.01)}, {kOpen, U(0.05)}}};
-constexpr std::array<Band, 1> kIndexFuture{{{kOpen, U(1)}}};
+constexpr std::array<Band, 6> kStock{{{U(1000), U(1)},
+                                      {U(5000), U(5)},
+                                      {U(10000), U(10)},
+                                      {U(50000), U(50)},
+                                      {U(100000), U(100)},
+                                      {kOpen, U(500)}}};
+constexpr std::array<Band, 2> kEtf{{{U(5000), U(1)}, {kOpen, U(5)}}};
+constexpr std::array<Band, 1> kIndexFuture{{{kOpen, U(100)}}};
 constexpr std::array<Band, 5> kOption{
-    {{U(10), U(0.1)}, {U(50), U(0.5)}, {U(500), U(1)}, {U(1000), U(5)}, {kOpen, U(10)}}};
+    {{U(1000), U(10)}, {U(5000), U(50)}, {U(50000), U(100)}, {U(100000), U(500)}, {kOpen, U(1000)}}};
+static_assert(Price::kScale % 100 == 0, "band edges and ticks are whole hundredths");
 
 struct Bands {
   const Band* begin;

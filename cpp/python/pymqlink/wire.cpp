@@ -364,7 +364,8 @@ class ObjectBuilder {
   bool end_array() { return close(); }
   bool start_map(std::uint32_t n) {
     if (!admit(n, true)) return false;
-    return open(PyDict_New(), true);
+    // Sized for its entries up front, so a record-sized map is not rehashed as it fills.
+    return open(n > 5 ? _PyDict_NewPresized(static_cast<Py_ssize_t>(n)) : PyDict_New(), true);
   }
   bool start_map_key() {
     frames_.back().key_position = true;

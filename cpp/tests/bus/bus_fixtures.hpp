@@ -34,7 +34,6 @@ struct Seen {
 // Records every delivery; an optional hook runs for each one on the dispatcher thread.
 class RecordingListener : public quorvex::bus::SessionListener {
  public:
-  // The hook runs for each delivery on the dispatcher thread.
   void set_hook(std::function<void(const Delivery&)> hook) {
     std::lock_guard<std::mutex> lock(mutex_);
     hook_ = std::make_shared<std::function<void(const Delivery&)>>(std::move(hook));

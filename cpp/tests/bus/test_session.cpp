@@ -12,9 +12,9 @@ using quorvex::core::Value;
 
 namespace {
 
-ResponderOptions inline_dispatch() {
+ResponderOptions dispatching(Dispatch dispatch) {
   ResponderOptions o;
-  o.dispatch = Dispatch::Inline;
+  o.dispatch = dispatch;
   return o;
 }
 
@@ -34,9 +34,7 @@ class SessionRequests : public ::testing::TestWithParam<Dispatch> {};
 }  // namespace
 
 TEST_P(SessionRequests, BlockingRequestCarriesTokenAndClientName) {
-  ResponderOptions ro;
-  ro.dispatch = GetParam();
-  Responder responder(bus_host(), ro);
+  Responder responder(bus_host(), dispatching(GetParam()));
   serve_echo(responder, "api/v1/>");
   Client client(bus_host(), "PYAPI/A123/LOGINING");
   client.session.set_token("tok-1");
@@ -53,9 +51,7 @@ TEST_P(SessionRequests, BlockingRequestCarriesTokenAndClientName) {
 }
 
 TEST_P(SessionRequests, BlockingRequestInsideADeliveryCompletes) {
-  ResponderOptions ro;
-  ro.dispatch = GetParam();
-  Responder responder(bus_host(), ro);
+  Responder responder(bus_host(), dispatching(GetParam()));
   serve_echo(responder, "svc/echo");
   Client client(bus_host());
   std::promise<bool> nested;
@@ -70,9 +66,7 @@ TEST_P(SessionRequests, BlockingRequestInsideADeliveryCompletes) {
 }
 
 TEST_P(SessionRequests, AsyncReplyArrivesOnTheDispatcherThreadWithItsCorrelationId) {
-  ResponderOptions ro;
-  ro.dispatch = GetParam();
-  Responder responder(bus_host(), ro);
+  Responder responder(bus_host(), dispatching(GetParam()));
   serve_echo(responder, "svc/echo");
   Client client(bus_host());
   auto context = std::make_shared<int>(7);
@@ -187,7 +181,7 @@ TEST(Session, PointToPointReachesOnlyTheAddressedSession) {
 }
 
 TEST(Session, RepliesMessagesAndDirectMessagesKeepArrivalOrder) {
-  Responder responder(bus_host(), inline_dispatch());
+  Responder responder(bus_host(), dispatching(Dispatch::Inline));
   Client client(bus_host());
   responder.serve("svc/x", [&](const ServiceRequest& req) {
     // The order report goes out before the reply, and must arrive before it.

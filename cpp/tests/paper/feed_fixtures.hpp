@@ -103,6 +103,6 @@ inline bool eventually(const std::function<bool()>& condition,
   return condition();
 }
 
-inline core::Value decode(const std::string& payload) { return core::decode(payload); }
+using core::decode;
 
 }  // namespace quorvex::paper::testing

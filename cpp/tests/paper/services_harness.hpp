@@ -26,16 +26,11 @@ using core::Value;
 
 // The demo persons on a small, fixed market: a manual clock on a business day at 10:00
 // Taipei time, a few hundred contracts.
-// A clock reading at a Taipei date and time of day.
-inline core::Clock::time_point taipei_time(const Date& day, std::int64_t seconds_into_day) {
-  return core::Clock::time_point(std::chrono::duration_cast<core::Clock::duration>(
-      std::chrono::nanoseconds(taipei_instant(day, seconds_into_day))));
-}
-
 inline PaperBrokerConfig test_config(std::shared_ptr<core::ManualClock> clock = nullptr) {
   PaperBrokerConfig config = demo_config();
   config.contracts.size = 400;
-  if (!clock) clock = std::make_shared<core::ManualClock>(taipei_time(Date{2026, 1, 5}, 10 * 3600));
+  if (!clock)
+    clock = std::make_shared<core::ManualClock>(to_time_point(taipei_instant({2026, 1, 5}, 10 * 3600)));
   config.clock = clock;
   return config;
 }
@@ -94,7 +89,6 @@ class BrokerHarness {
 
   BrokerCore& core() { return broker_.core(); }
   PaperBroker& broker() { return broker_; }
-  const std::string& bus_name() const { return bus_; }
 
   Client& client(const std::string& name) {
     auto& slot = clients_[name];
@@ -139,5 +133,53 @@ class BrokerHarness {
 
 inline std::int64_t status_code(const Value& reply) { return reply.get("status").get_int("status_code"); }
 inline std::string detail(const Value& reply) { return reply.get("response").get_string("detail"); }
+
+// The demo persons' accounts as requests name them: A is the first person's, B the second's.
+inline const Value kStockA =
+    Value::map({{"account_type", "S"}, {"broker_id", "9A95"}, {"account_id", "0000001"}});
+inline const Value kFuturesA =
+    Value::map({{"account_type", "F"}, {"broker_id", "F002000"}, {"account_id", "1234567"}});
+inline const Value kStockB =
+    Value::map({{"account_type", "S"}, {"broker_id", "9A95"}, {"account_id", "0000002"}});
+inline const Value kFuturesB =
+    Value::map({{"account_type", "F"}, {"broker_id", "F002000"}, {"account_id", "7654321"}});
+
+// A limit ROD order; `extra` fields replace or add to it.
+inline Value order_of(const Value& account, const char* action, double price, std::int64_t quantity,
+                      std::initializer_list<core::MapEntry> extra = {}) {
+  Value order = Value::map({{"action", action},
+                            {"price", price},
+                            {"quantity", quantity},
+                            {"account", account},
+                            {"price_type", "LMT"},
+                            {"order_type", "ROD"}});
+  for (const core::MapEntry& e : extra) order.set(e.key, e.value);
+  return order;
+}
+
+inline Value placement(std::string_view code, Value order) {
+  return Value::map(
+      {{"contract", Value::map({{"code", code}})}, {"order", std::move(order)}, {"tft", false}});
+}
+
+// A stock the broker lends, so it can be reserved.
+inline std::string lendable_stock(const ContractMaster& master) {
+  for (const Contract& c : master.contracts(SecurityType::Stock)) {
+    if (c.short_selling && c.short_selling_balance > 0 && !c.is_etf()) return c.code;
+  }
+  return "";
+}
+
+// A broker with the second demo person logged in as client "b".
+class ServicesTest : public ::testing::Test {
+ protected:
+  BrokerHarness broker;
+  BrokerHarness::Client& b = broker.login("b", demo::kSecondPersonId, demo::kSecondPassword);
+
+  Value place(BrokerHarness::Client& c, std::string_view code, Value order,
+              const char* topic = "api/v1/order/place_order") {
+    return broker.request(c, topic, placement(code, std::move(order)));
+  }
+};
 
 }  // namespace quorvex::paper::testing

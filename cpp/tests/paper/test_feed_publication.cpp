@@ -60,12 +60,6 @@ class FeedTest : public ::testing::Test {
   QuoteFeed feed_;
 };
 
-TEST_F(FeedTest, PublishesNothingWithoutSubscribers) {
-  run_market(120);
-  EXPECT_EQ(published_.size(), 0u);
-  EXPECT_EQ(feed_.stats().streams, 0u);
-}
-
 struct FamilyCase {
   const char* name;
   std::function<std::string()> filter;

@@ -1,32 +1,17 @@
 // Money and holdings after fills, and reservations, through the services.
-#include "../sign/pki.hpp"
-#include "quorvex/sign/signer.hpp"
 #include "services_harness.hpp"
 
 namespace quorvex::paper::testing {
 namespace {
 
-const Value kStockA = Value::map({{"account_type", "S"}, {"broker_id", "9A95"}, {"account_id", "0000001"}});
-const Value kStockB = Value::map({{"account_type", "S"}, {"broker_id", "9A95"}, {"account_id", "0000002"}});
-const Value kFuturesB =
-    Value::map({{"account_type", "F"}, {"broker_id", "F002000"}, {"account_id", "7654321"}});
-
-class AccountServices : public ::testing::Test {
+class AccountServices : public ServicesTest {
  protected:
-  BrokerHarness broker;
-  BrokerHarness::Client& b = broker.login("b", demo::kSecondPersonId, demo::kSecondPassword);
-
   // A marketable order that must fill at once.
   Value trade(const Value& account, std::string_view code, const char* action, double price,
               std::int64_t quantity, const char* price_type = "LMT") {
-    const Value reply = broker.request(b, "api/v1/order/place_order",
-                                       Value::map({{"contract", Value::map({{"code", code}})},
-                                                   {"order", Value::map({{"action", action},
-                                                                         {"price", price},
-                                                                         {"quantity", quantity},
-                                                                         {"account", account},
-                                                                         {"price_type", price_type},
-                                                                         {"order_type", "IOC"}})}}));
+    const Value reply = place(
+        b, code,
+        order_of(account, action, price, quantity, {{"price_type", price_type}, {"order_type", "IOC"}}));
     EXPECT_EQ(status_code(reply), 200) << reply;
     EXPECT_EQ(reply.get("response").get("status").get_string("status"), "Filled") << reply;
     return reply;
@@ -188,14 +173,6 @@ TEST_F(AccountServices, SimulationSessionsSeePaperPositionsButNotTheLiveOnlyServ
   EXPECT_NE(detail(refused).find("not offered to simulation sessions"), std::string::npos);
 }
 
-// A stock the broker lends, so it can be reserved.
-std::string lendable_stock(const ContractMaster& master) {
-  for (const Contract& c : master.contracts(SecurityType::Stock)) {
-    if (c.short_selling && c.short_selling_balance > 0 && !c.is_etf()) return c.code;
-  }
-  return "";
-}
-
 TEST_F(AccountServices, ReservationsAndEarmarksAreListedForTheirAccountOnly) {
   const std::string code = lendable_stock(broker.core().contracts());
   ASSERT_FALSE(code.empty());
@@ -238,26 +215,6 @@ TEST_F(AccountServices, ReservationsAndEarmarksAreListedForTheirAccountOnly) {
       Value::map({{"account", kStockA}, {"contract", contract}, {"order", Value::map({{"share", 1000}})}}));
   EXPECT_EQ(status_code(unsigned_request), 403);
   EXPECT_EQ(unsigned_request.get("response").get_int("sts_code"), 74090);
-}
-
-TEST(SignedReservations, NeedTheHoldersSignatureOverATextNamingTheRequest) {
-  sign::testing::Pki pki;
-  const std::string file = pki.write("holder.p12", pki.person({{"CN", std::string(demo::kPersonId)}}), "pw");
-  const sign::Signer signer(file, "pw", std::string(demo::kPersonId), "127.0.0.1");
-  BrokerHarness broker(test_config(std::make_shared<core::ManualClock>(std::chrono::system_clock::now())));
-  auto& a = broker.login("a", demo::kPersonId, demo::kPassword);
-  const std::string code = lendable_stock(broker.core().contracts());
-  auto request = [&](const std::string& text) {
-    const Value ca = Value::map({{"signature", signer.sign_text(text)}, {"plain_text", text}});
-    return broker.request(a, "api/v1/order/reserve_stock",
-                          Value::map({{"account", kStockA},
-                                      {"contract", Value::map({{"code", code}})},
-                                      {"order", Value::map({{"share", 1000}, {"ca", ca}})}}));
-  };
-  EXPECT_EQ(status_code(request("account | code='" + code + "' | 1000")), 200);
-  const Value elsewhere = request("account | code='0000' | 1000");
-  EXPECT_EQ(status_code(elsewhere), 403);
-  EXPECT_NE(detail(elsewhere).find("does not name"), std::string::npos);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ constexpr std::int64_t kNanosPerMilli = 1'000'000;
 class AuthTest : public ::testing::Test {
  protected:
   std::shared_ptr<core::ManualClock> clock =
-      std::make_shared<core::ManualClock>(taipei_time(Date{2026, 1, 5}, 36000));
+      std::make_shared<core::ManualClock>(to_time_point(taipei_instant({2026, 1, 5}, 36000)));
   BrokerHarness broker{test_config(clock)};
 
   // The signed API-key login request: the msgpack document, its Ed25519 signature, Base58.

@@ -28,25 +28,19 @@ class SignerTest : public ::testing::Test {
 std::unique_ptr<Pki> SignerTest::pki_;
 std::string SignerTest::good_;
 
-TEST_F(SignerTest, OpensAValidCertificateForItsPerson) {
+TEST_F(SignerTest, OpensTheCertificateOfItsPersonByNameOrSerialNumberInAnyLetterCase) {
   const Signer signer(good_, kPassword, kPerson, "203.0.113.7");
   EXPECT_TRUE(signer.is_active());
   EXPECT_EQ(signer.activation_error(), "");
   EXPECT_NE(signer.certificate_subject().find(kPerson), std::string::npos);
-}
-
-TEST_F(SignerTest, MatchesThePersonBySerialNumberAndWithoutLetterCase) {
+  EXPECT_TRUE(Signer(good_, kPassword, "a123456789", "").is_active());
   const std::string by_serial = pki_->write(
       "serial.p12", pki_->person({{"CN", "Wang Da-Ming"}, {"serialNumber", "B987654321"}}), kPassword);
   EXPECT_TRUE(Signer(by_serial, kPassword, "B987654321", "").is_active());
   EXPECT_TRUE(Signer(by_serial, kPassword, "b987654321", "").is_active());
   EXPECT_FALSE(Signer(by_serial, kPassword, "Wang Da-Min", "").is_active());
-  EXPECT_TRUE(Signer(good_, kPassword, "a123456789", "").is_active());
-}
-
-TEST_F(SignerTest, OpensAFileWithAnEmptyPassword) {
-  const std::string path = pki_->write("nopass.p12", pki_->person({{"CN", kPerson}}), "");
-  EXPECT_TRUE(Signer(path, "", kPerson, "").is_active());
+  const std::string no_password = pki_->write("nopass.p12", pki_->person({{"CN", kPerson}}), "");
+  EXPECT_TRUE(Signer(no_password, "", kPerson, "").is_active());
 }
 
 struct Refusal {
@@ -110,16 +104,6 @@ INSTANTIATE_TEST_SUITE_P(Files, RefusedCertificate,
 TEST_F(SignerTest, RefusesTheFieldSeparatorInPersonOrAddress) {
   EXPECT_THROW(Signer(good_, kPassword, "A1|B2", ""), std::invalid_argument);
   EXPECT_THROW(Signer(good_, kPassword, kPerson, "1.2.3.4|5"), std::invalid_argument);
-}
-
-TEST_F(SignerTest, OrderTextJoinsPersonAddressAndUtcSecond) {
-  // 1700000000 is 2023-11-14 22:13:20 UTC.
-  EXPECT_EQ(order_text(kPerson, "203.0.113.7", 1700000000), "A123456789|203.0.113.7|20231114221320");
-  const auto stamp = parse_order_text("A123456789|203.0.113.7|20231114221320");
-  ASSERT_TRUE(stamp);
-  EXPECT_EQ(stamp->person_id, kPerson);
-  EXPECT_EQ(stamp->public_ip, "203.0.113.7");
-  EXPECT_EQ(stamp->signed_at, 1700000000);
 }
 
 TEST_F(SignerTest, AMovedSignerKeepsSigning) {

@@ -284,11 +284,12 @@ void BrokerCore::State::report(Request& request, const Account& account, const s
                                bool futures, bool deal, std::string payload) {
   const char* word = deal ? (futures ? "FDEAL" : "DEAL") : (futures ? "FORDER" : "ORDER");
   const std::vector<std::string> targets = sessions.report_sessions(&account, placing_session);
-  for (std::size_t i = 0; i < targets.size(); ++i) {
-    std::string topic = "report/v1/" + account.key + "/" + word;
-    request.reports.push_back(
-        Report{targets[i], std::move(topic), i + 1 == targets.size() ? std::move(payload) : payload});
-  }
+  const std::string topic = "report/v1/" + account.key + "/" + word;
+  if (targets.empty()) return;
+  // Every session but the last gets a copy; the last one takes the payload itself.
+  for (std::size_t i = 0; i + 1 < targets.size(); ++i)
+    request.reports.push_back(Report{targets[i], topic, payload});
+  request.reports.push_back(Report{targets.back(), topic, std::move(payload)});
 }
 
 // ---- events ----

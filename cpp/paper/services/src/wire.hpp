@@ -84,6 +84,9 @@ Value contract_value(const Contract& contract);
 // contract or account dict).
 class Writer {
  public:
+  // Room for a typical reply or report up front, so that writing one grows the buffer at most
+  // once or twice instead of copying it at every doubling.
+  Writer() { out_.reserve(kTypicalMessage); }
   Writer& map(std::uint32_t entries);
   Writer& array(std::uint32_t items);
   Writer& key(std::string_view key) { return text(key); }
@@ -97,6 +100,7 @@ class Writer {
   std::string take() { return std::move(out_); }
 
  private:
+  static constexpr std::size_t kTypicalMessage = 960;
   std::string out_;
 };
 

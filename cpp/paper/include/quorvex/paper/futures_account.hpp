@@ -212,8 +212,7 @@ class FuturesAccountBook {
   Quantity open_quantity(const std::string& code, Side direction) const;
   Money margin_needed(const Contract& contract, Side side, Price price, Quantity opening,
                       const MarkPrice& mark) const;
-  Money short_option_margin(const Contract& contract, Price mark, Money a_value,
-                            const MarkPrice& marks) const;
+  Money short_option_margin(const Contract& c, Price premium, Money a_value, const MarkPrice& marks) const;
   void use_hold(OrderId order, Quantity quantity);
   void count_hold(const Hold& hold, int sign);
 

@@ -74,7 +74,7 @@ class MatchingEngine {
   OrderId issue_order_id();
   // Places under a new id, or under `id` from issue_order_id (each issued id places once).
   // A refused placement is still recorded (status Failed) and reported as a Refused event.
-  Result<OrderReceipt> place(const OrderTicket& ticket, std::optional<OrderId> id = std::nullopt);
+  Result<OrderReceipt> place(const OrderTicket& ticket, std::optional<OrderId> issued = std::nullopt);
   // A finished order answers NothingToCancel (sts_code 74006); an unknown id UnknownOrder.
   Result<OrderReceipt> cancel(OrderId id);
   Result<OrderReceipt> change_price(OrderId id, Price price);
@@ -99,7 +99,7 @@ class MatchingEngine {
   Outcome refuse_finished(OrderId id, OrderOperation op, const OrderRecord& record);
   static OrderRecord handed_out(const OrderRecord& record);
   void settle_events(BookState* book);
-  void replenish(BookState& book);
+  void replenish(BookState& state);
   void apply(const OrderEvent& event);
   void prune_finished();
   OrderReceipt receipt(OrderId id) const;

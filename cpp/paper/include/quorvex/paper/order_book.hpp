@@ -90,7 +90,7 @@ class OrderBook {
 
   std::optional<Price> best_bid() const;
   std::optional<Price> best_ask() const;
-  std::vector<DepthLevel> depth(Side side, std::size_t levels) const;
+  std::vector<DepthLevel> depth(Side side, std::size_t count) const;
   std::optional<RestingOrder> resting(OrderId id) const;
   std::size_t resting_count() const { return index_.size(); }
   std::optional<Price> last_price() const { return last_price_; }
