@@ -4,11 +4,13 @@ import datetime
 import logging
 
 import pytest
+from pydantic import field_validator
 
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api
 from quorvex.account import StockAccount
 from quorvex.constant import Status
+from quorvex.order import Trade
 from quorvex.contracts import Option, Stock
 from quorvex.error import TokenError
 
@@ -167,3 +169,19 @@ def test_accepted_reply_rebuilds_the_order_keeping_an_unchanged_account(api, acc
     assert trade.order is not placed and placed.id == ""
     assert (trade.order.account is placed.account) == kept
     assert trade.order.account.dict() == StockAccount(**account_block).dict()
+
+
+def test_a_trade_class_with_a_validator_sees_the_reply_assigned(api_module, api, monkeypatch):
+    seen = []
+
+    class CheckedTrade(Trade):
+        @field_validator("status")
+        @classmethod
+        def _checked(cls, status):
+            seen.append(status.status)
+            return status
+
+    monkeypatch.setattr(api_module, "Trade", CheckedTrade)
+    api.session.reply(TOPIC, ACCEPTED)
+    trade = api.place_order(TSMC, order())
+    assert seen == [Status.Inactive, Status.PendingSubmit] and trade.status.status == Status.PendingSubmit

@@ -171,9 +171,9 @@ nb::object record_fields(nb::handle record);
 // True when the dict `fields` holds exactly a library record's fields with equal values
 // (nested dicts compared with nested records field by field).
 bool same_fields(nb::handle record, nb::handle fields);
-// record.<name> = value, stored without revalidation when the record is a library record and
-// the value is of the same class as the field's current value (the assignment's validation
-// would pass it through unchanged).
+// record.<name> = value, stored without revalidation when the record is a library record whose
+// field has no validator and the value is of the same class as the field's current value (the
+// assignment's validation would pass it through unchanged).
 void set_field(nb::handle record, const char* name, nb::handle value);
 
 // `fmt`.format(args...) with Python's str.format.

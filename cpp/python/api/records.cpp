@@ -100,18 +100,61 @@ nb::object dumped_sequence(nb::handle sequence) {
   return out;
 }
 
-// What dict() makes of a field's value: records become dicts, the rest stays as it is
-// (enumeration members, datetimes, numbers and texts alike).
+// A dict with every record among its values dumped, as a new dict.
+nb::object dumped_mapping(nb::handle mapping) {
+  nb::object out = checked(PyDict_New());
+  PyObject *key, *value;
+  Py_ssize_t pos = 0;
+  while (PyDict_Next(mapping.ptr(), &pos, &key, &value)) {
+    if (PyDict_SetItem(out.ptr(), key, dumped(value).ptr()) != 0) throw nb::python_error();
+  }
+  return out;
+}
+
+// What dict() makes of a field's value: records become dicts, containers new containers, the
+// rest stays as it is (enumeration members, datetimes, numbers and texts alike).
 nb::object dumped(nb::handle value) {
   PyObject* v = value.ptr();
   if (PyUnicode_Check(v) || PyLong_Check(v) || PyFloat_Check(v) || v == Py_None) return nb::borrow(value);
   if (PyList_CheckExact(v) || PyTuple_CheckExact(v)) return dumped_sequence(value);
+  if (PyDict_CheckExact(v)) return dumped_mapping(value);
   switch (kind_of_instance(value)) {
     case Kind::PlainRecord: return record_dict(value);
     case Kind::OtherModel: return attr(value, "model_dump")();
     case Kind::Other: break;
   }
   return nb::borrow(value);
+}
+
+// The fields of a plain record's class that an assignment would store as given when the value
+// is of the class already there: none when the class has validators of its own, else those
+// whose annotation carries no validator or other metadata. Decided once per class.
+bool assigns_as_given(nb::handle record, nb::handle name) {
+  static PyObject* const cache = PyDict_New();
+  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(record.ptr()));
+  PyObject* known = PyDict_GetItemWithError(cache, type);
+  if (!known) {
+    if (PyErr_Occurred()) throw nb::python_error();
+    nb::object names = checked(PySet_New(nullptr));
+    nb::object decorators = attr(type, "__pydantic_decorators__");
+    bool validated = false;
+    for (const char* kind : {"validators", "field_validators", "root_validators", "model_validators"}) {
+      validated = validated || !empty(nb::getattr(decorators, kind));
+    }
+    if (!validated) {
+      PyObject *field, *info;
+      Py_ssize_t pos = 0;
+      nb::object fields = attr(type, "model_fields");
+      while (PyDict_Next(fields.ptr(), &pos, &field, &info)) {
+        if (empty(attr(info, "metadata")) && PySet_Add(names.ptr(), field) != 0) throw nb::python_error();
+      }
+    }
+    if (PyDict_SetItem(cache, type, names.ptr()) != 0) throw nb::python_error();
+    known = names.ptr();
+  }
+  const int r = PySet_Contains(known, name.ptr());
+  if (r < 0) throw nb::python_error();
+  return r == 1;
 }
 
 }  // namespace
@@ -168,7 +211,7 @@ bool same_fields(nb::handle record, nb::handle fields) {
 }
 
 void set_field(nb::handle record, const char* name, nb::handle value) {
-  if (is_plain_record(record)) {
+  if (is_plain_record(record) && assigns_as_given(record, interned(name))) {
     nb::object fields = attr(record, "__dict__");
     PyObject* current = PyDict_GetItemWithError(fields.ptr(), interned(name).ptr());
     if (!current && PyErr_Occurred()) throw nb::python_error();
