@@ -13,9 +13,9 @@ the same process that answers on the sender's thread, in the same mode: the rati
 many echo round trips one order costs. A second figure, the floor, is the record and codec
 work one order cannot do without, done in a loop with no bus, broker or threads: the trade
 with its provisional status, the payload encoded, the reply decoded into a new status and a
-rebuilt order, and the two reports decoded. Order signing is left out (prepare_ca returns the order as it is): the signer has its own
-cost, and the broker does not check signatures of accounts that are not signed. Best of
-three rounds.
+rebuilt order, and the two reports decoded. Order signing is left out (prepare_ca returns
+the order as it is): the signer has its own cost, and the broker does not check signatures of
+accounts that are not signed. Best of three rounds.
 """
 
 import datetime

@@ -10,9 +10,9 @@ from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api
 from quorvex.account import StockAccount
 from quorvex.constant import Status
-from quorvex.order import Trade
 from quorvex.contracts import Option, Stock
 from quorvex.error import TokenError
+from quorvex.order import Trade
 
 TOPIC = "api/v1/order/place_order"
 ACCEPTED = ok(
