@@ -71,10 +71,10 @@ class SolClient:
 
         timeout > 0 (default: default_timeout, 5000 ms): waits with the interpreter lock released
         (unless the reply is already there when the send returns, as from a service that answers
-        on the sender's thread) and returns the decoded reply, or None when none came in time. timeout == 0: returns None
-        at once and later calls cb(topic, corrid, reply) on the callback thread (corrid defaults to
-        a fresh _gen_reqid()). An unencodable payload raises before anything is sent; a session
-        that is not connected raises BusError.
+        on the sender's thread) and returns the decoded reply, or None when none came in time.
+        timeout == 0: returns None at once and later calls cb(topic, corrid, reply) on the
+        callback thread (corrid defaults to a fresh _gen_reqid()). An unencodable payload raises
+        before anything is sent; a session that is not connected raises BusError.
         """
     def _gen_reqid(self) -> str:
         """A fresh correlation id, unique within this session object."""
