@@ -115,6 +115,12 @@ void import_names(ApiClass& api, std::initializer_list<const char*> names);
 
 // ---- Python semantics in C++ -------------------------------------------------------
 
+// A new reference from the C API as an object; the pending Python error raised when it is null.
+inline nb::object checked(PyObject* result) {
+  if (!result) throw nb::python_error();
+  return nb::steal(result);
+}
+
 // obj.<name>, fetched now. Use this (or nb::getattr) for every value passed on to a call:
 // nanobind converts call arguments in noexcept code, so a lazy `obj.attr(...)` accessor
 // whose lookup fails there ends the process instead of raising AttributeError.

@@ -10,11 +10,6 @@
 namespace quorvex::api {
 namespace {
 
-nb::object checked(PyObject* result) {
-  if (!result) throw nb::python_error();
-  return nb::steal(result);
-}
-
 bool greater(nb::handle a, long b) {
   const int r = PyObject_RichCompareBool(a.ptr(), nb::int_(b).ptr(), Py_GT);
   if (r < 0) throw nb::python_error();

@@ -40,11 +40,6 @@ const QuoteFamily kQuoteFamilies[] = {
 
 #undef QV_INTERNED
 
-nb::object checked(PyObject* result) {
-  if (!result) throw nb::python_error();
-  return nb::steal(result);
-}
-
 bool starts_with(const char* text, Py_ssize_t size, const char* prefix) {
   const std::size_t length = std::strlen(prefix);
   return static_cast<std::size_t>(size) >= length && std::memcmp(text, prefix, length) == 0;

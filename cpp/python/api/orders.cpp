@@ -54,11 +54,6 @@ constexpr long kCancelRefusedStsCode = 74006;
 
 // ---- small Python operations ---------------------------------------------------------
 
-nb::object checked(PyObject* result) {
-  if (!result) throw nb::python_error();
-  return nb::steal(result);
-}
-
 // mapping[key], KeyError when absent.
 nb::object item(nb::handle mapping, nb::handle key) {
   return checked(PyObject_GetItem(mapping.ptr(), key.ptr()));

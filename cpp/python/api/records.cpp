@@ -11,11 +11,6 @@
 namespace quorvex::api {
 namespace {
 
-nb::object checked(PyObject* result) {
-  if (!result) throw nb::python_error();
-  return nb::steal(result);
-}
-
 // The unbound functions a plain record's class must still have as its dict and model_dump.
 struct RecordBase {
   nb::object dict_function;

@@ -9,11 +9,6 @@ namespace {
 constexpr const char* kLoginClientName = "PYAPI/{}/{}/LOGINING";
 constexpr const char* kClientNameTime = "%m%d/%H%M%S/%f";
 
-nb::object checked(PyObject* result) {
-  if (!result) throw nb::python_error();
-  return nb::steal(result);
-}
-
 // How the interpreter names a callable in argument errors: "Account()", "SolClient.connect()".
 std::string callable_name(nb::handle fn) {
   if (nb::hasattr(fn, "__qualname__")) return std::string(nb::str(attr(fn, "__qualname__")).c_str()) + "()";
