@@ -592,7 +592,8 @@ Value BrokerCore::State::combo_entry(const ComboOrder& combo) const {
 // Trades each working combination whose legs can all be filled now within its net price: every
 // leg goes to the market as an IOC order at the worst price needed, so the legs trade together.
 void BrokerCore::State::work_combos(Request& request, const Account* only_account) {
-  for (auto& [id, combo] : combos) {
+  for (auto& [id, entry_combo] : combos) {
+    ComboOrder& combo = entry_combo;  // a plain reference: C++17 lambdas cannot capture a binding
     if (!combo.working() || (only_account != nullptr && combo.account != only_account)) continue;
     const Quantity wanted = combo.quantity - combo.dealt - combo.cancelled;
     struct Plan {
