@@ -389,6 +389,41 @@ class Contracts:
         """The collection of one security type."""
         return getattr(self, _security_type(security_type).name + "s")
 
+    def _futures_of(self, product: str) -> List[Contract]:
+        if not isinstance(product, str) or not product:
+            raise ValueError("product must be a futures product code such as 'TXF', got {!r}".format(product))
+        futures: ProductContracts = getattr(self, SecurityType.Future.name + "s")
+        group = futures._groups.get(product.upper())
+        listed = [group[code] for code in group] if group is not None else []
+        # Continuous contracts ("TXFR1") name a real month in target_code; they are not months.
+        return sorted(
+            (c for c in listed if not c.target_code and c.delivery_date),
+            key=lambda c: (c.delivery_date, c.code),
+        )
+
+    def near_month(self, product: str) -> Optional[Contract]:
+        """The future of ``product`` ("TXF") with the nearest delivery; None when not listed."""
+        months = self._futures_of(product)
+        return months[0] if months else None
+
+    def continuous(self, product: str, rank: int = 1) -> Optional[Contract]:
+        """The ``rank``-th nearest month of ``product`` (1: the near month, 2: the next), as a
+        continuous contract whose ``target_code`` names that month; None when not listed.
+
+        Quotes and orders of a continuous contract go to its ``target_code``.
+        """
+        if isinstance(rank, bool) or not isinstance(rank, int) or rank < 1:
+            raise ValueError("rank must be a whole number from 1 (the near month), got {!r}".format(rank))
+        months = self._futures_of(product)
+        if len(months) < rank:
+            return None
+        month = months[rank - 1]
+        code = "{}R{}".format(product.upper(), rank)
+        listed = getattr(self, SecurityType.Future.name + "s").get(code)
+        if listed is not None and listed.target_code == month.code:
+            return listed  # type: ignore[no-any-return]
+        return month.model_copy(update={"code": code, "symbol": code, "target_code": month.code})
+
     def __iter__(self) -> Iterator[ProductContracts]:
         return (self.of(security_type) for security_type in SecurityType)
 

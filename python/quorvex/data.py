@@ -1,6 +1,6 @@
 """Money, settlements, market data, signatures and trace records."""
 
-from typing import Any, Dict, List, Optional
+from typing import TYPE_CHECKING, Any, Dict, List, Optional
 
 from pydantic import Field
 from typing_extensions import Literal
@@ -8,6 +8,18 @@ from typing_extensions import Literal
 from quorvex.account import AnyAccount
 from quorvex.common import BaseModel, PositionalModel
 from quorvex.constant import ChangeType, FetchStatus, TickType
+
+if TYPE_CHECKING:  # pragma: no cover
+    import pandas
+
+
+def _columns_df(self: BaseModel) -> "pandas.DataFrame":
+    """The columns as a pandas DataFrame: snake_case names, Taipei time stamps (pandas is
+    optional and imported now)."""
+    from quorvex.frames import columns_frame
+
+    return columns_frame({name: getattr(self, name) for name in type(self).model_fields})
+
 
 __all__ = [
     "AccountBalance",
@@ -96,6 +108,8 @@ class Ticks(BaseModel):
     ask_volume: List[int] = []
     tick_type: List[int] = []
 
+    df = _columns_df
+
 
 class Kbars(BaseModel):
     """Bars of one contract, one list per column, in time order."""
@@ -107,6 +121,8 @@ class Kbars(BaseModel):
     Close: List[float] = []
     Volume: List[int] = []
     Amount: List[float] = []
+
+    df = _columns_df
 
 
 class DailyQuotes(BaseModel):
@@ -121,6 +137,8 @@ class DailyQuotes(BaseModel):
     Volume: List[int] = []
     Transaction: List[int] = []
     Amount: List[float] = []
+
+    df = _columns_df
 
 
 class Snapshot(BaseModel):
