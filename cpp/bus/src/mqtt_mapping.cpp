@@ -90,7 +90,8 @@ BrokerAddress parse_broker_address(const std::string& url) {
     }
     return value;
   };
-  if (!port_text.empty() || rest.back() == ':') address.port = static_cast<int>(number(port_text, "port", 1, 65535));
+  if (!port_text.empty() || rest.back() == ':')
+    address.port = static_cast<int>(number(port_text, "port", 1, 65535));
   std::string_view options = query;
   while (!options.empty()) {
     const std::size_t amp = options.find('&');

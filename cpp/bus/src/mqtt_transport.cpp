@@ -57,7 +57,9 @@ class Properties {
   Properties& operator=(const Properties&) = delete;
   ~Properties() { mosquitto_property_free_all(&list_); }
 
-  void add_string(int id, const std::string& value) { check(mosquitto_property_add_string(&list_, id, value.c_str())); }
+  void add_string(int id, const std::string& value) {
+    check(mosquitto_property_add_string(&list_, id, value.c_str()));
+  }
   void add_pair(const char* name, const std::string& value) {
     check(mosquitto_property_add_string_pair(&list_, MQTT_PROP_USER_PROPERTY, name, value.c_str()));
   }
@@ -74,7 +76,8 @@ class Properties {
   static void check(int rc) {
     if (rc == MOSQ_ERR_MALFORMED_UTF8)
       throw std::invalid_argument("a client name, token or topic that is not UTF-8 cannot travel over MQTT");
-    if (rc != MOSQ_ERR_SUCCESS) throw BusError(std::string("MQTT property refused: ") + mosquitto_strerror(rc));
+    if (rc != MOSQ_ERR_SUCCESS)
+      throw BusError(std::string("MQTT property refused: ") + mosquitto_strerror(rc));
   }
   mosquitto_property* list_ = nullptr;
 };
@@ -233,7 +236,8 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
   void publish(const MessagePtr& message) {
     mqtt::check_mqtt_topic(message->topic, "cannot publish");
     Properties none;
-    send("publish on '" + message->topic + "'", topics_.publication(message->topic), *message, 0, none, false);
+    send("publish on '" + message->topic + "'", topics_.publication(message->topic), *message, 0, none,
+         false);
   }
 
   std::size_t send_direct(AddressKind kind, const std::string& address, const MessagePtr& message) {
@@ -253,7 +257,8 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
       props.add_pair("origin", session_id_);
       props.add_pair("seq", std::to_string(next_seq_.fetch_add(1, std::memory_order_relaxed) + 1));
       // QoS 1: libmosquitto keeps it until the broker has it, across a lost link too.
-      send("send to session '" + target + "'", topics_.inbox(target, message->topic), *message, 1, props, true);
+      send("send to session '" + target + "'", topics_.inbox(target, message->topic), *message, 1, props,
+           true);
     }
     return targets.size();
   }
@@ -346,22 +351,25 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
       mosquitto_username_pw_set(mosq_, user.c_str(), password.empty() ? nullptr : password.c_str());
     }
     if (address_.tls) configure_tls();
-    mosquitto_connect_v5_callback_set(mosq_, [](mosquitto*, void* self, int rc, int flags,
-                                                const mosquitto_property* props) {
-      static_cast<MqttEndpoint*>(self)->on_connect(rc, flags, props);
-    });
-    mosquitto_disconnect_v5_callback_set(mosq_, [](mosquitto*, void* self, int rc, const mosquitto_property*) {
-      // Reason codes of a broker's DISCONNECT start at 0x80; libmosquitto's own errors are small.
-      if (rc >= 0x80) static_cast<MqttEndpoint*>(self)->broker_reason_.store(rc);
-    });
-    mosquitto_message_v5_callback_set(mosq_, [](mosquitto*, void* self, const mosquitto_message* message,
-                                                const mosquitto_property* props) {
-      static_cast<MqttEndpoint*>(self)->on_message(*message, props);
-    });
-    mosquitto_subscribe_v5_callback_set(mosq_, [](mosquitto*, void* self, int mid, int count, const int* granted,
-                                                  const mosquitto_property*) {
-      static_cast<MqttEndpoint*>(self)->on_suback(mid, count, granted);
-    });
+    mosquitto_connect_v5_callback_set(
+        mosq_, [](mosquitto*, void* self, int rc, int flags, const mosquitto_property* props) {
+          static_cast<MqttEndpoint*>(self)->on_connect(rc, flags, props);
+        });
+    mosquitto_disconnect_v5_callback_set(mosq_,
+                                         [](mosquitto*, void* self, int rc, const mosquitto_property*) {
+                                           // Reason codes of a broker's DISCONNECT start at 0x80;
+                                           // libmosquitto's own errors are small.
+                                           if (rc >= 0x80)
+                                             static_cast<MqttEndpoint*>(self)->broker_reason_.store(rc);
+                                         });
+    mosquitto_message_v5_callback_set(
+        mosq_, [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* props) {
+          static_cast<MqttEndpoint*>(self)->on_message(*message, props);
+        });
+    mosquitto_subscribe_v5_callback_set(
+        mosq_, [](mosquitto*, void* self, int mid, int count, const int* granted, const mosquitto_property*) {
+          static_cast<MqttEndpoint*>(self)->on_suback(mid, count, granted);
+        });
     mosquitto_log_callback_set(mosq_, [](mosquitto*, void* self, int level, const char* text) {
       if (level == MOSQ_LOG_ERR) static_cast<MqttEndpoint*>(self)->note_error(text);
     });
@@ -369,7 +377,8 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
     if (options.keep_alive_ms > 0) {
       const long long limit = std::max(options.keep_alive_limit, 1);
       const long long seconds = (static_cast<long long>(options.keep_alive_ms) * limit + 999) / 1000;
-      keepalive_s_ = static_cast<int>(std::clamp<long long>(seconds, 5, 65535));  // libmosquitto's floor is 5 s
+      keepalive_s_ =
+          static_cast<int>(std::clamp<long long>(seconds, 5, 65535));  // libmosquitto's floor is 5 s
     }
     if (!service_) {
       reply_topic_ = topics_.reply(session_id_);
@@ -473,7 +482,8 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
 
   std::string describe(int rc, int error) {
     const int reason = broker_reason_.load();
-    if (reason >= 0x80) return std::string("the MQTT broker closed the link: ") + mosquitto_reason_string(reason);
+    if (reason >= 0x80)
+      return std::string("the MQTT broker closed the link: ") + mosquitto_reason_string(reason);
     std::string logged;
     {
       std::lock_guard<std::mutex> lock(error_mutex_);
@@ -602,8 +612,8 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
         if (!chosen_copy(topic, in.subscription_ids, true)) return;
         IncomingRequest request;
         request.message = make_message(std::move(topic), std::string(payload, size));
-        request.from = Requester{std::string(received.session_id), std::move(in.client), std::move(in.token),
-                                 in.waits};
+        request.from =
+            Requester{std::string(received.session_id), std::move(in.client), std::move(in.token), in.waits};
         request.reply_topic = std::move(in.response_topic);
         request.correlation = std::move(in.correlation);
         listener->on_request(std::move(request));
@@ -612,7 +622,8 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
       case mqtt::TopicMap::Kind::Interest: {
         if (!service_ || received.session_id.empty()) return;
         std::lock_guard<std::mutex> lock(interest_mutex_);
-        interest_.apply(std::string(received.session_id), std::string_view(payload, size), notifier(listener));
+        interest_.apply(std::string(received.session_id), std::string_view(payload, size),
+                        notifier(listener));
         return;
       }
       case mqtt::TopicMap::Kind::InterestQuery:
@@ -625,7 +636,9 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
   // Under interest_mutex_: what tells a watching listener of a change.
   mqtt::InterestTable::Notify notifier(const std::shared_ptr<TransportListener>& listener) {
     if (!watching_ || !listener) return nullptr;
-    return [listener](const std::string& filter, bool active) { listener->on_subscription_change(filter, active); };
+    return [listener](const std::string& filter, bool active) {
+      listener->on_subscription_change(filter, active);
+    };
   }
 
   // MQTT sends one copy per matching subscription; the bus delivers one. The copy kept is the
@@ -742,8 +755,9 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
 
   void send(const std::string& action, const std::string& mqtt_topic, const Message& message, int qos,
             const Properties& props, bool quiet_when_down) {
-    const int rc = mosquitto_publish_v5(mosq_, nullptr, mqtt_topic.c_str(), static_cast<int>(message.payload.size()),
-                                        message.payload.data(), qos, false, props.get());
+    const int rc =
+        mosquitto_publish_v5(mosq_, nullptr, mqtt_topic.c_str(), static_cast<int>(message.payload.size()),
+                             message.payload.data(), qos, false, props.get());
     switch (rc) {
       case MOSQ_ERR_SUCCESS: return;
       case MOSQ_ERR_NO_CONN:
@@ -751,12 +765,13 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
         if (qos > 0 || quiet_when_down) return;
         throw BusError("cannot " + action + ": the link to " + display_host_ + " is down");
       case MOSQ_ERR_OVERSIZE_PACKET:
-        throw std::length_error("cannot " + action + ": the message of " + std::to_string(message.payload.size()) +
-                                " bytes is larger than the MQTT broker at " + display_host_ +
-                                " accepts (packets of at most " + std::to_string(max_packet_.load()) +
-                                " bytes); expected a smaller payload");
+        throw std::length_error(
+            "cannot " + action + ": the message of " + std::to_string(message.payload.size()) +
+            " bytes is larger than the MQTT broker at " + display_host_ + " accepts (packets of at most " +
+            std::to_string(max_packet_.load()) + " bytes); expected a smaller payload");
       case MOSQ_ERR_PAYLOAD_SIZE:
-        throw std::length_error("cannot " + action + ": the message of " + std::to_string(message.payload.size()) +
+        throw std::length_error("cannot " + action + ": the message of " +
+                                std::to_string(message.payload.size()) +
                                 " bytes is larger than MQTT can carry (256 MiB)");
       case MOSQ_ERR_MALFORMED_UTF8:
         throw core::TopicError("cannot " + action + ": the topic is not UTF-8; expected UTF-8 text");

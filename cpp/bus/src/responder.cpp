@@ -20,7 +20,8 @@ class ReplyRoute {
  public:
   ReplyRoute(std::weak_ptr<Transport> transport, const IncomingRequest& request)
       : transport_(std::move(transport)),
-        route_{request.message, Requester{request.from.session_id, {}, {}}, request.request_id} {}
+        route_{request.message, Requester{request.from.session_id, {}, {}}, request.request_id,
+               request.reply_topic, request.correlation} {}
 
   bool send(std::string payload) {
     if (replied_.exchange(true, std::memory_order_acq_rel)) return false;

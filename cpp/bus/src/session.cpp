@@ -48,7 +48,8 @@ void check_topic_for(const std::string& topic, const char* action) {
 std::chrono::milliseconds retry_pause(int retry_wait_ms, int attempt) {
   constexpr long long kCapMs = 30000;
   const long long cap = std::max<long long>(retry_wait_ms, kCapMs);
-  const long long full = std::min<long long>(static_cast<long long>(retry_wait_ms) << std::min(attempt, 20), cap);
+  const long long full =
+      std::min<long long>(static_cast<long long>(retry_wait_ms) << std::min(attempt, 20), cap);
   thread_local std::mt19937_64 random{std::random_device{}()};
   std::uniform_real_distribution<double> half_to_full(0.5, 1.0);
   return std::chrono::milliseconds(static_cast<long long>(static_cast<double>(full) * half_to_full(random)));
@@ -60,10 +61,10 @@ struct Channel {
 
   std::mutex mutex;
   std::condition_variable wake;
-  std::vector<Delivery> urgent;    // replies, point-to-point messages, events: never dropped
-  std::deque<Delivery> messages;   // published messages: the oldest go first when full
+  std::vector<Delivery> urgent;   // replies, point-to-point messages, events: never dropped
+  std::deque<Delivery> messages;  // published messages: the oldest go first when full
   const std::size_t message_limit;
-  std::uint64_t dropped = 0;       // messages dropped since the last SlowConsumer event
+  std::uint64_t dropped = 0;  // messages dropped since the last SlowConsumer event
   bool link_lost = false;
   std::string link_lost_reason;
   detail::StoppableThread thread;
@@ -170,7 +171,7 @@ class Session::Core : public detail::Endpoint, public std::enable_shared_from_th
   std::unordered_map<std::uint64_t, Pending> pending_;
   std::vector<std::string> subscriptions_;
   std::vector<std::string> dropped_while_down_;  // unsubscribed while the link was down
-  std::mutex subscription_order_;  // keeps transport subscribe/unsubscribe calls in call order
+  std::mutex subscription_order_;                // keeps transport subscribe/unsubscribe calls in call order
 };
 
 namespace {
@@ -257,14 +258,14 @@ void Session::Core::run_dispatcher(const std::shared_ptr<Channel>& channel) {
       batch.swap(channel->urgent);
       if (channel->dropped > 0) {
         const std::uint64_t dropped = std::exchange(channel->dropped, 0);
-        batch.push_back(Delivery{
-            DeliveryKind::Event,
-            {},
-            {},
-            make_event(SessionEventCode::SlowConsumer, 1,
-                       "dropped " + std::to_string(dropped) +
-                           " published messages: the message callback fell behind by more than " +
-                           std::to_string(channel->message_limit) + " queued messages")});
+        batch.push_back(
+            Delivery{DeliveryKind::Event,
+                     {},
+                     {},
+                     make_event(SessionEventCode::SlowConsumer, 1,
+                                "dropped " + std::to_string(dropped) +
+                                    " published messages: the message callback fell behind by more than " +
+                                    std::to_string(channel->message_limit) + " queued messages")});
       }
       for (std::size_t n = 0; n < Session::kMessageBatch && !channel->messages.empty(); ++n) {
         batch.push_back(std::move(channel->messages.front()));
@@ -313,11 +314,11 @@ void Session::Core::subscription_refused(const std::shared_ptr<Channel>& channel
     subscriptions_.erase(std::remove(subscriptions_.begin(), subscriptions_.end(), filter),
                          subscriptions_.end());
   }
-  channel->push(Delivery{
-      DeliveryKind::Event,
-      {},
-      {},
-      make_event(SessionEventCode::SubscriptionError, 1, "the subscription to '" + filter + "' failed: " + reason)});
+  channel->push(Delivery{DeliveryKind::Event,
+                         {},
+                         {},
+                         make_event(SessionEventCode::SubscriptionError, 1,
+                                    "the subscription to '" + filter + "' failed: " + reason)});
 }
 
 void Session::Core::start_recovery(const std::shared_ptr<Channel>& channel, const std::string& reason,
@@ -329,8 +330,7 @@ void Session::Core::start_recovery(const std::shared_ptr<Channel>& channel, cons
     state_ = LinkState::Reconnecting;
     retry_wait_ms = options_.reconnect_retry_wait_ms;
   }
-  channel->push(
-      Delivery{DeliveryKind::Event, {}, {}, make_event(SessionEventCode::Reconnecting, 0, reason)});
+  channel->push(Delivery{DeliveryKind::Event, {}, {}, make_event(SessionEventCode::Reconnecting, 0, reason)});
   recovery = Recovery{true, 0, Clock::now() + retry_pause(retry_wait_ms, 0), reason};
 }
 
