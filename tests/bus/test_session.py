@@ -113,7 +113,9 @@ def test_the_fake_session_takes_what_the_real_one_takes(name):
     real = {}  # name -> default (or the empty marker), in order
     for part in text[text.index("(") + 1 : text.rindex(") ->")].split(", ")[1:]:
         default = re.search(r"= \\(\d+)$", part)
-        real[re.match(r"\w+", part).group()] = defaults[int(default[1])] if default else inspect.Parameter.empty
+        real[re.match(r"\w+", part).group()] = (
+            defaults[int(default[1])] if default else inspect.Parameter.empty
+        )
     fake = inspect.signature(getattr(FakeSession, name)).parameters
     assert {p: v.default for p, v in list(fake.items())[1:]} == real
 
