@@ -29,11 +29,30 @@ class BaseModel(pydantic.BaseModel):
         return self.model_dump(**kwargs)
 
     def lazy_setter(self, **fields: Any) -> None:
-        """Update fields in place; a fetch placeholder becomes ``Fetched`` unless told otherwise."""
-        for name, value in fields.items():
-            setattr(self, name, value)
+        """Update fields in place; a fetch placeholder becomes ``Fetched`` unless told otherwise.
+
+        The merged fields are validated once, as a construction would (replies fill many
+        fields at a time, and one validation costs a fraction of one per assignment); nothing
+        changes when a value is refused. A name that is a property of the record goes through
+        its setter, assignment by assignment."""
+        cls = type(self)
+        if any(
+            name not in cls.model_fields and isinstance(getattr(cls, name, None), property) for name in fields
+        ):
+            for name, value in fields.items():
+                setattr(self, name, value)
+        elif fields:
+            merged = dict(self.__dict__)
+            if self.__pydantic_extra__:
+                merged.update(self.__pydantic_extra__)
+            merged.update(fields)
+            fresh = cls.model_validate(merged)
+            self.__dict__.update(fresh.__dict__)
+            if fresh.__pydantic_extra__ is not None:
+                object.__setattr__(self, "__pydantic_extra__", fresh.__pydantic_extra__)
+            self.__pydantic_fields_set__.update(fields)
         if "status" not in fields and isinstance(self.__dict__.get("status"), FetchStatus):
-            self.status = FetchStatus.Fetched
+            self.__dict__["status"] = FetchStatus.Fetched
 
     def __getitem__(self, key: str) -> Any:
         if key in type(self).model_fields:

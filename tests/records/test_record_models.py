@@ -135,9 +135,11 @@ def test_lazy_setter_keeps_an_explicit_status_and_leaves_records_without_one():
     assert bars.Close == [2.0] and "status" not in bars.keys()  # noqa: SIM118 (iterating a model yields pairs)
 
 
-def test_lazy_setter_validates_values():
+def test_lazy_setter_validates_values_and_changes_nothing_when_one_is_refused():
+    ticks = Ticks(volume=[3])
     with pytest.raises(ValidationError, match="close"):
-        Ticks().lazy_setter(close=["high"])
+        ticks.lazy_setter(volume=[1], close=["high"])
+    assert ticks.volume == [3] and ticks.close == []
 
 
 def test_item_access_and_mapping_unpacking():
