@@ -49,8 +49,10 @@ def main(calls):
     ):
         query = getattr(api, name)
         payload = account.dict()
-        bare = best(lambda n: [api.session.request(topic, payload, timeout=5000) for _ in range(n)], calls)
-        rate = best(lambda n: [query(account) for _ in range(n)], calls)
+        bare = best(
+            lambda n, t=topic, p=payload: [api.session.request(t, p, timeout=5000) for _ in range(n)], calls
+        )
+        rate = best(lambda n, q=query, a=account: [q(a) for _ in range(n)], calls)
         rows.append((name + " (blocking)", rate, bare))
 
     balance = api.account_balance(stock).dict()
@@ -59,10 +61,12 @@ def main(calls):
     for cls, fields in ((AccountBalance, balance), (Margin, margin)):
         fields = {k: v for k, v in fields.items() if k != "status"}
         new = best(
-            lambda n: [cls(status=FetchStatus.Fetching).lazy_setter(**fields) for _ in range(n)], calls * 5
+            lambda n, c=cls, f=fields: [c(status=FetchStatus.Fetching).lazy_setter(**f) for _ in range(n)],
+            calls * 5,
         )
         old = best(
-            lambda n: [per_assignment(cls(status=FetchStatus.Fetching), fields) for _ in range(n)], calls * 5
+            lambda n, c=cls, f=fields: [per_assignment(c(status=FetchStatus.Fetching), f) for _ in range(n)],
+            calls * 5,
         )
         fills.append((cls.__name__, new, old))
     api.logout()
