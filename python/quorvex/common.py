@@ -22,6 +22,8 @@ class BaseModel(pydantic.BaseModel):
         validate_assignment=True,
         coerce_numbers_to_str=True,
         protected_namespaces=(),
+        # A record's validator is built when the record is first used, not at import.
+        defer_build=True,
     )
 
     def dict(self, **kwargs: Any) -> Dict[str, Any]:  # type: ignore[override]

@@ -1,7 +1,11 @@
-// quorvex.backend.solace.api: the module frame. It imports, as module attributes, every
-// name the class uses from other modules, builds SolaceAPI as a plain Python class, and
+// quorvex.backend.solace.api: the module frame. It binds, as module attributes (most on first
+// look-up), every name the class uses from other modules, builds SolaceAPI as a plain Python class, and
 // lets each service area add its methods.
 #include <initializer_list>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
 
 #include "api.hpp"
 
@@ -14,24 +18,49 @@ constexpr const char* kLibraryModules[] = {
     "quorvex.data",     "quorvex.reserve", "quorvex.error",     "quorvex.utils",
 };
 
-// Binds each of `names` as a module attribute, taken from the first library module that
-// defines it. A name no module defines is an ImportError naming it.
-void import_library_names(nb::module_& m, std::initializer_list<const char*> names) {
+// Names bound on first look-up (the module's __getattr__), each with the modules to take it
+// from: the records and their validation library are imported when a call first needs them,
+// not by `import quorvex.backend.solace.api`. Once bound, a name is a plain module attribute
+// that tests may replace.
+std::map<std::string, std::vector<std::string>>& deferred_names() {
+  static auto* names = new std::map<std::string, std::vector<std::string>>();  // lives to the end
+  return *names;
+}
+
+void defer_library_names(std::initializer_list<const char*> names) {
   for (const char* name : names) {
-    bool found = false;
-    for (const char* source : kLibraryModules) {
-      nb::object mod = nb::module_::import_(source);
-      if (nb::hasattr(mod, name)) {
-        nb::setattr(m, name, nb::getattr(mod, name));
-        found = true;
-        break;
-      }
+    deferred_names()[name] = std::vector<std::string>(std::begin(kLibraryModules), std::end(kLibraryModules));
+  }
+}
+
+void defer_from(const char* source, std::initializer_list<const char*> names) {
+  for (const char* name : names) deferred_names()[name] = {source};
+}
+
+// The module's __getattr__: binds a deferred name from the first of its modules that has it.
+nb::object resolve_deferred(nb::handle module, const std::string& name) {
+  const auto found = deferred_names().find(name);
+  if (found == deferred_names().end()) {
+    PyErr_Format(PyExc_AttributeError, "module 'quorvex.backend.solace.api' has no attribute '%s'",
+                 name.c_str());
+    throw nb::python_error();
+  }
+  const std::vector<std::string> sources = found->second;  // a copy: imports may run Python code
+  for (const std::string& source : sources) {
+    if (source.empty()) {  // a module bound under its own name
+      nb::object value = nb::module_::import_(name.c_str());
+      nb::setattr(module, name.c_str(), value);
+      return value;
     }
-    if (!found) {
-      PyErr_Format(PyExc_ImportError, "cannot import name '%s' from the client library (quorvex)", name);
-      throw nb::python_error();
+    nb::object mod = nb::module_::import_(source.c_str());
+    if (nb::hasattr(mod, name.c_str())) {
+      nb::object value = nb::getattr(mod, name.c_str());
+      nb::setattr(module, name.c_str(), value);
+      return value;
     }
   }
+  PyErr_Format(PyExc_ImportError, "cannot import name '%s' from the client library (quorvex)", name.c_str());
+  throw nb::python_error();
 }
 
 void import_from(nb::module_& m, const char* source, std::initializer_list<const char*> names) {
@@ -40,41 +69,44 @@ void import_from(nb::module_& m, const char* source, std::initializer_list<const
 }
 
 void import_modules(nb::module_& m) {
-  import_library_names(m, {"Account",
-                           "AccountType",
-                           "FutureAccount",
-                           "StockAccount",
-                           "TraceLog",
-                           "Exchange",
-                           "OrderState",
-                           "QuoteType",
-                           "QuoteVersion",
-                           "SecurityType",
-                           "Unit",
-                           "ScannerType",
-                           "TicksQueryType",
-                           "BaseContract",
-                           "ComboContract",
-                           "Contract",
-                           "Contracts",
-                           "FetchStatus",
-                           "Future",
-                           "Index",
-                           "Option",
-                           "Stock",
-                           "get_product_contracts",
-                           "Status",
-                           "TokenError",
-                           "TimeoutError",
-                           "log",
-                           "raise_resp_error"});
+  defer_library_names({"Account",
+                       "AccountType",
+                       "FutureAccount",
+                       "StockAccount",
+                       "TraceLog",
+                       "Exchange",
+                       "OrderState",
+                       "QuoteType",
+                       "QuoteVersion",
+                       "SecurityType",
+                       "Unit",
+                       "ScannerType",
+                       "TicksQueryType",
+                       "BaseContract",
+                       "ComboContract",
+                       "Contract",
+                       "Contracts",
+                       "FetchStatus",
+                       "Future",
+                       "Index",
+                       "Option",
+                       "Stock",
+                       "get_product_contracts",
+                       "Status",
+                       "TokenError",
+                       "TimeoutError",
+                       "log",
+                       "raise_resp_error"});
   import_from(m, "quorvex._version", {"__version__"});
-  import_from(m, "quorvex.backend.solace.utils",
-              {"convert_ts", "intraday_odd_quo_convert", "intraday_odd_tic_convert", "login_check",
-               "Base58Encoder", "base58", "ScannerCountLimit", "dump_contracts_file", "new_contracts"});
-  import_from(m, "loguru", {"logger"});
-  import_from(m, "nacl.signing", {"SigningKey"});
-  m.attr("msgpack") = nb::module_::import_("msgpack");
+  defer_from("quorvex.backend.solace.utils",
+             {"convert_ts", "intraday_odd_quo_convert", "intraday_odd_tic_convert", "login_check",
+              "Base58Encoder", "base58", "ScannerCountLimit", "dump_contracts_file", "new_contracts"});
+  defer_from("loguru", {"logger"});
+  defer_from("nacl.signing", {"SigningKey"});
+  deferred_names()["msgpack"] = {""};  // the module itself
+  m.attr("__getattr__") = nb::cpp_function(
+      [module = nb::handle(m)](nb::str name) { return resolve_deferred(module, name.c_str()); },
+      nb::name("__getattr__"), nb::arg("name"));
   for (const char* name : {"atexit", "datetime", "hashlib", "ipaddress", "typing", "time"}) {
     m.attr(name) = nb::module_::import_(name);
   }
@@ -100,10 +132,7 @@ void import_modules(nb::module_& m) {
 
 }  // namespace
 
-void import_names(ApiClass& api, std::initializer_list<const char*> names) {
-  nb::module_ m = nb::borrow<nb::module_>(api.module());
-  import_library_names(m, names);
-}
+void import_names(ApiClass& /*api*/, std::initializer_list<const char*> names) { defer_library_names(names); }
 
 void ApiClass::install(const char* name, nb::handle impl, const std::vector<Parameter>& params,
                        bool as_property) {
