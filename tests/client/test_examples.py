@@ -32,9 +32,21 @@ def _env(folder: pathlib.Path) -> dict:
 def test_the_readme_example_and_the_examples_pass_mypy_strict(tmp_path):
     files = [str(_readme_example(tmp_path))] + [str(p) for p in EXAMPLES]
     done = subprocess.run(
-        [sys.executable, "-m", "mypy", "--strict", "--follow-imports=silent", "--no-error-summary",
-         "--cache-dir", str(ROOT / "build" / "mypy-cache"), *files],
-        capture_output=True, text=True, env=_env(tmp_path), timeout=300,
+        [
+            sys.executable,
+            "-m",
+            "mypy",
+            "--strict",
+            "--follow-imports=silent",
+            "--no-error-summary",
+            "--cache-dir",
+            str(ROOT / "build" / "mypy-cache"),
+            *files,
+        ],
+        capture_output=True,
+        text=True,
+        env=_env(tmp_path),
+        timeout=300,
     )
     assert done.returncode == 0, done.stdout[-3000:] + done.stderr[-2000:]
 
@@ -42,7 +54,11 @@ def test_the_readme_example_and_the_examples_pass_mypy_strict(tmp_path):
 @pytest.mark.parametrize("script", EXAMPLES, ids=lambda p: p.name)
 def test_each_example_runs(tmp_path, script):
     done = subprocess.run(
-        [sys.executable, str(script)], capture_output=True, text=True, env=_env(tmp_path), timeout=120,
+        [sys.executable, str(script)],
+        capture_output=True,
+        text=True,
+        env=_env(tmp_path),
+        timeout=120,
         cwd=str(tmp_path),
     )
     assert done.returncode == 0, done.stdout[-2000:] + done.stderr[-3000:]
