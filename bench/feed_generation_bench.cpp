@@ -5,12 +5,13 @@
 // on top of drawing the trades.
 //
 // Run: scripts/dev build && build/dev/cpp/paper/feed_generation_bench [market minutes]
+#include <sys/resource.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <sys/resource.h>
 #include <thread>
 
 #include "quorvex/paper/feed/quote_feed.hpp"
@@ -33,7 +34,9 @@ class MarketTime final : public quorvex::core::Clock {
 double cpu_seconds() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
-  auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6; };
+  auto seconds = [](const timeval& t) {
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+  };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 

@@ -19,9 +19,11 @@ namespace {
 
 class Flow {
  public:
-  Flow(const std::vector<const qp::Contract*>& contracts, std::uint64_t seed) : contracts_(contracts), state_(seed) {}
+  Flow(const std::vector<const qp::Contract*>& contracts, std::uint64_t seed)
+      : contracts_(contracts), state_(seed) {}
 
-  // Produces the next operation and hands it to `sink`: place(ticket), cancel(id), change(id, price), reduce(id, by).
+  // Produces the next operation and hands it to `sink`: place(ticket), cancel(id), change(id, price),
+  // reduce(id, by).
   template <typename Sink>
   void next(Sink& sink) {
     const std::uint64_t kind = draw() % 100;
@@ -66,7 +68,8 @@ class Flow {
     return z ^ (z >> 31);
   }
   static qp::Price step(const qp::Contract& c, std::int64_t ticks) {
-    return ticks >= 0 ? qp::step_up(c.ladder, c.reference, ticks) : qp::step_down(c.ladder, c.reference, -ticks);
+    return ticks >= 0 ? qp::step_up(c.ladder, c.reference, ticks)
+                      : qp::step_down(c.ladder, c.reference, -ticks);
   }
 
   const std::vector<const qp::Contract*>& contracts_;
@@ -84,7 +87,8 @@ class Flow {
 struct Baseline {
   std::uint64_t checksum = 0;
   void place(const qp::OrderTicket& t) {
-    checksum += static_cast<std::uint64_t>(t.price.units()) + static_cast<std::uint64_t>(t.quantity) + t.code.size();
+    checksum +=
+        static_cast<std::uint64_t>(t.price.units()) + static_cast<std::uint64_t>(t.quantity) + t.code.size();
   }
   void cancel(qp::OrderId id) { checksum += id; }
   void change(qp::OrderId id, qp::Price p) { checksum += id + static_cast<std::uint64_t>(p.units()); }
@@ -124,10 +128,12 @@ int main(int argc, char** argv) {
 
   // 48 stocks, 8 futures and 8 options: books on every ladder.
   std::vector<const qp::Contract*> contracts;
-  for (qp::SecurityType type : {qp::SecurityType::Stock, qp::SecurityType::Future, qp::SecurityType::Option}) {
+  for (qp::SecurityType type :
+       {qp::SecurityType::Stock, qp::SecurityType::Future, qp::SecurityType::Option}) {
     const auto& list = master.contracts(type);
     const std::size_t take = type == qp::SecurityType::Stock ? 48 : 8;
-    for (std::size_t i = 0; i < take && i < list.size(); ++i) contracts.push_back(&list[i * (list.size() / take)]);
+    for (std::size_t i = 0; i < take && i < list.size(); ++i)
+      contracts.push_back(&list[i * (list.size() / take)]);
   }
 
   double best_baseline = 1e9, best_engine = 1e9;
@@ -153,8 +159,8 @@ int main(int argc, char** argv) {
   const double baseline_rate = static_cast<double>(operations) / best_baseline;
   std::printf("contract master: %zu contracts built in %.3f s\n", master.size(), build_seconds);
   std::printf("operations: %llu on %zu books (%llu refused, %llu events delivered)\n",
-              static_cast<unsigned long long>(operations), contracts.size(), static_cast<unsigned long long>(refused),
-              static_cast<unsigned long long>(events));
+              static_cast<unsigned long long>(operations), contracts.size(),
+              static_cast<unsigned long long>(refused), static_cast<unsigned long long>(events));
   std::printf("baseline (generate only): %.0f operations/s\n", baseline_rate);
   std::printf("engine (generate + match + deliver): %.0f operations/s, %.0f events/s\n", engine_rate,
               static_cast<double>(events) / best_engine);

@@ -32,7 +32,9 @@ struct Counter final : paper::DirectSender {
   std::size_t send_to_session(const std::string&, std::string, std::string) override { return ++sent; }
 };
 
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 }  // namespace
 

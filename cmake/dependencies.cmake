@@ -13,3 +13,6 @@ target_compile_definitions(qv_msgpack INTERFACE MSGPACK_NO_BOOST MSGPACK_DEFAULT
 # Warnings for our own targets.
 add_library(qv_warnings INTERFACE)
 target_compile_options(qv_warnings INTERFACE -Wall -Wextra -Wno-unused-parameter)
+
+# libmosquitto: the MQTT 5 transport of the bus.
+pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)

@@ -14,8 +14,9 @@ class PaperBroker:
     """
 
     def __init__(self, config: Optional[Dict[str, Any]] = None) -> None: ...
-    def attach(self, bus_name: str) -> None:
-        """Serve the in-process bus of that name; clients reach it with inproc://NAME.
+    def attach(self, bus_name: str, *, vpn: str = "", user: str = "", password: str = "") -> None:
+        """Serve the in-process bus of that name (clients reach it with inproc://NAME), or the
+        bus at a host with a scheme (mqtt://HOST:PORT) with that login.
         RuntimeError when already attached or when the bus refuses."""
     def close(self) -> None:
         """Stop serving; the request being decided finishes first. Idempotent."""

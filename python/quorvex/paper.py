@@ -120,11 +120,18 @@ class PaperBroker:
             )
         self._broker = _paper.PaperBroker(None if config is None else config.wire())
 
-    def attach(self, bus_name: str = DEFAULT_BUS) -> "PaperBroker":
-        """Serve bus ``bus_name``; RuntimeError when already attached (close first)."""
+    def attach(
+        self, bus_name: str = DEFAULT_BUS, *, vpn: str = "", user: str = "", password: str = ""
+    ) -> "PaperBroker":
+        """Serve the in-process bus ``bus_name``, or a network bus when ``bus_name`` is a host
+        with a scheme (``mqtt://HOST:PORT``), logging in with ``user`` and ``password`` under the
+        topic prefix ``vpn``. RuntimeError when already attached (close first)."""
         if not isinstance(bus_name, str) or not bus_name:
             raise ValueError("bus_name must be a non-empty str, got {!r}".format(bus_name))
-        self._broker.attach(bus_name)
+        for name, value in (("vpn", vpn), ("user", user), ("password", password)):
+            if not isinstance(value, str):
+                raise TypeError("{} must be a str, got {}".format(name, type(value).__name__))
+        self._broker.attach(bus_name, vpn=vpn, user=user, password=password)
         return self
 
     def close(self) -> None:
@@ -142,8 +149,12 @@ class PaperBroker:
 
     @property
     def host(self) -> str:
-        """The host to give a session to reach this broker, ``inproc://NAME``."""
-        return "inproc://" + self._broker.bus_name if self._broker.attached else ""
+        """The host to give a session to reach this broker: ``inproc://NAME``, or the network
+        bus's host."""
+        if not self._broker.attached:
+            return ""
+        name = self._broker.bus_name
+        return name if "://" in name else "inproc://" + name
 
     def topics(self) -> List[str]:
         return self._broker.topics()

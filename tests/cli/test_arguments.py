@@ -29,20 +29,10 @@ def test_refused_before_anything_runs(capsys, argv, says):
     assert "Traceback" not in captured.err + captured.out
 
 
-@pytest.mark.parametrize(
-    "argv,says",
-    [
-        (
-            ["quote", "2330", "--api-key", "my-key"],
-            "expected it in the environment variable QUORVEX_SECRET_KEY",
-        ),
-        (["contracts", "--host", "mqtt://127.0.0.1:1883"], "is not the paper broker: give --api-key"),
-    ],
-)
-def test_credentials_checked_before_connecting(capsys, monkeypatch, argv, says):
+def test_credentials_checked_before_connecting(capsys, monkeypatch):
     monkeypatch.delenv("QUORVEX_SECRET_KEY", raising=False)
-    assert main(argv) == EXIT_BAD_ARGUMENTS
-    assert says in capsys.readouterr().err
+    assert main(["quote", "2330", "--api-key", "my-key"]) == EXIT_BAD_ARGUMENTS
+    assert "expected it in the environment variable QUORVEX_SECRET_KEY" in capsys.readouterr().err
 
 
 def test_unknown_scheme_is_an_unreachable_broker(capsys, monkeypatch):

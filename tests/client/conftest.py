@@ -1,6 +1,8 @@
 """Clients of the embedded paper broker: one bus per test, its market replaying a morning."""
 
+import os
 import re
+import tempfile
 import uuid
 
 import pytest
@@ -20,9 +22,14 @@ def bus(request):
 
 
 @pytest.fixture
-def client(bus):
-    """Logged in with the demo API key, the contract master loaded, a demo certificate active."""
+def client(bus, tmp_path, monkeypatch):
+    """Logged in with the demo API key, the contract master loaded, a demo certificate active
+    (and its key file already removed from the temporary folder)."""
+    scratch = tmp_path / "tmp"
+    scratch.mkdir()
+    monkeypatch.setattr(tempfile, "tempdir", str(scratch))
     with Client.paper(bus, market_start="09:00", clock_speed=10, progress=False) as client:
         client.login_api_key(DEMO.api_key, DEMO.api_secret)
         client.use_demo_certificate()
+        assert os.listdir(str(scratch)) == []
         yield client

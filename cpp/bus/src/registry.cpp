@@ -1,21 +1,21 @@
 // The process-wide bus registry: transports by scheme, named in-process buses, session ids.
 #include "registry.hpp"
 
+#include <sys/random.h>
+
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
+#include <array>
 #include <random>
 
+#include "mqtt_transport.hpp"
 #include "quorvex/bus/inproc.hpp"
 
 namespace quorvex::bus {
 namespace detail {
 
 Registry::Registry() {
-  std::random_device entropy;
-  char prefix[16];
-  std::snprintf(prefix, sizeof prefix, "%08x", static_cast<unsigned>(entropy()));
-  id_prefix = prefix;
+  transports["mqtt"] = open_mqtt_transport;
+  transports["mqtts"] = open_mqtt_transport;
   transports["inproc"] = [](const ConnectOptions& options, std::weak_ptr<TransportListener> listener) {
     const std::string name = host_address(options.host);
     if (name.empty()) {
@@ -112,8 +112,33 @@ void close_all_endpoints() {
 }
 
 std::string new_session_id() {
-  auto& reg = detail::registry();
-  return reg.id_prefix + "-" + std::to_string(reg.next_session.fetch_add(1, std::memory_order_relaxed) + 1);
+  std::array<unsigned char, 16> bits{};
+  std::size_t filled = 0;
+  while (filled < bits.size()) {
+    const ssize_t got = getrandom(bits.data() + filled, bits.size() - filled, 0);
+    if (got <= 0) break;
+    filled += static_cast<std::size_t>(got);
+  }
+  if (filled < bits.size()) {
+    std::random_device entropy;  // only where the kernel's generator is not offered
+    for (auto& byte : bits) byte = static_cast<unsigned char>(entropy());
+  }
+  static constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::string id;
+  id.reserve(22);
+  // 128 bits in 6-bit digits: 21 full digits and a last one of 2 bits.
+  unsigned acc = 0;
+  int bits_held = 0;
+  for (const unsigned char byte : bits) {
+    acc = (acc << 8) | byte;
+    bits_held += 8;
+    while (bits_held >= 6) {
+      bits_held -= 6;
+      id.push_back(kAlphabet[(acc >> bits_held) & 0x3f]);
+    }
+  }
+  id.push_back(kAlphabet[(acc << (6 - bits_held)) & 0x3f]);
+  return id;
 }
 
 const char* event_name(SessionEventCode code) {
@@ -123,6 +148,7 @@ const char* event_name(SessionEventCode code) {
     case SessionEventCode::Reconnected: return "reconnected";
     case SessionEventCode::Down: return "down";
     case SessionEventCode::SubscriptionError: return "subscription error";
+    case SessionEventCode::SlowConsumer: return "slow consumer";
   }
   return "unknown";
 }

@@ -1,7 +1,6 @@
 // The process-wide bus registry (private to the bus library).
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,8 +28,6 @@ struct Registry {
   std::map<std::string, TransportFactory> transports;
   std::map<std::string, std::weak_ptr<InprocBus>> buses;
   std::vector<std::weak_ptr<Endpoint>> endpoints;
-  std::string id_prefix;
-  std::atomic<std::uint64_t> next_session{0};
 };
 
 Registry& registry();

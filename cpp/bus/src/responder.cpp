@@ -20,7 +20,8 @@ class ReplyRoute {
  public:
   ReplyRoute(std::weak_ptr<Transport> transport, const IncomingRequest& request)
       : transport_(std::move(transport)),
-        route_{request.message, Requester{request.from.session_id, {}, {}}, request.request_id} {}
+        route_{request.message, Requester{request.from.session_id, {}, {}}, request.request_id,
+               request.reply_topic, request.correlation} {}
 
   bool send(std::string payload) {
     if (replied_.exchange(true, std::memory_order_acq_rel)) return false;
@@ -96,7 +97,12 @@ class Responder::Core : public TransportListener,
   void open() {
     ConnectOptions connect;
     connect.host = host_;
+    connect.vpn = options_.vpn;
+    connect.user = options_.user;
+    connect.password = options_.password;
+    connect.connect_timeout_ms = options_.connect_timeout_ms;
     connect.client_name = options_.client_name;
+    connect.kind = EndpointKind::Service;
     transport_ = open_transport(connect, weak_from_this());
     session_id_ = transport_->session_id();
     worker_.start([self = shared_from_this()] { self->run_worker(); });
@@ -308,6 +314,7 @@ class Responder::Core : public TransportListener,
 
   // Re-attaches after the bus dropped the link, then restores served filters and the watcher.
   void recover() {
+    std::chrono::milliseconds pause(50);
     while (true) {
       std::shared_ptr<Transport> transport;
       std::vector<std::string> filters;
@@ -330,8 +337,8 @@ class Responder::Core : public TransportListener,
         return;
       } catch (const BusError&) {
         std::unique_lock<std::mutex> lock(queue_mutex_);
-        if (wake_.wait_for(lock, std::chrono::milliseconds(50), [&] { return worker_.stop_requested(); }))
-          return;
+        if (wake_.wait_for(lock, pause, [&] { return worker_.stop_requested(); })) return;
+        pause = std::min(pause * 2, std::chrono::milliseconds(1000));
       }
     }
   }

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
+#include <random>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
@@ -41,11 +43,28 @@ void check_topic_for(const std::string& topic, const char* action) {
   }
 }
 
-// Deliveries of one connection, and the thread that hands them to the listener.
+// The pause before reconnect attempt `attempt` (from 0): the retry wait doubling each time up to
+// a cap, each pause drawn from its upper half so that sessions dropped together spread out.
+std::chrono::milliseconds retry_pause(int retry_wait_ms, int attempt) {
+  constexpr long long kCapMs = 30000;
+  const long long cap = std::max<long long>(retry_wait_ms, kCapMs);
+  const long long full =
+      std::min<long long>(static_cast<long long>(retry_wait_ms) << std::min(attempt, 20), cap);
+  thread_local std::mt19937_64 random{std::random_device{}()};
+  std::uniform_real_distribution<double> half_to_full(0.5, 1.0);
+  return std::chrono::milliseconds(static_cast<long long>(static_cast<double>(full) * half_to_full(random)));
+}
+
+// Deliveries of one connection in two lanes, and the thread that hands them to the listener.
 struct Channel {
+  explicit Channel(std::size_t limit) : message_limit(limit) {}
+
   std::mutex mutex;
   std::condition_variable wake;
-  std::vector<Delivery> queue;
+  std::vector<Delivery> urgent;   // replies, point-to-point messages, events: never dropped
+  std::deque<Delivery> messages;  // published messages: the oldest go first when full
+  const std::size_t message_limit;
+  std::uint64_t dropped = 0;  // messages dropped since the last SlowConsumer event
   bool link_lost = false;
   std::string link_lost_reason;
   detail::StoppableThread thread;
@@ -53,9 +72,17 @@ struct Channel {
   void push(Delivery delivery) {
     std::lock_guard<std::mutex> lock(mutex);
     if (thread.stop_requested()) return;
-    const bool was_empty = queue.empty();
-    queue.push_back(std::move(delivery));
-    if (was_empty) wake.notify_one();
+    const bool was_idle = urgent.empty() && messages.empty();
+    if (delivery.kind == DeliveryKind::Message) {
+      if (messages.size() >= message_limit) {
+        messages.pop_front();
+        ++dropped;
+      }
+      messages.push_back(std::move(delivery));
+    } else {
+      urgent.push_back(std::move(delivery));
+    }
+    if (was_idle) wake.notify_one();
   }
 
   void flag_link_lost(const std::string& reason) {
@@ -65,11 +92,15 @@ struct Channel {
     wake.notify_one();
   }
 
-  // Waits `wait` or until stopped; true when stopped.
-  bool sleep_unless_stopped(std::chrono::milliseconds wait) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return wake.wait_for(lock, wait, [&] { return thread.stop_requested(); });
-  }
+  bool has_work() const { return !urgent.empty() || !messages.empty() || link_lost; }
+};
+
+// The dispatcher's own state while it recovers a lost link.
+struct Recovery {
+  bool active = false;
+  int attempt = 0;
+  Clock::time_point next_at;
+  std::string last_error;
 };
 
 }  // namespace
@@ -103,6 +134,12 @@ class Session::Core : public detail::Endpoint, public std::enable_shared_from_th
   std::string session_id_;
   std::atomic<std::uint64_t> next_corrid_{0};
   std::chrono::milliseconds grace_{1000};
+  std::size_t message_limit_ = Session::kDefaultMessageQueueLimit;
+
+  // From the transport, on any thread: ends every request waiting on the lost link.
+  void link_lost(const std::shared_ptr<Channel>& channel, const std::string& reason);
+  void subscription_refused(const std::shared_ptr<Channel>& channel, const std::string& filter,
+                            const std::string& reason);
 
  private:
   enum class LinkState { Closed, Up, Reconnecting, Down };
@@ -118,7 +155,8 @@ class Session::Core : public detail::Endpoint, public std::enable_shared_from_th
   };
 
   void run_dispatcher(const std::shared_ptr<Channel>& channel);
-  void recover_link(const std::shared_ptr<Channel>& channel, const std::string& reason);
+  void start_recovery(const std::shared_ptr<Channel>& channel, const std::string& reason, Recovery& recovery);
+  void try_reconnect(const std::shared_ptr<Channel>& channel, Recovery& recovery);
   std::shared_ptr<Transport> usable_transport(const std::string& action) const;
   std::uint64_t add_pending(Pending pending);
   void drop_pending(std::uint64_t request_id);
@@ -132,7 +170,8 @@ class Session::Core : public detail::Endpoint, public std::enable_shared_from_th
   std::uint64_t next_request_id_ = 0;
   std::unordered_map<std::uint64_t, Pending> pending_;
   std::vector<std::string> subscriptions_;
-  std::mutex subscription_order_;  // keeps transport subscribe/unsubscribe calls in call order
+  std::vector<std::string> dropped_while_down_;  // unsubscribed while the link was down
+  std::mutex subscription_order_;                // keeps transport subscribe/unsubscribe calls in call order
 };
 
 namespace {
@@ -152,7 +191,12 @@ class LinkListener final : public TransportListener {
   void on_direct(MessagePtr message) override {
     channel_->push(Delivery{DeliveryKind::Direct, std::move(message), {}, {}});
   }
-  void on_link_lost(const std::string& reason) override { channel_->flag_link_lost(reason); }
+  void on_link_lost(const std::string& reason) override {
+    if (auto core = core_.lock()) core->link_lost(channel_, reason);
+  }
+  void on_subscription_refused(const std::string& filter, const std::string& reason) override {
+    if (auto core = core_.lock()) core->subscription_refused(channel_, filter, reason);
+  }
 
  private:
   std::weak_ptr<Session::Core> core_;
@@ -164,7 +208,12 @@ class LinkListener final : public TransportListener {
 void Session::Core::connect(const ConnectOptions& options) {
   check_options(options);
   disconnect();
-  auto channel = std::make_shared<Channel>();
+  std::size_t limit;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    limit = message_limit_;
+  }
+  auto channel = std::make_shared<Channel>(limit);
   auto link_listener = std::make_shared<LinkListener>(weak_from_this(), channel);
   std::shared_ptr<Transport> transport = open_transport(options, link_listener);
   {
@@ -176,6 +225,7 @@ void Session::Core::connect(const ConnectOptions& options) {
     session_id_ = transport->session_id();
     client_name_ = options.client_name.empty() ? session_id_ : options.client_name;
     subscriptions_.clear();
+    dropped_while_down_.clear();
     state_ = LinkState::Up;
   }
   channel->thread.start([weak = weak_from_this(), channel] {
@@ -192,16 +242,35 @@ void Session::Core::run_dispatcher(const std::shared_ptr<Channel>& channel) {
   // The thread holds the core, so a Session dropped from inside a delivery (or left behind by a
   // disconnect whose grace ran out) stays valid until the loop ends.
   std::vector<Delivery> batch;
+  Recovery recovery;
   while (true) {
     bool lost = false;
     std::string reason;
     {
       std::unique_lock<std::mutex> lock(channel->mutex);
-      channel->wake.wait(lock, [&] {
-        return channel->thread.stop_requested() || !channel->queue.empty() || channel->link_lost;
-      });
+      auto ready = [&] { return channel->thread.stop_requested() || channel->has_work(); };
+      if (recovery.active) {
+        channel->wake.wait_until(lock, recovery.next_at, ready);
+      } else {
+        channel->wake.wait(lock, ready);
+      }
       if (channel->thread.stop_requested()) return;
-      batch.swap(channel->queue);
+      batch.swap(channel->urgent);
+      if (channel->dropped > 0) {
+        const std::uint64_t dropped = std::exchange(channel->dropped, 0);
+        batch.push_back(
+            Delivery{DeliveryKind::Event,
+                     {},
+                     {},
+                     make_event(SessionEventCode::SlowConsumer, 1,
+                                "dropped " + std::to_string(dropped) +
+                                    " published messages: the message callback fell behind by more than " +
+                                    std::to_string(channel->message_limit) + " queued messages")});
+      }
+      for (std::size_t n = 0; n < Session::kMessageBatch && !channel->messages.empty(); ++n) {
+        batch.push_back(std::move(channel->messages.front()));
+        channel->messages.pop_front();
+      }
       lost = std::exchange(channel->link_lost, false);
       reason = std::move(channel->link_lost_reason);
     }
@@ -213,63 +282,137 @@ void Session::Core::run_dispatcher(const std::shared_ptr<Channel>& channel) {
       }
     }
     batch.clear();
-    if (lost) recover_link(channel, reason);
+    if (lost) start_recovery(channel, reason, recovery);
+    if (recovery.active && Clock::now() >= recovery.next_at) try_reconnect(channel, recovery);
   }
 }
 
-void Session::Core::recover_link(const std::shared_ptr<Channel>& channel, const std::string& reason) {
-  std::shared_ptr<Transport> transport;
-  ConnectOptions options;
+void Session::Core::link_lost(const std::shared_ptr<Channel>& channel, const std::string& reason) {
+  std::unordered_map<std::uint64_t, Pending> forgotten;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (channel_ != channel || state_ != LinkState::Up) return;
+    // A blocking request waiting on a lost link ends now, as a timed-out one does; a reply
+    // to a non-blocking one cannot come either.
+    for (auto& entry : pending_) {
+      if (entry.second.waiter) {
+        entry.second.waiter->done = true;
+        entry.second.waiter->done_cv.notify_one();
+      }
+    }
+    forgotten.swap(pending_);
+  }
+  channel->flag_link_lost(reason);
+  // `forgotten` releases the callers' contexts here, with no lock held.
+}
+
+void Session::Core::subscription_refused(const std::shared_ptr<Channel>& channel, const std::string& filter,
+                                         const std::string& reason) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (channel_ != channel) return;
+    subscriptions_.erase(std::remove(subscriptions_.begin(), subscriptions_.end(), filter),
+                         subscriptions_.end());
+  }
+  channel->push(Delivery{DeliveryKind::Event,
+                         {},
+                         {},
+                         make_event(SessionEventCode::SubscriptionError, 1,
+                                    "the subscription to '" + filter + "' failed: " + reason)});
+}
+
+void Session::Core::start_recovery(const std::shared_ptr<Channel>& channel, const std::string& reason,
+                                   Recovery& recovery) {
+  int retry_wait_ms;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (channel_ != channel || state_ != LinkState::Up) return;
     state_ = LinkState::Reconnecting;
+    retry_wait_ms = options_.reconnect_retry_wait_ms;
+  }
+  channel->push(Delivery{DeliveryKind::Event, {}, {}, make_event(SessionEventCode::Reconnecting, 0, reason)});
+  recovery = Recovery{true, 0, Clock::now() + retry_pause(retry_wait_ms, 0), reason};
+}
+
+void Session::Core::try_reconnect(const std::shared_ptr<Channel>& channel, Recovery& recovery) {
+  std::shared_ptr<Transport> transport;
+  ConnectOptions options;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (channel_ != channel || state_ != LinkState::Reconnecting) {
+      recovery.active = false;
+      return;
+    }
     transport = transport_;
     options = options_;
   }
   auto emit = [&](SessionEventCode code, int response_code, std::string info) {
     channel->push(Delivery{DeliveryKind::Event, {}, {}, make_event(code, response_code, std::move(info))});
   };
-  emit(SessionEventCode::Reconnecting, 0, reason);
-  std::string last_error = reason;
-  for (int attempt = 0; options.reconnect_retries < 0 || attempt < options.reconnect_retries; ++attempt) {
-    if (channel->sleep_unless_stopped(std::chrono::milliseconds(options.reconnect_retry_wait_ms))) return;
+  bool reopened = false;
+  if (options.reconnect_retries != 0) {
     try {
       transport->reopen();
+      reopened = true;
     } catch (const BusError& e) {
-      last_error = e.what();
-      continue;
+      recovery.last_error = e.what();
     }
-    std::vector<std::string> filters;
+  }
+  if (!reopened) {
+    ++recovery.attempt;
+    if (options.reconnect_retries < 0 || recovery.attempt < options.reconnect_retries) {
+      recovery.next_at = Clock::now() + retry_pause(options.reconnect_retry_wait_ms, recovery.attempt);
+      return;
+    }
+    recovery.active = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (channel_ != channel) return;
+      state_ = LinkState::Down;
+    }
+    emit(SessionEventCode::Down, 1,
+         "gave up reconnecting to " + host_for_display(options.host) + ": " + recovery.last_error);
+    channel->push(Delivery{DeliveryKind::SessionDown, {}, {}, {}});
+    return;
+  }
+  recovery.active = false;
+  std::vector<std::string> filters;
+  std::vector<std::string> dropped;
+  {
+    std::lock_guard<std::mutex> lock(subscription_order_);
+    {
+      std::lock_guard<std::mutex> lock_core(mutex_);
+      if (channel_ != channel) return;
       filters = subscriptions_;
+      dropped.swap(dropped_while_down_);
+    }
+    for (const auto& filter : dropped) {
+      try {
+        transport->unsubscribe(filter);
+      } catch (const std::exception&) {
+        // Gone with the old link already.
+      }
     }
     for (const auto& filter : filters) {
       try {
         transport->subscribe(filter);
-      } catch (const BusError& e) {
+      } catch (const std::exception& e) {
         emit(SessionEventCode::SubscriptionError, 1,
              "could not restore subscription '" + filter + "': " + e.what());
       }
     }
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (channel_ != channel) return;
-      state_ = LinkState::Up;
-    }
-    emit(SessionEventCode::Reconnected, 0, "reconnected to " + host_for_display(options.host));
-    return;
-  }
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock_core(mutex_);
     if (channel_ != channel) return;
-    state_ = LinkState::Down;
+    state_ = LinkState::Up;
   }
-  emit(SessionEventCode::Down, 1,
-       "gave up reconnecting to " + host_for_display(options.host) + ": " + last_error);
-  channel->push(Delivery{DeliveryKind::SessionDown, {}, {}, {}});
+  if (transport->session_resumed()) {
+    emit(SessionEventCode::Reconnected, 0, "reconnected to " + host_for_display(options.host));
+  } else {
+    emit(SessionEventCode::Reconnected, 1,
+         "reconnected to " + host_for_display(options.host) +
+             "; the broker did not keep the session, so point-to-point messages sent meanwhile (order "
+             "and deal reports) are lost: refresh the order status");
+  }
 }
 
 void Session::Core::disconnect() {
@@ -299,9 +442,11 @@ void Session::Core::disconnect() {
   link_listener.reset();
   if (channel) {
     std::vector<Delivery> undelivered;
+    std::deque<Delivery> unread;
     {
       std::lock_guard<std::mutex> lock(channel->mutex);
-      undelivered.swap(channel->queue);
+      undelivered.swap(channel->urgent);
+      unread.swap(channel->messages);
     }
     // Setting the flag and waking happen under the channel's lock so the thread cannot miss them.
     {
@@ -465,7 +610,11 @@ void Session::Core::unsubscribe(const std::string& filter) {
     auto it = std::find(subscriptions_.begin(), subscriptions_.end(), filter);
     if (it == subscriptions_.end()) return;
     subscriptions_.erase(it);
-    if (state_ == LinkState::Up) transport = transport_;
+    if (state_ == LinkState::Up) {
+      transport = transport_;
+    } else {
+      dropped_while_down_.push_back(filter);
+    }
   }
   if (transport) transport->unsubscribe(filter);
 }
@@ -553,6 +702,17 @@ void Session::publish(std::string topic, std::string payload) {
 void Session::set_disconnect_grace(std::chrono::milliseconds grace) {
   std::lock_guard<std::mutex> lock(core_->mutex_);
   core_->grace_ = grace;
+}
+
+void Session::set_message_queue_limit(std::size_t limit) {
+  if (limit == 0) throw std::invalid_argument("the message queue limit must be at least 1 message, got 0");
+  std::lock_guard<std::mutex> lock(core_->mutex_);
+  core_->message_limit_ = limit;
+}
+
+std::size_t Session::message_queue_limit() const {
+  std::lock_guard<std::mutex> lock(core_->mutex_);
+  return core_->message_limit_;
 }
 
 }  // namespace quorvex::bus

@@ -47,11 +47,11 @@ Bytes base58_decode(std::string_view text) {
   std::vector<std::uint8_t> bytes;  // little-endian while converting
   bytes.reserve(text.size() * 733 / 1000 + 1);
   for (std::size_t i = ones; i < text.size(); ++i) {
-    const int value = kIndex[static_cast<unsigned char>(text[i])];
+    const std::int8_t value = kIndex[static_cast<unsigned char>(text[i])];
     if (value < 0) {
       throw Base58Error("invalid base58 character at position " + std::to_string(i));
     }
-    std::uint32_t carry = static_cast<std::uint32_t>(value);
+    std::uint32_t carry = static_cast<std::uint8_t>(value);
     for (auto& b : bytes) {
       carry += static_cast<std::uint32_t>(b) * 58;
       b = static_cast<std::uint8_t>(carry & 0xff);

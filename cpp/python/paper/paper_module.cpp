@@ -270,11 +270,15 @@ NB_MODULE(_paper, m) {
            "A broker of the given configuration dict (the demo one when None).")
       .def(
           "attach",
-          [](PaperBroker& self, const std::string& bus_name) {
+          [](PaperBroker& self, const std::string& bus_name, const std::string& vpn, const std::string& user,
+             const std::string& password) {
             nb::gil_scoped_release release;
-            translating([&] { self.attach(bus_name); });
+            translating([&] { self.attach(bus_name, BusLogin{vpn, user, password}); });
           },
-          nb::arg("bus_name"), "Serve the in-process bus of that name; clients reach it with inproc://NAME.")
+          nb::arg("bus_name"), nb::kw_only(), nb::arg("vpn") = "", nb::arg("user") = "",
+          nb::arg("password") = "",
+          "Serve the in-process bus of that name (clients reach it with inproc://NAME), or the bus at a "
+          "host with a scheme (mqtt://HOST:PORT) with that login.")
       .def(
           "close",
           [](PaperBroker& self) {

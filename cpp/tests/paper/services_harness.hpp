@@ -30,7 +30,8 @@ inline PaperBrokerConfig test_config(std::shared_ptr<core::ManualClock> clock = 
   PaperBrokerConfig config = demo_config();
   config.contracts.size = 400;
   if (!clock)
-    clock = std::make_shared<core::ManualClock>(to_time_point(taipei_instant({2026, 1, 5}, 10 * 3600)));
+    clock = std::make_shared<core::ManualClock>(
+        to_time_point(taipei_instant({2026, 1, 5}, std::int64_t{10} * 3600)));
   config.clock = clock;
   return config;
 }

@@ -250,6 +250,43 @@ TEST_F(AuthTest, UnknownTopicsAndUnreadablePayloadsAreRefusedNotDropped) {
   EXPECT_NE(detail(reply).find("not one well-formed msgpack message"), std::string::npos);
 }
 
+// Oversized input is refused before anything costly is done with it (Base58 decoding grows with
+// the square of the length), so a login queued ahead of another person's request cannot hold
+// it up: neither one with oversized fields nor one larger than the broker reads at all.
+TEST_F(AuthTest, OversizedLoginsAreRefusedAtOnceWithoutHoldingUpOthers) {
+  auto& other = broker.login("other", demo::kSecondPersonId, demo::kSecondPassword);
+  auto& sender = broker.client("sender");
+  const std::string fields =
+      core::encode(Value::map({{"msg", std::string(100'000, 'z')}, {"sign", std::string(100'000, 'z')}}));
+  const std::string whole =
+      core::encode(Value::map({{"msg", std::string(150'000, 'z')}, {"sign", std::string(150'000, 'z')}}));
+
+  // The quickest of a few rounds, so that the machine's own scheduling does not count.
+  double quickest_ms = 1e9;
+  for (int round = 0; round < 4; ++round) {
+    sender.session->request_async("api/v1/auth/token_login", round % 2 ? whole : fields,
+                                  "oversized-" + std::to_string(round), nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(status_code(broker.request(other, "api/v1/portfolio/settlement", kStockB)), 200);
+    quickest_ms =
+        std::min(quickest_ms,
+                 std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+  }
+  EXPECT_LT(quickest_ms, 50.0);
+
+  for (const std::string* payload : {&fields, &whole}) {
+    const bus::MessagePtr raw =
+        sender.session->request("api/v1/auth/token_login", *payload, std::chrono::milliseconds(2000));
+    ASSERT_TRUE(raw);
+    const Value reply = core::decode(raw->payload);
+    EXPECT_EQ(status_code(reply), 413) << reply;
+    EXPECT_EQ(reply.get("response").get_int("sts_code"), 77001);
+    EXPECT_NE(detail(reply).find(payload == &fields ? "field 'msg' is 100000 bytes" : "the request is"),
+              std::string::npos)
+        << detail(reply);
+  }
+}
+
 TEST_F(AuthTest, ErrorTrackingAnswersAnyoneTheSame) {
   auto& c = broker.client("s1");
   for (const char* person : {"A123456789", "nobody"}) {

@@ -73,6 +73,14 @@ def _host(text: str) -> str:
     return text
 
 
+def _network_host(text: str) -> str:
+    if not text.startswith(("mqtt://", "mqtts://")):
+        raise argparse.ArgumentTypeError(
+            f"{text!r} is not an MQTT broker address; expected mqtt://HOST:PORT or mqtts://HOST:PORT"
+        )
+    return text
+
+
 def build_parser() -> argparse.ArgumentParser:
     from quorvex.cli.connection import SECRET_KEY_ENV, default_host
 
@@ -119,7 +127,13 @@ def build_parser() -> argparse.ArgumentParser:
         metavar="N",
         help="how long to stream quotes (default %(default)g)",
     )
-    demo.add_argument("--host", type=_host, default=default_host(), help=argparse.SUPPRESS)
+    demo.add_argument(
+        "--host",
+        type=_host,
+        default=default_host(),
+        help="broker address: the embedded paper broker by default, or the mqtt:// address a "
+        "`quorvex broker --host` serves",
+    )
     demo.set_defaults(run=_run_demo)
 
     broker = sub.add_parser(
@@ -128,7 +142,19 @@ def build_parser() -> argparse.ArgumentParser:
     broker.add_argument(
         "--name",
         default="demo",
-        help="name of the in-process bus it serves, reached as inproc://NAME (default %(default)s)",
+        help="name of the in-process bus it serves when no --host is given (default %(default)s)",
+    )
+    broker.add_argument(
+        "--host",
+        type=_network_host,
+        help="serve the MQTT 5 broker at this address (mqtt://HOST:PORT or mqtts://HOST:PORT), "
+        "so that sessions of other processes and machines reach it",
+    )
+    broker.add_argument("--user", default="", help="user name on that MQTT broker")
+    broker.add_argument(
+        "--password-env",
+        metavar="VAR",
+        help="environment variable holding the MQTT password (never on the command line)",
     )
     broker.add_argument("--seconds", type=_seconds, metavar="N", help="stop after N seconds")
     broker.set_defaults(run=_run_broker)
@@ -182,7 +208,7 @@ def _run_demo(args: argparse.Namespace, console: "object") -> int:
 def _run_broker(args: argparse.Namespace, console: "object") -> int:
     from quorvex.cli.commands import run_broker
 
-    return run_broker(args.name, args.seconds, console)
+    return run_broker(args.name, args.seconds, console, args.host, args.user, args.password_env)
 
 
 def _run_quote(args: argparse.Namespace, console: "object") -> int:

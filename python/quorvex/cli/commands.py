@@ -1,5 +1,6 @@
 """`quorvex quote`, `quorvex contracts` and `quorvex broker`."""
 
+import os
 import signal
 import threading
 import time
@@ -9,8 +10,8 @@ from rich.console import Console
 from rich.markup import escape
 
 from quorvex.cli.board import QuoteBoard
-from quorvex.cli.connection import BrokerSession, credentials_for, probe_broker
-from quorvex.cli.errors import EXIT_OK, EXIT_UNKNOWN_CODE, EXIT_UNREACHABLE, CliError
+from quorvex.cli.connection import BUS_VPN, BrokerSession, credentials_for, probe_broker, replay_config
+from quorvex.cli.errors import EXIT_BAD_ARGUMENTS, EXIT_OK, EXIT_UNKNOWN_CODE, EXIT_UNREACHABLE, CliError
 from quorvex.cli.lookup import resolve
 from quorvex.cli.lookup import search as find
 from quorvex.cli.streaming import stream_quotes
@@ -74,28 +75,50 @@ def run_contracts(
     return EXIT_OK
 
 
-def run_broker(name: str, seconds: Optional[float], console: Console) -> int:
-    """The paper broker on the in-process bus `name` until interrupted (or for `seconds`)."""
+def run_broker(
+    name: str,
+    seconds: Optional[float],
+    console: Console,
+    host: Optional[str] = None,
+    user: str = "",
+    password_env: Optional[str] = None,
+) -> int:
+    """The paper broker until interrupted (or for `seconds`): on the in-process bus `name`, or
+    on the network bus at `host` (mqtt://HOST:PORT) for sessions of other processes."""
     try:
-        from quorvex.paper import DEMO, PaperBroker, PaperBrokerConfig
+        from quorvex.paper import DEMO, PaperBroker
     except ImportError as error:
         raise CliError(
             f"the paper broker is not part of this build ({error}); expected the module quorvex.paper",
             EXIT_UNREACHABLE,
         ) from None
+    password = ""
+    if password_env:
+        password = os.environ.get(password_env, "")
+        if not password:
+            raise CliError(
+                f"--password-env names {password_env}, which is not set; expected the bus password there",
+                EXIT_BAD_ARGUMENTS,
+            )
     stop = threading.Event()
     previous = _stop_on_terminate(stop)
-    broker = PaperBroker(PaperBrokerConfig.demo())
+    broker = PaperBroker(replay_config())
     try:
-        broker.attach(name)
-        console.print(
-            f"[bold]Paper broker[/] listening on [cyan]{escape(broker.host)}[/] (the in-process bus {name!r})"
-        )
+        try:
+            if host:
+                broker.attach(host, vpn=BUS_VPN, user=user, password=password)
+            else:
+                broker.attach(name)
+        except RuntimeError as error:
+            raise CliError(f"cannot serve {host or name}: {error}", EXIT_UNREACHABLE) from None
+        where = "" if host else f" (the in-process bus {name!r}, this process only)"
+        console.print(f"[bold]Paper broker[/] listening on [cyan]{escape(broker.host)}[/]{where}")
         console.print(
             f"  demo person {escape(DEMO.person_id)}, API key {escape(DEMO.api_key)} "
             "(its secret key is documented in docs/protocol.md)"
         )
-        console.print("  reachable from this process only, until the MQTT transport is available")
+        if host:
+            console.print(f"  try: quorvex demo --host {escape(host)}")
         console.print("  stop with Ctrl-C" + (f" (or after {seconds:g} s)" if seconds else ""))
         deadline = None if seconds is None else time.monotonic() + seconds
         # Short waits keep Ctrl-C responsive on every platform.

@@ -24,6 +24,7 @@ from quorvex.cli.errors import (
 from quorvex.constant import FetchStatus
 
 __all__ = [
+    "BUS_VPN",
     "PAPER_BUS",
     "SECRET_KEY_ENV",
     "BrokerSession",
@@ -33,6 +34,7 @@ __all__ = [
     "market_day",
     "demo_credentials",
     "probe_broker",
+    "replay_config",
 ]
 
 _log = logging.getLogger("quorvex.cli")
@@ -46,6 +48,7 @@ MARKET_OPEN = "09:00"
 _TAIPEI = datetime.timezone(datetime.timedelta(hours=8))
 SECRET_KEY_ENV = "QUORVEX_SECRET_KEY"
 BUS_PASSWORD_ENV = "QUORVEX_BUS_PASSWORD"
+BUS_USER_ENV = "QUORVEX_BUS_USER"
 BUS_VPN = "quorvex"
 BUS_USER = "quorvex-cli"
 # How far the broker's clock may be from ours when it checks the signed login document.
@@ -60,6 +63,15 @@ def market_day(now: Optional[datetime.datetime] = None) -> datetime.date:
     while day.weekday() >= 5:
         day -= datetime.timedelta(days=1)
     return day
+
+
+def replay_config(now: Optional[datetime.datetime] = None) -> Any:
+    """The demo broker's configuration replaying the same morning as `default_host`: what
+    `quorvex broker` serves to other processes."""
+    config = _paper_module().PaperBrokerConfig.demo()
+    config.market_start = "{}T{}".format(market_day(now).isoformat(), MARKET_OPEN)
+    config.clock_speed = float(MARKET_SPEED)
+    return config
 
 
 def default_host(now: Optional[datetime.datetime] = None) -> str:
@@ -110,7 +122,8 @@ def credentials_for(
     host: str, api_key: Optional[str], environ: Optional[Dict[str, str]] = None
 ) -> Credentials:
     """The key given on the command line with its secret from the environment, else the
-    paper broker's demo key; a key is required for any other broker."""
+    paper broker's demo key (on paper:// and on a network bus a `quorvex broker` serves, which
+    refuses the login when it is some other broker)."""
     env = os.environ if environ is None else environ
     if api_key:
         secret = env.get(SECRET_KEY_ENV, "")
@@ -123,17 +136,15 @@ def credentials_for(
         return Credentials(api_key, secret)
     if host.startswith("paper://"):
         return demo_credentials()
-    raise CliError(
-        f"{host} is not the paper broker: give --api-key, with the secret key in {SECRET_KEY_ENV}",
-        EXIT_BAD_ARGUMENTS,
-    )
+    _log.info("no --api-key for %s: logging in with the paper broker's demo key", host)
+    return demo_credentials()
 
 
 def _bus_settings(host: str) -> Dict[str, Any]:
     return {
         "host": host,
         "vpn": BUS_VPN,
-        "user": BUS_USER,
+        "user": os.environ.get(BUS_USER_ENV, BUS_USER),
         "password": os.environ.get(BUS_PASSWORD_ENV, ""),
     }
 
@@ -324,6 +335,7 @@ def market_options(host: str) -> Dict[str, str]:
 
 
 def trading_day(host: str) -> str:
-    """The trading day a session on `host` trades in: the replayed one, else today in Taipei."""
+    """The trading day a session on `host` trades in: the replayed one (a `quorvex broker`
+    replays `market_day`)."""
     start = market_options(host).get("market_start", "")
-    return start[:10] if start else datetime.datetime.now(_TAIPEI).date().isoformat()
+    return start[:10] if start else market_day().isoformat()

@@ -14,7 +14,7 @@ from rich.markup import escape
 from rich.progress import BarColumn, Progress, TaskProgressColumn, TextColumn, TimeElapsedColumn
 
 from quorvex.cli.board import OrderReport, QuoteBoard, ReportLog, price_text
-from quorvex.cli.connection import BrokerSession, credentials_for, market_options, probe_broker, trading_day
+from quorvex.cli.connection import BrokerSession, demo_credentials, market_options, probe_broker, trading_day
 from quorvex.cli.console import Narrator
 from quorvex.cli.errors import CliError
 from quorvex.cli.lookup import resolve
@@ -105,12 +105,17 @@ class Demo:
     # ------------------------------------------------------------------ steps
 
     def connect(self) -> None:
-        with self.narrator.step("Connect to the embedded paper broker at {}".format(self.host.split("?")[0])):
+        embedded = self.host.startswith("paper://")
+        where = "the embedded paper broker" if embedded else "the paper broker"
+        with self.narrator.step("Connect to {} at {}".format(where, self.host.split("?")[0])):
             probe_broker(self.host)
             self.session = BrokerSession(self.host)
-            self.narrator.say(
-                "the broker runs inside this process on an in-process bus; nothing else to start"
-            )
+            if embedded:
+                self.narrator.say(
+                    "the broker runs inside this process on an in-process bus; nothing else to start"
+                )
+            else:
+                self.narrator.say("the broker is another process, reached through that MQTT 5 broker")
             options = market_options(self.host)
             if "market_start" in options:
                 start = options["market_start"].replace("T", " ")
@@ -121,7 +126,7 @@ class Demo:
                 )
 
     def login(self) -> None:
-        credentials = credentials_for(self.host, None)
+        credentials = demo_credentials()
         with self.narrator.step("Log in with the demo API key (token_login, an Ed25519-signed request)"):
             accounts = self.session.login(credentials)
             self.narrator.say(f"logged in as {escape(self.session.person_id)}; {len(accounts)} accounts")

@@ -653,10 +653,11 @@ class Client:
 
         with self._calling("use_demo_certificate"):
             pass
-        folder = tempfile.mkdtemp(prefix="quorvex-certificate-")
         password = secrets.token_urlsafe(18)  # lives only in this process
-        path = issue_demo_certificate(os.path.join(folder, "demo.pfx"), password, self._person_id)
-        self.activate_certificate(path, password)
+        # The signer holds the key once activated, so the file is gone before this returns.
+        with tempfile.TemporaryDirectory(prefix="quorvex-certificate-") as folder:
+            path = issue_demo_certificate(os.path.join(folder, "demo.pfx"), password, self._person_id)
+            self.activate_certificate(path, password)
 
     # ------------------------------------------------------------------ orders
 

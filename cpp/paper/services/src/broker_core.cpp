@@ -1,11 +1,18 @@
-#include <sodium.h>
+#include "quorvex/paper/broker_core.hpp"
 
 #include <algorithm>
+#include <chrono>
+#include <memory>
+#include <mutex>
 #include <stdexcept>
 
-#include "broker_state.hpp"
+#include "account_desk.hpp"
+#include "auth_desk.hpp"
+#include "contract_desk.hpp"
+#include "order_desk.hpp"
 #include "quorvex/core/codec.hpp"
 #include "quorvex/paper/feed/market_clock.hpp"
+#include "request.hpp"
 
 namespace quorvex::paper {
 
@@ -46,21 +53,27 @@ std::vector<std::string> Outbox::drain(DirectSender& sender) {
   return gone;
 }
 
-// ---- ScaledClock ----
-
-ScaledClock::ScaledClock(std::shared_ptr<const core::Clock> base, double speed)
-    : base_(std::move(base)), speed_(speed), start_(base_->now()) {}
-
-core::Clock::time_point ScaledClock::now() const {
-  const time_point base_now = base_->now();
-  if (speed_ == 1.0) return base_now;
-  const auto elapsed = std::chrono::duration<double>(base_now - start_) * speed_;
-  return start_ + std::chrono::duration_cast<duration>(elapsed);
-}
-
-// ---- State ----
+// ---- the core's state: its clocks, the market and the desks ----
 
 namespace {
+
+// Market time: the broker clock from a starting instant, sped up by a factor.
+class ScaledClock final : public core::Clock {
+ public:
+  ScaledClock(std::shared_ptr<const core::Clock> base, double speed)
+      : base_(std::move(base)), speed_(speed), start_(base_->now()) {}
+  time_point now() const override {
+    const time_point base_now = base_->now();
+    if (speed_ == 1.0) return base_now;
+    const auto elapsed = std::chrono::duration<double>(base_now - start_) * speed_;
+    return start_ + std::chrono::duration_cast<duration>(elapsed);
+  }
+
+ private:
+  std::shared_ptr<const core::Clock> base_;
+  double speed_;
+  time_point start_;
+};
 
 std::shared_ptr<const core::Clock> clock_of(const PaperBrokerConfig& config) {
   return config.clock ? config.clock : core::system_clock();
@@ -94,85 +107,65 @@ double checked_speed(double speed) {
 
 }  // namespace
 
-BrokerCore::State::State(PaperBrokerConfig config)
-    : clock(clock_of(config)),
-      market_clock(
-          config.market_start != 0 ? std::make_shared<const ReplayClock>(clock, config.market_start) : clock,
-          checked_speed(config.clock_speed)),
-      max_receive_window_ms(config.max_receive_window_ms),
-      ip_address(config.ip_address),
-      master(master_config(config, market_clock)),
-      directory(config),
-      engine(master, market_clock, engine_config(config),
-             [this](const OrderEvent& event) {
-               std::lock_guard<std::mutex> lock(events_mutex);
-               pending_events.push_back(event);
-             }),
-      reservations(master) {
-  if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
-  for (const PersonConfig& person : config.persons) {
-    for (const std::string& token : person.simulation_tokens) {
-      sessions.add_standing(token, directory.person(person.person_id));
-    }
+// Everything is guarded by `mutex`: the desks run with it held, one request at a time.
+struct BrokerCore::State {
+  explicit State(const PaperBrokerConfig& config)
+      : clock(clock_of(config)),
+        market_clock(config.market_start != 0
+                         ? std::make_shared<const ReplayClock>(clock, config.market_start)
+                         : clock,
+                     checked_speed(config.clock_speed)),
+        master(master_config(config, market_clock)),
+        engine(master, market_clock, engine_config(config)),
+        auth(config, *clock),
+        contracts(master),
+        accounts(master, auth, market_clock, *clock, mark_prices()),
+        orders(engine, master, auth, accounts, market_clock, *clock) {
+    auth.serve(services);
+    contracts.serve(services);
+    accounts.serve(services);
+    orders.serve(services);
   }
-  serve_auth();
-  serve_contracts();
-  serve_orders();
-  serve_accounts();
-  serve_reservations();
-}
 
-BrokerCore::State::Service BrokerCore::State::bound(core::Value (State::*method)(Request&)) {
-  return [this, method](Request& request) { return (this->*method)(request); };
-}
+  // Decides one request; returns the encoded reply. Reports are left in `request.reports`.
+  std::string decide(Request& request);
 
-void BrokerCore::State::serve(const std::string& topic, Access access, Service service) {
-  routes[topic] = Route{std::move(service), access};
-}
+  // Open positions are valued at the market's last price, or the reference before any trade.
+  MarkPrice mark_prices() const {
+    return [this](std::string_view code) -> std::optional<Price> {
+      const Result<BookSnapshot> book = engine.book(code, Board::Common, 0);
+      if (book && book->last_price) return book->last_price;
+      const Contract* contract = master.find(code);
+      if (contract == nullptr) return std::nullopt;
+      return contract->reference;
+    };
+  }
 
-void BrokerCore::State::serve_with_paper_twin(const std::string& category, const std::string& name,
-                                              Service service) {
-  serve("api/v1/" + category + "/" + name, Access::Session, service);
-  serve("api/v1/paper/" + name, Access::SimulationOnly, std::move(service));
-}
-
-void BrokerCore::State::check_access(Request& request, Access access) {
-  if (access == Access::Open) return;
-  if (request.caller.token.empty()) {
-    wire::refuse(wire::kUnauthorized,
-                 "no session token on the request; log in first and send the token it returns");
-  }
-  const Grant* grant = sessions.grant(request.caller.token);
-  if (grant == nullptr) {
-    wire::refuse(
-        wire::kUnauthorized,
-        "the session token is not valid: unknown, revoked by a logout or issued by another broker; log in "
-        "again");
-  }
-  request.session = &sessions.bind(request.caller.session_id, request.caller.token, *grant);
-  if (access == Access::LiveOnly && request.session->simulation) {
-    wire::refuse(wire::kForbidden, request.topic +
-                                       " is not offered to simulation sessions; log in without "
-                                       "simulation to use it");
-  }
-  if (access == Access::SimulationOnly && !request.session->simulation) {
-    wire::refuse(wire::kForbidden, request.topic +
-                                       " serves simulation sessions only; live sessions use the "
-                                       "api/v1/order/ and api/v1/portfolio/ topics");
-  }
-}
+  std::mutex mutex;
+  std::shared_ptr<const core::Clock> clock;  // the broker clock
+  ScaledClock market_clock;
+  ContractMaster master;
+  MatchingEngine engine;
+  ServiceTable services;
+  AuthDesk auth;
+  ContractDesk contracts;
+  AccountDesk accounts;
+  OrderDesk orders;
+};
 
 std::string BrokerCore::State::decide(Request& request) {
   core::Value reply;
   try {
-    const auto route = routes.find(request.topic);
-    if (route == routes.end()) {
+    const ServiceTable::Route* route = services.find(request.topic);
+    if (route == nullptr) {
       wire::refuse(wire::kNotFound, "no service on topic " + request.topic +
                                         "; expected one of the api/v1/ topics "
                                         "in the protocol description");
     }
-    check_access(request, route->second.access);
-    core::Value response = route->second.service(request);
+    auth.admit(request, route->access);
+    // What the market did since the last request is booked first, so every answer sees it.
+    orders.settle_events(request);
+    core::Value response = route->service(request);
     if (!request.encoded_reply.empty()) return std::move(request.encoded_reply);
     reply = wire::ok_reply(std::move(response));
   } catch (const ServiceRefused& refusal) {
@@ -188,56 +181,33 @@ std::string BrokerCore::State::decide(Request& request) {
   return core::encode(reply);
 }
 
-const Account& BrokerCore::State::owned_account(const Request& request, const wire::Field& account) const {
-  const std::string broker_id = account["broker_id"].text();
-  const std::string account_id = account["account_id"].text();
-  const Account* found = directory.account(broker_id, account_id);
-  // Unknown and foreign accounts get the same answer, so accounts cannot be probed.
-  if (found == nullptr || found->holder != request.session->person) {
-    wire::refuse(wire::kForbidden, "account " + broker_id + "-" + account_id +
-                                       " is not an account of person " + request.person().person_id +
-                                       "; expected one of the accounts the login listed");
-  }
-  return *found;
-}
-
-const Contract& BrokerCore::State::known_contract(const wire::Field& contract) const {
-  const std::string code = contract["code"].text();
-  const Contract* found = master.find(code);
-  if (found == nullptr) {
-    wire::refuse(wire::kNotFound,
-                 "contract " + code +
-                     " is not in the contract master; expected the code of a "
-                     "listed stock, future or option",
-                 static_cast<int>(RefusalCode::UnknownContract));
-  }
-  return *found;
-}
-
 // ---- BrokerCore ----
 
-BrokerCore::BrokerCore(PaperBrokerConfig config) : state_(std::make_unique<State>(std::move(config))) {}
+BrokerCore::BrokerCore(PaperBrokerConfig config) : state_(std::make_unique<State>(config)) {}
 BrokerCore::~BrokerCore() = default;
 
 void BrokerCore::handle(const Caller& caller, const std::string& topic, std::string_view payload,
                         std::shared_ptr<const ReplyTarget> reply_to, Outbox& out) {
+  // The size is checked before decoding, so an oversized request costs nothing to refuse.
   core::Value decoded;
-  bool readable = true;
-  try {
-    decoded = core::decode(payload);
-  } catch (const std::exception&) {
-    readable = false;
+  std::optional<ServiceRefused> unreadable;
+  if (payload.size() > wire::kMaxRequestBytes) {
+    unreadable.emplace(wire::kPayloadTooLarge,
+                       "the request is " + std::to_string(payload.size()) + " bytes; expected at most " +
+                           std::to_string(wire::kMaxRequestBytes),
+                       wire::kTooLarge);
+  } else {
+    try {
+      decoded = core::decode(payload);
+    } catch (const std::exception&) {
+      unreadable.emplace(wire::kBadRequest,
+                         "the payload is not one well-formed msgpack message; expected a map");
+    }
   }
   std::lock_guard<std::mutex> lock(state_->mutex);
   Request request{caller, topic, decoded};
-  request.paper_topic = topic.rfind("api/v1/paper/", 0) == 0;
-  std::string reply;
-  if (readable) {
-    reply = state_->decide(request);
-  } else {
-    reply = core::encode(wire::refused_reply(ServiceRefused(
-        wire::kBadRequest, "the payload is not one well-formed msgpack message; expected a map")));
-  }
+  request.payload_bytes = payload.size();
+  std::string reply = unreadable ? core::encode(wire::refused_reply(*unreadable)) : state_->decide(request);
   // Under the lock, so that messages leave in the order their requests were decided.
   if (reply_to) out.push(Outgoing{std::move(reply_to), {}, topic, std::move(reply)});
   for (Report& report : request.reports) {
@@ -248,23 +218,23 @@ void BrokerCore::handle(const Caller& caller, const std::string& topic, std::str
 
 void BrokerCore::session_closed(const std::string& session_id) {
   std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->sessions.forget(session_id);
+  state_->auth.session_closed(session_id);
 }
 
 void BrokerCore::add_service(std::string topic, ServiceHandler handler, bool simulation_allowed) {
   std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->serve(topic, simulation_allowed ? Access::Session : Access::LiveOnly,
-                [handler = std::move(handler)](Request& request) {
-                  const ServiceCall call{request.caller, request.topic, request.payload,
-                                         request.person().person_id, request.simulation()};
-                  return handler(call);
-                });
+  state_->services.serve(topic, simulation_allowed ? Access::Session : Access::LiveOnly,
+                         [handler = std::move(handler)](Request& request) {
+                           const ServiceCall call{request.caller, request.topic, request.payload,
+                                                  request.person().person_id, request.simulation()};
+                           return handler(call);
+                         });
 }
 
 std::vector<std::string> BrokerCore::topics() const {
   std::lock_guard<std::mutex> lock(state_->mutex);
   std::vector<std::string> topics;
-  for (const auto& route : state_->routes) topics.push_back(route.first);
+  for (const auto& route : state_->services.routes()) topics.push_back(route.first);
   std::sort(topics.begin(), topics.end());
   return topics;
 }
@@ -275,7 +245,7 @@ void BrokerCore::settle(Outbox& out) {
   const Caller nobody;
   const core::Value nothing;
   Request request(nobody, kNoTopic, nothing);
-  state_->settle_events(request);
+  state_->orders.settle_events(request);
   for (Report& report : request.reports) {
     out.push(
         Outgoing{nullptr, std::move(report.session_id), std::move(report.topic), std::move(report.payload)});
@@ -284,7 +254,7 @@ void BrokerCore::settle(Outbox& out) {
 
 void BrokerCore::add_deal_listener(DealListener listener) {
   std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->deal_listeners.push_back(std::move(listener));
+  state_->orders.add_deal_listener(std::move(listener));
 }
 
 MatchingEngine& BrokerCore::engine() { return state_->engine; }

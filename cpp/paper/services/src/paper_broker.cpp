@@ -38,9 +38,12 @@ class ResponderSender final : public DirectSender {
 
 // The broker's endpoint on its bus and the queue its messages leave through.
 struct PaperBroker::Link {
-  Link(BrokerCore& core, const std::string& bus_name) : core(core) {
+  Link(BrokerCore& core, const std::string& bus_name, const BusLogin& login) : core(core) {
     bus::ResponderOptions options;
     options.client_name = "paper-broker";
+    options.vpn = login.vpn;
+    options.user = login.user;
+    options.password = login.password;
     // A blocking request is decided on its sender's thread, which waits anyway, when nothing
     // is queued before it; everything else on the responder's own thread, so a non-blocking
     // sender goes on at once and its reply lands after the placeholder it files on return.
@@ -48,7 +51,9 @@ struct PaperBroker::Link {
     // sender's thread may hold an interpreter lock through the send.
     options.dispatch = bus::Dispatch::InlineWhenWaited;
     options.inline_filters = {"api/v1/auth/>", "api/v1/order/>", "api/v1/paper/>", "api/v1/portfolio/>"};
-    responder = std::make_unique<bus::Responder>("inproc://" + bus_name, std::move(options));
+    const bool has_scheme = bus_name.find("://") != std::string::npos;
+    responder =
+        std::make_unique<bus::Responder>(has_scheme ? bus_name : "inproc://" + bus_name, std::move(options));
     sender = std::make_unique<ResponderSender>(*responder);
     responder->serve("api/v1/>", [this](const bus::ServiceRequest& request) { serve(request); });
   }
@@ -72,12 +77,12 @@ PaperBroker::PaperBroker(PaperBrokerConfig config)
 
 PaperBroker::~PaperBroker() { close(); }
 
-void PaperBroker::attach(const std::string& bus_name) {
+void PaperBroker::attach(const std::string& bus_name, const BusLogin& login) {
   if (link_) {
     throw std::logic_error("the paper broker is already attached to bus '" + bus_name_ +
                            "'; close() it first");
   }
-  link_ = std::make_unique<Link>(*core_, bus_name);
+  link_ = std::make_unique<Link>(*core_, bus_name, login);
   market_data_->attach(*link_->responder);
   bus_name_ = bus_name;
 }

@@ -1,6 +1,7 @@
 // Stock reservation for short selling and earmarked funds: two signed requests and three
 // listings, all for stock accounts of live sessions.
-#include "broker_state.hpp"
+#include "account_desk.hpp"
+#include "contract_desk.hpp"
 #include "quorvex/sign/verify.hpp"
 
 namespace quorvex::paper {
@@ -9,18 +10,10 @@ using core::Value;
 using wire::Field;
 using wire::field;
 
-void BrokerCore::State::serve_reservations() {
-  serve("api/v1/order/reserve_stock", Access::LiveOnly, bound(&State::reserve_stock));
-  serve("api/v1/order/reserve_earmarking", Access::LiveOnly, bound(&State::reserve_earmarking));
-  serve("api/v1/order/stock_reserve_summary", Access::LiveOnly, bound(&State::stock_reserve_summary));
-  serve("api/v1/order/stock_reserve_detail", Access::LiveOnly, bound(&State::stock_reserve_detail));
-  serve("api/v1/order/earmarking_detail", Access::LiveOnly, bound(&State::earmarking_detail));
-}
-
 // A reservation of a signed account carries the signed text beside its signature; the text
 // must verify for the holder and name what is asked (the stock's code and the share count).
-void BrokerCore::State::check_request_signature(const Account& account, const Field& ca,
-                                                const Contract& contract, Quantity shares) const {
+void AccountDesk::check_request_signature(const Account& account, const Field& ca, const Contract& contract,
+                                          Quantity shares) const {
   if (!account.config.signed_orders) return;
   const std::string where = "account " + account.config.broker_id + "-" + account.config.account_id;
   if (!ca.value().is_map()) {
@@ -30,9 +23,9 @@ void BrokerCore::State::check_request_signature(const Account& account, const Fi
                      "plain_text}); expected a request signed with an activated certificate",
                  wire::kSignatureRefused);
   }
-  const std::string text = ca["plain_text"].text();
-  const sign::Verification v =
-      sign::verify_text_signature(text, ca["signature"].text(), account.holder->person_id);
+  const std::string text = ca["plain_text"].text(wire::kMaxSignatureBytes);
+  const sign::Verification v = sign::verify_text_signature(
+      text, ca["signature"].text(wire::kMaxSignatureBytes), account.holder->person_id);
   if (!v) {
     wire::refuse(wire::kForbidden,
                  "the request signature for " + where + " is not valid: " + v.error +
@@ -48,13 +41,14 @@ void BrokerCore::State::check_request_signature(const Account& account, const Fi
   }
 }
 
-Value BrokerCore::State::reserve_stock(Request& request) {
+Value AccountDesk::reserve_stock(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
-  const Contract& contract = known_contract(field(request.payload, "contract"));
+  const Contract& contract = known_contract(master_, field(request.payload, "contract"));
   const Field order = field(request.payload, "order");
   const Quantity shares = order["share"].integer();
   check_request_signature(account, order["ca"], contract, shares);
-  const Result<StockReservation> done = reservations.reserve_stock(account.key, contract.code, shares, now());
+  const Result<StockReservation> done =
+      reservations_.reserve_stock(account.key, contract.code, shares, now());
   if (!done) wire::refuse(done.refusal());
   Value response = with_account(account, "share", done->share);
   response.set("contract", wire::contract_value(contract));
@@ -63,14 +57,13 @@ Value BrokerCore::State::reserve_stock(Request& request) {
   return response;
 }
 
-Value BrokerCore::State::reserve_earmarking(Request& request) {
+Value AccountDesk::reserve_earmarking(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
-  const Contract& contract = known_contract(field(request.payload, "contract"));
+  const Contract& contract = known_contract(master_, field(request.payload, "contract"));
   const Field order = field(request.payload, "order");
   const Quantity shares = order["share"].integer();
   const Price price = order["price"].price();
   check_request_signature(account, order["ca"], contract, shares);
-  settle_events(request);
   const Result<Earmark> done = stock_book(account).earmark(contract, shares, price, now());
   if (!done) wire::refuse(done.refusal());
   Value response = with_account(account, "share", done->share);
@@ -81,22 +74,22 @@ Value BrokerCore::State::reserve_earmarking(Request& request) {
   return response;
 }
 
-Value BrokerCore::State::stock_reserve_summary(Request& request) {
+Value AccountDesk::stock_reserve_summary(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
   Value stocks = Value::array({});
-  for (const ReservationSummary& s : reservations.summary(account.key)) {
-    stocks.push_back(Value::map({{"contract", wire::contract_value(*master.find(s.code))},
+  for (const ReservationSummary& s : reservations_.summary(account.key)) {
+    stocks.push_back(Value::map({{"contract", wire::contract_value(*master_.find(s.code))},
                                  {"available_share", s.available_share},
                                  {"reserved_share", s.reserved_share}}));
   }
   return with_account(account, "stocks", std::move(stocks));
 }
 
-Value BrokerCore::State::stock_reserve_detail(Request& request) {
+Value AccountDesk::stock_reserve_detail(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
   Value stocks = Value::array({});
-  for (const StockReservation& r : reservations.detail(account.key)) {
-    stocks.push_back(Value::map({{"contract", wire::contract_value(*master.find(r.code))},
+  for (const StockReservation& r : reservations_.detail(account.key)) {
+    stocks.push_back(Value::map({{"contract", wire::contract_value(*master_.find(r.code))},
                                  {"share", r.share},
                                  {"order_datetime", wire::time_text(r.ts)},
                                  {"status", r.status},
@@ -105,11 +98,11 @@ Value BrokerCore::State::stock_reserve_detail(Request& request) {
   return with_account(account, "stocks", std::move(stocks));
 }
 
-Value BrokerCore::State::earmarking_detail(Request& request) {
+Value AccountDesk::earmarking_detail(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
   Value stocks = Value::array({});
   for (const Earmark& e : stock_book(account).earmarks()) {
-    stocks.push_back(Value::map({{"contract", wire::contract_value(*master.find(e.code))},
+    stocks.push_back(Value::map({{"contract", wire::contract_value(*master_.find(e.code))},
                                  {"share", e.share},
                                  {"price", wire::price_number(e.price)},
                                  {"amount", wire::amount(e.amount)},

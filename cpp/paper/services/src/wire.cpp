@@ -59,14 +59,26 @@ const core::Array& Field::array() const {
   return value_.as_array();
 }
 
-std::string Field::text() const {
+void Field::check_length(std::size_t max_bytes) const {
+  const std::size_t size = value_.as_string().size();
+  if (size > max_bytes) {
+    refuse(kPayloadTooLarge,
+           "field '" + path_ + "' is " + std::to_string(size) + " bytes; expected at most " +
+               std::to_string(max_bytes),
+           kTooLarge);
+  }
+}
+
+std::string Field::text(std::size_t max_bytes) const {
   if (!value_.is_string() || value_.as_string().empty()) wrong("a non-empty text");
+  check_length(max_bytes);
   return value_.as_string();
 }
 
-std::string Field::text_or(std::string_view fallback) const {
+std::string Field::text_or(std::string_view fallback, std::size_t max_bytes) const {
   if (value_.is_nil()) return std::string(fallback);
   if (!value_.is_string()) wrong("a text");
+  check_length(max_bytes);
   return value_.as_string();
 }
 

@@ -2,6 +2,7 @@
 // readers whose refusals name the field, and the wire forms of contracts and money.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,8 +26,20 @@ inline constexpr int kUnauthorized = 401;
 inline constexpr int kForbidden = 403;
 inline constexpr int kNotFound = 404;
 
+inline constexpr int kPayloadTooLarge = 413;
+
 // The sts_code of order and reservation signatures that are missing, invalid or stale.
 inline constexpr int kSignatureRefused = 74090;
+// The sts_code of a request, or a field of one, larger than the broker reads.
+inline constexpr int kTooLarge = 77001;
+
+// What the broker reads at most, checked before anything costly is done with the bytes (msgpack
+// decoding, Base58, signature checks), so an oversized request is refused at once and cannot
+// hold up anyone else's. A text field takes kMaxTextBytes unless it says otherwise.
+inline constexpr std::size_t kMaxRequestBytes = std::size_t{256} * 1024;
+inline constexpr std::size_t kMaxTextBytes = 1024;
+inline constexpr std::size_t kMaxSignatureBytes =
+    std::size_t{64} * 1024;  // CMS with its certificate chain, Base64
 
 [[noreturn]] void refuse(int status_code, std::string detail, int sts_code = 0);
 // A refusal of the domain core: unknown things are 404, everything else 400, with its sts_code.
@@ -50,8 +63,9 @@ class Field {
   // Readers refuse with 400 naming the field and what was expected.
   const core::Map& map() const;
   const core::Array& array() const;
-  std::string text() const;  // required, non-empty
-  std::string text_or(std::string_view fallback) const;
+  // Texts longer than `max_bytes` are refused with 413 (sts_code kTooLarge).
+  std::string text(std::size_t max_bytes = kMaxTextBytes) const;  // required, non-empty
+  std::string text_or(std::string_view fallback, std::size_t max_bytes = kMaxTextBytes) const;
   std::int64_t integer() const;  // required; whole-valued doubles accepted
   std::int64_t integer_or(std::int64_t fallback) const;
   bool flag_or(bool fallback) const;
@@ -62,6 +76,7 @@ class Field {
 
  private:
   [[noreturn]] void wrong(const char* expected) const;
+  void check_length(std::size_t max_bytes) const;
   const Value& value_;
   std::string path_;
 };

@@ -34,10 +34,11 @@ enum class SessionEventCode : int {
   Reconnecting = 1,       // the link was lost; retrying with the reconnect settings
   Reconnected = 2,        // the link is back; subscriptions were restored
   Down = 3,               // the link was lost and every retry failed; the session-down callback follows
-  SubscriptionError = 4,  // a subscription could not be restored after a reconnect
+  SubscriptionError = 4,  // a subscription was refused, or could not be restored after a reconnect
+  SlowConsumer = 5,       // published messages were dropped: the listener fell behind the queue's bound
 };
 
-// "connected", "reconnecting", "reconnected", "down", "subscription error".
+// "connected", "reconnecting", "reconnected", "down", "subscription error", "slow consumer".
 const char* event_name(SessionEventCode code);
 
 struct SessionEvent {

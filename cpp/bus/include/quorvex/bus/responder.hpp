@@ -83,7 +83,12 @@ using ErrorHook = std::function<void(const std::string& topic, const std::string
 enum class Dispatch { Worker, Inline, InlineWhenWaited };
 
 struct ResponderOptions {
-  std::string client_name = "responder";
+  std::string client_name = "responder";  // on MQTT also the shared-subscription group of its services
+  // The connection, as for a session (ConnectOptions); the password is a secret, never logged.
+  std::string vpn;
+  std::string user;
+  std::string password;
+  int connect_timeout_ms = 3000;
   Dispatch dispatch = Dispatch::Worker;
   // With InlineWhenWaited: only requests on topics matching one of these filters may run on
   // the sender's thread (every topic when empty). A binding may hold its interpreter lock
@@ -94,7 +99,8 @@ struct ResponderOptions {
 
 class Responder {
  public:
-  // Connects to `host` (any registered scheme). BusError naming the host on failure.
+  // Connects to `host` (any registered scheme). BusError naming the host on failure. A lost link
+  // is reopened on the worker thread, with pauses growing to a second, until close().
   explicit Responder(const std::string& host, ResponderOptions options = {});
   ~Responder();  // close()
   Responder(const Responder&) = delete;

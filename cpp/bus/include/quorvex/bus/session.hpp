@@ -6,8 +6,16 @@
 //   - request() blocks the calling thread until the reply or the timeout. Its reply is handed
 //     straight to the waiting thread, never through the dispatcher, so a delivery may itself make
 //     a blocking request.
-//   - Non-blocking replies, published messages, point-to-point messages and events are delivered in
-//     arrival order to the SessionListener on the session's dispatcher thread, in batches.
+//   - Non-blocking replies, published messages, point-to-point messages and events are delivered to
+//     the SessionListener on the session's dispatcher thread, in batches, in two lanes: replies,
+//     point-to-point messages and events first, in arrival order, never dropped; published
+//     messages in arrival order, at most kMessageBatch a batch, so a reply never waits behind more
+//     than that many. Published messages queue up to a bound (set_message_queue_limit); past it the
+//     oldest are dropped and a SlowConsumer event says how many.
+//   - A lost link is recovered on the dispatcher thread, which keeps delivering while it waits
+//     between attempts: Reconnecting, then Reconnected (subscriptions restored) or Down after
+//     reconnect_retries attempts. Blocking requests in progress when the link drops return at once
+//     with no reply; non-blocking ones are forgotten.
 //   - No session lock is held while a listener runs or while a transport is called.
 //   - disconnect() returns promptly: it waits at most `disconnect_grace` for a delivery in progress
 //     and otherwise leaves that delivery to finish on its own; nothing more is delivered after it.
@@ -50,6 +58,10 @@ class SessionListener {
 
 class Session {
  public:
+  // Published messages queued for the listener at most, by default; and per batch.
+  static constexpr std::size_t kDefaultMessageQueueLimit = 100000;
+  static constexpr std::size_t kMessageBatch = 64;
+
   explicit Session(std::shared_ptr<SessionListener> listener);
   ~Session();  // disconnects
   Session(const Session&) = delete;
@@ -93,6 +105,9 @@ class Session {
 
   // How long disconnect() waits for a delivery in progress before leaving it behind.
   void set_disconnect_grace(std::chrono::milliseconds grace);
+  // How many published messages may wait for the listener (at least 1); from the next connect on.
+  void set_message_queue_limit(std::size_t limit);
+  std::size_t message_queue_limit() const;
 
   class Core;
 

@@ -1,7 +1,8 @@
 // Transports: how an endpoint (a client session or a service) reaches a bus.
 //
 // A host URL selects the transport by its scheme through a process-wide registry:
-// "inproc://NAME" is built in (the in-process bus NAME); other schemes register themselves
+// "inproc://NAME" (the in-process bus NAME) and "mqtt://HOST:PORT", "mqtts://HOST:PORT" (any
+// MQTT 5 broker, see mqtt.hpp) are built in; other schemes register themselves
 // (register_transport) before the first connect that uses them.
 //
 // Errors: BusError for what the bus cannot do; std::invalid_argument (core::TopicError among them)
@@ -23,9 +24,14 @@
 
 namespace quorvex::bus {
 
+// What an endpoint is for: a client session (requests, subscriptions, an inbox of its own) or a
+// service (serves topics, publishes, sends point-to-point). Network transports set up each
+// differently; the in-process bus treats both alike.
+enum class EndpointKind { Session, Service };
+
 struct ConnectOptions {
   std::string host;  // scheme://address
-  std::string vpn;
+  std::string vpn;   // on MQTT, a topic prefix shared by every endpoint of one environment
   std::string user;
   std::string password;  // secret: never logged
   std::string client_name;
@@ -34,6 +40,7 @@ struct ConnectOptions {
   int keep_alive_ms = 3000;
   int reconnect_retry_wait_ms = 3000;
   int keep_alive_limit = 3;
+  EndpointKind kind = EndpointKind::Session;
 };
 
 // A request as delivered to a serving endpoint; also the route its reply takes back.
@@ -41,6 +48,9 @@ struct IncomingRequest {
   MessagePtr message;
   Requester from;
   std::uint64_t request_id = 0;
+  // Where a network transport sends the reply, and what it echoes back (empty in-process).
+  std::string reply_topic;
+  std::string correlation;
 };
 
 enum class AddressKind {
@@ -59,6 +69,9 @@ class TransportListener {
   virtual void on_subscription_change(const std::string& filter, bool active) {}
   // The link dropped; the owner may call reopen().
   virtual void on_link_lost(const std::string& reason) {}
+  // The bus refused a subscription the endpoint asked for (an access list, say); the transport
+  // has already forgotten it.
+  virtual void on_subscription_refused(const std::string& filter, const std::string& reason) {}
 };
 
 class Transport {
@@ -84,8 +97,13 @@ class Transport {
   virtual void watch_subscriptions(bool on) = 0;
   virtual bool has_subscribers(const std::string& topic) const = 0;
 
-  // Re-establishes a lost link (subscriptions and served filters are not restored); BusError on failure.
+  // Re-establishes a lost link; BusError on failure. Blocks up to the connect timeout. The owner
+  // subscribes and serves again what it holds (a transport that restored some itself ignores
+  // the repeats).
   virtual void reopen() = 0;
+  // After reopen(): whether the bus kept what it held for this endpoint while the link was down
+  // (on MQTT, the persistent session with the point-to-point messages queued meanwhile).
+  virtual bool session_resumed() const { return true; }
   // Idempotent; after it returns the listener receives nothing more that was sent after.
   virtual void close() = 0;
 };
@@ -109,7 +127,8 @@ std::string host_for_display(const std::string& host);
 // afterwards no bus thread delivers anything. Blocks up to each session's disconnect grace.
 void close_all_endpoints();
 
-// A new session id, unique within the process and unlikely to repeat across processes.
+// A new session id: 22 characters (URL-safe Base64) of 128 random bits, so that it cannot
+// collide across processes and cannot be guessed. It is also the endpoint's MQTT client id.
 std::string new_session_id();
 
 }  // namespace quorvex::bus

@@ -3,6 +3,7 @@
 //
 //   quorvex::paper::PaperBroker broker(quorvex::paper::demo_config());
 //   broker.attach("trading");          // clients now reach it with inproc://trading
+//   broker.attach("mqtt://127.0.0.1:1883", {.user = "broker", .password = secret});  // a network bus
 //
 //   quorvex::paper::register_paper_scheme();
 //   session.connect({.host = "paper://trading"});  // starts the broker of bus "trading"
@@ -24,6 +25,13 @@ namespace quorvex::paper {
 
 class MarketDataLink;
 
+// How the broker logs in to a network bus (unused in-process). The password is a secret.
+struct BusLogin {
+  std::string vpn;
+  std::string user;
+  std::string password;
+};
+
 // The bus a bare "paper://" (no name) reaches.
 inline constexpr std::string_view kDefaultPaperBus = "paper";
 
@@ -34,9 +42,10 @@ class PaperBroker {
   PaperBroker(const PaperBroker&) = delete;
   PaperBroker& operator=(const PaperBroker&) = delete;
 
-  // Serves the in-process bus `bus_name` (created on first use). bus::BusError when the bus
-  // refuses the attachment; std::logic_error when already attached (close() first).
-  void attach(const std::string& bus_name);
+  // Serves the in-process bus `bus_name` (created on first use), or, when it has a scheme
+  // ("mqtt://HOST:PORT"), the bus at that host with `login`. bus::BusError when the bus refuses
+  // the attachment; std::logic_error when already attached (close() first).
+  void attach(const std::string& bus_name, const BusLogin& login = {});
   // Stops serving; requests already being decided finish first. Idempotent. The books stay,
   // so the broker can be attached again.
   void close();

@@ -1,7 +1,9 @@
 // Money and holdings from the books the fills keep: balance, margin, settlements, positions
 // and their lots, realised profit and loss with details and summaries. Every reply carries
 // the account dict beside its data.
-#include "broker_state.hpp"
+#include "account_desk.hpp"
+
+#include "contract_desk.hpp"
 
 namespace quorvex::paper {
 
@@ -200,12 +202,90 @@ Unit unit_of(const Field& f) {
 
 }  // namespace
 
+AccountDesk::AccountDesk(const ContractMaster& master, const AuthDesk& auth, const core::Clock& market_clock,
+                         const core::Clock& broker_clock, MarkPrice marks)
+    : master_(master),
+      auth_(auth),
+      market_clock_(market_clock),
+      broker_clock_(broker_clock),
+      marks_(std::move(marks)),
+      reservations_(master) {}
+
+StockAccountBook& AccountDesk::stock_book(const Account& account) {
+  auto it = stock_books_.find(&account);
+  if (it == stock_books_.end()) {
+    it = stock_books_.emplace(&account, StockAccountBook(account.key, account.config.opening_cash, today()))
+             .first;
+  }
+  return it->second;
+}
+
+FuturesAccountBook& AccountDesk::futures_book(const Account& account) {
+  auto it = futures_books_.find(&account);
+  if (it == futures_books_.end()) {
+    it = futures_books_
+             .emplace(&account, FuturesAccountBook(account.key, account.config.opening_cash, today()))
+             .first;
+  }
+  return it->second;
+}
+
+// ---- what orders need of the books ----
+
+namespace {
+
+// Shares of a stock quantity: board lots on the Common and Fixing boards, shares on the odd-lot ones.
+Quantity shares_of(Board board, Quantity quantity, const Contract& contract) {
+  return board == Board::Common || board == Board::Fixing ? quantity * contract.unit : quantity;
+}
+
+}  // namespace
+
+Outcome AccountDesk::hold(OrderId id, const Account& account, const Contract& contract,
+                          const OrderTerms& terms, Price at, Quantity quantity) {
+  if (account.is_stock()) {
+    return stock_book(account).reserve_for_order(id, contract, terms.side, terms.cond, at,
+                                                 shares_of(terms.board, quantity, contract));
+  }
+  return futures_book(account).reserve_for_order(id, contract, terms.side, terms.octype, at, quantity, marks_,
+                                                 today());
+}
+
+void AccountDesk::release(OrderId id, const Account& account) {
+  if (account.is_stock()) {
+    stock_book(account).release_order(id);
+  } else {
+    futures_book(account).release_order(id);
+  }
+}
+
+std::string AccountDesk::book_fill(OrderId id, const Account& account, const Contract& contract,
+                                   const OrderTerms& terms, const OrderEvent& fill) {
+  if (!account.is_stock()) {
+    const FuturesFill booking{id,           order_seqno(id), fill.deal_id,  terms.side,
+                              terms.octype, fill.deal_price, fill.quantity, fill.ts};
+    const auto booked = futures_book(account).apply_fill(contract, booking);
+    return booked ? std::string() : booked.refusal().text;
+  }
+  const Quantity shares = shares_of(terms.board, fill.quantity, contract);
+  const StockFill booking{id,          order_seqno(id), fill.deal_id, contract.code,   contract.is_etf(),
+                          terms.board, terms.side,      terms.cond,   fill.deal_price, shares,
+                          fill.ts};
+  const auto booked = stock_book(account).apply_fill(booking);
+  if (terms.cond == StockOrderCond::ShortSelling && terms.side == Side::Sell) {
+    reservations_.use(account.key, contract.code, shares);
+  }
+  return booked ? std::string() : booked.refusal().text;
+}
+
+// ---- services ----
+
 // Balance, margin and settlements send the account dict itself; the other services send it
 // under "account".
-const Account& BrokerCore::State::account_for(const Request& request, std::optional<AccountKind> kind) const {
+const Account& AccountDesk::account_for(const Request& request, std::optional<AccountKind> kind) const {
   const bool whole = !request.payload.contains("account") && request.payload.contains("broker_id");
-  const Account& account =
-      owned_account(request, whole ? Field(request.payload, "account") : field(request.payload, "account"));
+  const Account& account = auth_.owned_account(
+      request, whole ? Field(request.payload, "account") : field(request.payload, "account"));
   if (kind && account.config.kind != *kind) {
     wire::refuse(wire::kBadRequest, request.topic + " serves " +
                                         (*kind == AccountKind::Stock ? "stock" : "futures") + " accounts; " +
@@ -215,40 +295,43 @@ const Account& BrokerCore::State::account_for(const Request& request, std::optio
   return account;
 }
 
-Value BrokerCore::State::with_account(const Account& account, const char* key, Value value) const {
+Value AccountDesk::with_account(const Account& account, const char* key, Value value) {
   return Value::map({{"account", account.wire()}, {key, std::move(value)}});
 }
 
-void BrokerCore::State::serve_accounts() {
-  serve("api/v1/portfolio/account_balance", Access::LiveOnly, bound(&State::account_balance));
-  serve("api/v1/portfolio/margin", Access::LiveOnly, bound(&State::margin));
-  serve("api/v1/portfolio/settlements", Access::LiveOnly, bound(&State::settlements));
-  serve("api/v1/portfolio/settlement", Access::Session, bound(&State::settlement));
-  serve_with_paper_twin("portfolio", "position_unit", bound(&State::positions));
-  serve("api/v1/portfolio/position_detail", Access::LiveOnly, bound(&State::position_detail));
-  serve_with_paper_twin("portfolio", "profit_loss", bound(&State::profit_loss));
-  serve("api/v1/portfolio/profit_loss_detail", Access::LiveOnly, bound(&State::profit_loss_detail));
-  serve("api/v1/portfolio/profitloss_sum", Access::LiveOnly, bound(&State::profit_loss_summary));
+void AccountDesk::serve(ServiceTable& table) {
+  using D = AccountDesk;
+  table.serve("api/v1/portfolio/account_balance", Access::LiveOnly, bound(this, &D::account_balance));
+  table.serve("api/v1/portfolio/margin", Access::LiveOnly, bound(this, &D::margin));
+  table.serve("api/v1/portfolio/settlements", Access::LiveOnly, bound(this, &D::settlements));
+  table.serve("api/v1/portfolio/settlement", Access::Session, bound(this, &D::settlement));
+  table.serve_with_paper_twin("portfolio", "position_unit", bound(this, &D::positions));
+  table.serve("api/v1/portfolio/position_detail", Access::LiveOnly, bound(this, &D::position_detail));
+  table.serve_with_paper_twin("portfolio", "profit_loss", bound(this, &D::profit_loss));
+  table.serve("api/v1/portfolio/profit_loss_detail", Access::LiveOnly, bound(this, &D::profit_loss_detail));
+  table.serve("api/v1/portfolio/profitloss_sum", Access::LiveOnly, bound(this, &D::profit_loss_summary));
+  table.serve("api/v1/order/reserve_stock", Access::LiveOnly, bound(this, &D::reserve_stock));
+  table.serve("api/v1/order/reserve_earmarking", Access::LiveOnly, bound(this, &D::reserve_earmarking));
+  table.serve("api/v1/order/stock_reserve_summary", Access::LiveOnly, bound(this, &D::stock_reserve_summary));
+  table.serve("api/v1/order/stock_reserve_detail", Access::LiveOnly, bound(this, &D::stock_reserve_detail));
+  table.serve("api/v1/order/earmarking_detail", Access::LiveOnly, bound(this, &D::earmarking_detail));
 }
 
-Value BrokerCore::State::account_balance(Request& request) {
+Value AccountDesk::account_balance(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
-  settle_events(request);
   Value response = with_account(account, "acc_balance", wire::amount(stock_book(account).balance(today())));
   response.set("date", wire::time_text(now()));
   response.set("errmsg", "");
   return response;
 }
 
-Value BrokerCore::State::margin(Request& request) {
+Value AccountDesk::margin(Request& request) {
   const Account& account = account_for(request, AccountKind::Futures);
-  settle_events(request);
-  return with_account(account, "margins", margin_sheet(futures_book(account).margin(marks(), today())));
+  return with_account(account, "margins", margin_sheet(futures_book(account).margin(marks_, today())));
 }
 
-Value BrokerCore::State::settlements(Request& request) {
+Value AccountDesk::settlements(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
-  settle_events(request);
   Value days = Value::array({});
   for (const SettlementDay& day : stock_book(account).settlements(today())) {
     days.push_back(
@@ -257,9 +340,8 @@ Value BrokerCore::State::settlements(Request& request) {
   return with_account(account, "settlements", std::move(days));
 }
 
-Value BrokerCore::State::settlement(Request& request) {
+Value AccountDesk::settlement(Request& request) {
   const Account& account = account_for(request, AccountKind::Stock);
-  settle_events(request);
   const auto days = stock_book(account).settlements(today());
   return with_account(account, "settlements",
                       Value::map({{"t_money", wire::amount(days[0].amount)},
@@ -270,30 +352,28 @@ Value BrokerCore::State::settlement(Request& request) {
                                   {"t2_day", days[2].date.to_string()}}));
 }
 
-Value BrokerCore::State::positions(Request& request) {
+Value AccountDesk::positions(Request& request) {
   const Account& account = account_for(request, std::nullopt);
-  settle_events(request);
   if (account.is_stock()) {
     const Unit unit = unit_of(field(request.payload, "unit"));
     return with_account(account, "positions",
-                        rows_of(stock_book(account).positions(unit, marks(), today()), stock_position));
+                        rows_of(stock_book(account).positions(unit, marks_, today()), stock_position));
   }
   return with_account(account, "positions",
-                      rows_of(futures_book(account).positions(marks()), future_position));
+                      rows_of(futures_book(account).positions(marks_), future_position));
 }
 
 // The client names a position by its code, direction and (stocks) condition, as listed.
-Value BrokerCore::State::position_detail(Request& request) {
+Value AccountDesk::position_detail(Request& request) {
   const Account& account = account_for(request, std::nullopt);
-  settle_events(request);
   const std::string code = field(request.payload, "code").text();
   const std::string action = field(request.payload, "action").text();
   const std::string where = " position " + code + " " + action;
   if (account.is_stock()) {
     const std::string cond = field(request.payload, "ttype").text_or("Cash");
-    for (const StockPosition& p : stock_book(account).positions(Unit::Share, marks(), today())) {
+    for (const StockPosition& p : stock_book(account).positions(Unit::Share, marks_, today())) {
       if (p.code == code && to_text(p.direction) == action && to_text(p.cond) == cond) {
-        const auto lots = stock_book(account).position_detail(p.id, marks());
+        const auto lots = stock_book(account).position_detail(p.id, marks_);
         if (!lots) wire::refuse(lots.refusal());
         return with_account(account, "position_detail", rows_of(lots.value(), stock_lot));
       }
@@ -302,9 +382,9 @@ Value BrokerCore::State::position_detail(Request& request) {
                  "no" + where + " " + cond + " in the account; expected one list_positions gave",
                  static_cast<int>(RefusalCode::UnknownPosition));
   }
-  for (const FuturePosition& p : futures_book(account).positions(marks())) {
+  for (const FuturePosition& p : futures_book(account).positions(marks_)) {
     if (p.code == code && to_text(p.direction) == action) {
-      const auto lots = futures_book(account).position_detail(p.id, marks());
+      const auto lots = futures_book(account).position_detail(p.id, marks_);
       if (!lots) wire::refuse(lots.refusal());
       return with_account(account, "position_detail", rows_of(lots.value(), future_lot));
     }
@@ -313,10 +393,9 @@ Value BrokerCore::State::position_detail(Request& request) {
                static_cast<int>(RefusalCode::UnknownPosition));
 }
 
-Value BrokerCore::State::profit_loss(Request& request) {
+Value AccountDesk::profit_loss(Request& request) {
   const Account& account = account_for(request, std::nullopt);
   const auto [begin, end] = date_range(request.payload);
-  settle_events(request);
   if (account.is_stock()) {
     return with_account(account, "profitloss",
                         rows_of(stock_book(account).profit_loss(begin, end), stock_realised));
@@ -327,9 +406,8 @@ Value BrokerCore::State::profit_loss(Request& request) {
 
 // Stock items are named by their closing deal (dseq); futures items by code and date, which
 // may cover several closings.
-Value BrokerCore::State::profit_loss_detail(Request& request) {
+Value AccountDesk::profit_loss_detail(Request& request) {
   const Account& account = account_for(request, std::nullopt);
-  settle_events(request);
   const std::string code = field(request.payload, "stock").text();
   if (account.is_stock()) {
     const std::string dseq = field(request.payload, "dseq").text();
@@ -361,10 +439,9 @@ Value BrokerCore::State::profit_loss_detail(Request& request) {
   return with_account(account, "profitdetail", std::move(rows));
 }
 
-Value BrokerCore::State::profit_loss_summary(Request& request) {
+Value AccountDesk::profit_loss_summary(Request& request) {
   const Account& account = account_for(request, std::nullopt);
   const auto [begin, end] = date_range(request.payload);
-  settle_events(request);
   if (account.is_stock()) {
     const StockProfitLossSummaryTotal summary = stock_book(account).profit_loss_summary(begin, end);
     Value response = with_account(account, "profitloss_sum",

@@ -1,10 +1,11 @@
 // Logins and sessions: password, signed API-key and simulation logins, logout, the trade-report
 // switch, error tracking, the trace log and signature checks.
+#include "auth_desk.hpp"
+
 #include <sodium.h>
 
 #include <cmath>
 
-#include "broker_state.hpp"
 #include "quorvex/core/base58.hpp"
 #include "quorvex/core/codec.hpp"
 #include "quorvex/sign/verify.hpp"
@@ -17,14 +18,21 @@ using wire::Field;
 using wire::field;
 
 constexpr std::size_t kTraceLogCapacity = 10'000;
+// A trace record is a few named fields; the log keeps thousands, so each is bounded.
+constexpr std::size_t kMaxTraceRecordBytes = 4096;
+// The signed login document is a short map, its signature 64 bytes: Base58 texts of at most these
+// lengths. Checked before decoding, whose cost grows with the square of the length.
+constexpr std::size_t kMaxLoginDocumentChars = 512;
+constexpr std::size_t kMaxLoginSignatureChars = 96;
 
 bool same_secret(const std::string& a, const std::string& b) {
   return a.size() == b.size() && sodium_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
-core::Bytes base58_field(const Field& f) {
+core::Bytes base58_field(const Field& f, std::size_t max_chars) {
+  const std::string text = f.text(max_chars);
   try {
-    return core::base58_decode(f.text());
+    return core::base58_decode(text);
   } catch (const core::Base58Error&) {
     wire::refuse(wire::kBadRequest, "field '" + f.path() +
                                         "' is not Base58 text; expected the Base58 encoding of "
@@ -34,24 +42,76 @@ core::Bytes base58_field(const Field& f) {
 
 }  // namespace
 
-void BrokerCore::State::serve_auth() {
-  serve("api/v1/auth/login", Access::Open, bound(&State::login));
-  serve("api/v1/auth/token_login", Access::Open, bound(&State::token_login));
-  serve("api/v1/auth/simulation_login", Access::Session, bound(&State::simulation_login));
-  serve("api/v1/auth/logout", Access::Session, bound(&State::logout));
-  serve("api/v1/auth/subscribe_trade", Access::Session, bound(&State::subscribe_trade));
-  serve("api/v1/auth/trace_log", Access::Session, bound(&State::trace_log));
-  serve("api/v1/auth/b64validation", Access::Session, bound(&State::b64validation));
+AuthDesk::AuthDesk(const PaperBrokerConfig& config, const core::Clock& clock)
+    : clock_(clock),
+      max_receive_window_ms_(config.max_receive_window_ms),
+      ip_address_(config.ip_address),
+      directory_(config) {
+  if (sodium_init() < 0) throw std::runtime_error("libsodium could not be initialised");
+  for (const PersonConfig& person : config.persons) {
+    for (const std::string& token : person.simulation_tokens) {
+      sessions_.add_standing(token, directory_.person(person.person_id));
+    }
+  }
+}
+
+void AuthDesk::serve(ServiceTable& table) {
+  table.serve("api/v1/auth/login", Access::Open, bound(this, &AuthDesk::login));
+  table.serve("api/v1/auth/token_login", Access::Open, bound(this, &AuthDesk::token_login));
+  table.serve("api/v1/auth/simulation_login", Access::Session, bound(this, &AuthDesk::simulation_login));
+  table.serve("api/v1/auth/logout", Access::Session, bound(this, &AuthDesk::logout));
+  table.serve("api/v1/auth/subscribe_trade", Access::Session, bound(this, &AuthDesk::subscribe_trade));
+  table.serve("api/v1/auth/trace_log", Access::Session, bound(this, &AuthDesk::trace_log));
+  table.serve("api/v1/auth/b64validation", Access::Session, bound(this, &AuthDesk::b64validation));
   // The paper broker tracks no client-side errors; the same answer for anyone, so it tells
   // nothing about which persons exist.
-  serve("api/v1/auth/error_tracking", Access::Open, [](Request&) {
+  table.serve("api/v1/auth/error_tracking", Access::Open, [](Request&) {
     return Value::map({{"error_tracking", false}});
   });
 }
 
-Value BrokerCore::State::login_response(Request& request, const std::string& token, bool trade_reports) {
-  const Grant* grant = sessions.grant(token);
-  BusSession& session = sessions.bind(request.caller.session_id, token, *grant);
+void AuthDesk::admit(Request& request, Access access) {
+  if (access == Access::Open) return;
+  if (request.caller.token.empty()) {
+    wire::refuse(wire::kUnauthorized,
+                 "no session token on the request; log in first and send the token it returns");
+  }
+  const Grant* grant = sessions_.grant(request.caller.token);
+  if (grant == nullptr) {
+    wire::refuse(
+        wire::kUnauthorized,
+        "the session token is not valid: unknown, revoked by a logout or issued by another broker; log in "
+        "again");
+  }
+  request.session = &sessions_.bind(request.caller.session_id, request.caller.token, *grant);
+  if (access == Access::LiveOnly && request.session->simulation) {
+    wire::refuse(wire::kForbidden, request.topic +
+                                       " is not offered to simulation sessions; log in without "
+                                       "simulation to use it");
+  }
+  if (access == Access::SimulationOnly && !request.session->simulation) {
+    wire::refuse(wire::kForbidden, request.topic +
+                                       " serves simulation sessions only; live sessions use the "
+                                       "api/v1/order/ and api/v1/portfolio/ topics");
+  }
+}
+
+const Account& AuthDesk::owned_account(const Request& request, const Field& account) const {
+  const std::string broker_id = account["broker_id"].text();
+  const std::string account_id = account["account_id"].text();
+  const Account* found = directory_.account(broker_id, account_id);
+  // Unknown and foreign accounts get the same answer, so accounts cannot be probed.
+  if (found == nullptr || found->holder != request.session->person) {
+    wire::refuse(wire::kForbidden, "account " + broker_id + "-" + account_id +
+                                       " is not an account of person " + request.person().person_id +
+                                       "; expected one of the accounts the login listed");
+  }
+  return *found;
+}
+
+Value AuthDesk::login_response(Request& request, const std::string& token, bool trade_reports) {
+  const Grant* grant = sessions_.grant(token);
+  BusSession& session = sessions_.bind(request.caller.session_id, token, *grant);
   session.trade_reports = trade_reports;
   session.trade_reports_by_account.clear();
   request.session = &session;
@@ -62,33 +122,33 @@ Value BrokerCore::State::login_response(Request& request, const std::string& tok
                      {"person_id", grant->person->person_id},
                      {"contract_download", true},
                      {"client_name", "PYAPI/" + grant->person->person_id + "/" + request.caller.session_id},
-                     {"ip_address", ip_address},
+                     {"ip_address", ip_address_},
                      {"simulation", session.simulation}});
 }
 
-Value BrokerCore::State::login(Request& request) {
+Value AuthDesk::login(Request& request) {
   const Value& p = request.payload;
   const std::string person_id = field(p, "person_id").text();
   const std::string password = field(p, "password").text();
   const bool hashed = field(p, "hashed").flag_or(true);
   const bool simulation = field(p, "simulation").flag_or(false);
   const bool trade_reports = field(p, "subscribe_trade").flag_or(true);
-  const Person* person = directory.person(person_id);
+  const Person* person = directory_.person(person_id);
   if (person == nullptr || !same_secret(hashed ? password : md5_hex(password), person->password_md5)) {
     wire::refuse(wire::kUnauthorized,
                  "login refused: unknown person id or wrong password; expected a registered "
                  "person id and the MD5 hex digest of the person's password");
   }
-  const std::string token = sessions.issue(person, simulation);
+  const std::string token = sessions_.issue(person, simulation);
   Value response = login_response(request, token, trade_reports);
   response.set("web_token", random_token(24));
   return response;
 }
 
-Value BrokerCore::State::token_login(Request& request) {
+Value AuthDesk::token_login(Request& request) {
   const Value& p = request.payload;
-  const core::Bytes message = base58_field(field(p, "msg"));
-  const core::Bytes signature = base58_field(field(p, "sign"));
+  const core::Bytes message = base58_field(field(p, "msg"), kMaxLoginDocumentChars);
+  const core::Bytes signature = base58_field(field(p, "sign"), kMaxLoginSignatureChars);
   if (signature.size() != crypto_sign_BYTES) {
     wire::refuse(wire::kBadRequest, "field 'sign' decodes to " + std::to_string(signature.size()) +
                                         " bytes; expected a 64-byte Ed25519 signature");
@@ -104,7 +164,7 @@ Value BrokerCore::State::token_login(Request& request) {
   if (!document.is_map()) wire::refuse(wire::kBadRequest, "the login document is not a map; expected a map");
   const std::string key = Field(document, "msg")["key"].text();
   const ApiKeyConfig* api_key = nullptr;
-  const Person* person = directory.api_key_holder(key, &api_key);
+  const Person* person = directory_.api_key_holder(key, &api_key);
   if (person == nullptr) {
     wire::refuse(wire::kUnauthorized,
                  "login refused: the API key is not known to this broker; expected a key "
@@ -119,10 +179,10 @@ Value BrokerCore::State::token_login(Request& request) {
   }
   const Field doc(document, "msg");
   const std::int64_t window_ms = doc["receive_window"].integer();
-  if (window_ms < 1 || window_ms > max_receive_window_ms) {
+  if (window_ms < 1 || window_ms > max_receive_window_ms_) {
     wire::refuse(wire::kBadRequest, "receive_window " + std::to_string(window_ms) +
                                         " is not accepted; expected 1 to " +
-                                        std::to_string(max_receive_window_ms) + " milliseconds");
+                                        std::to_string(max_receive_window_ms_) + " milliseconds");
   }
   const double ts = doc["ts"].number();
   const Timestamp now_ns = now();
@@ -134,20 +194,20 @@ Value BrokerCore::State::token_login(Request& request) {
                                           std::to_string(window_ms) + " ms)");
   }
   // A signed document opens one session: a copy replayed inside its window is refused.
-  for (auto it = used_login_signatures.begin(); it != used_login_signatures.end();) {
-    it = it->second < now_ns ? used_login_signatures.erase(it) : std::next(it);
+  for (auto it = used_login_signatures_.begin(); it != used_login_signatures_.end();) {
+    it = it->second < now_ns ? used_login_signatures_.erase(it) : std::next(it);
   }
   const std::string signature_key(signature.begin(), signature.end());
-  if (!used_login_signatures.emplace(signature_key, now_ns + (2 * window_ms + 1) * 1'000'000).second) {
+  if (!used_login_signatures_.emplace(signature_key, now_ns + (2 * window_ms + 1) * 1'000'000).second) {
     wire::refuse(wire::kUnauthorized,
                  "login refused: this signed login document was used already; sign a new one "
                  "with a fresh ts");
   }
-  const std::string token = sessions.issue(person, doc["simulation"].flag_or(false));
+  const std::string token = sessions_.issue(person, doc["simulation"].flag_or(false));
   return login_response(request, token, doc["subscribe_trade"].flag_or(true));
 }
 
-Value BrokerCore::State::simulation_login(Request& request) {
+Value AuthDesk::simulation_login(Request& request) {
   const bool trade_reports = field(request.payload, "subscribe_trade").flag_or(true);
   Value response = login_response(request, request.caller.token, trade_reports);
   request.session->simulation = true;
@@ -156,20 +216,20 @@ Value BrokerCore::State::simulation_login(Request& request) {
   return response;
 }
 
-Value BrokerCore::State::logout(Request& request) {
-  sessions.logout(request.caller.session_id, request.caller.token);
+Value AuthDesk::logout(Request& request) {
+  sessions_.logout(request.caller.session_id, request.caller.token);
   request.session = nullptr;
   return Value::map({{"success", true}});
 }
 
-Value BrokerCore::State::subscribe_trade(Request& request) {
+Value AuthDesk::subscribe_trade(Request& request) {
   const Account& account = owned_account(request, field(request.payload, "account"));
   const bool on = field(request.payload, "subscribe_trade").flag_or(true);
   request.session->trade_reports_by_account[&account] = on;
   return Value::map({{"account", account.wire()}, {"subscribe_trade", on}});
 }
 
-Value BrokerCore::State::trace_log(Request& request) {
+Value AuthDesk::trace_log(Request& request) {
   const Value& p = request.payload;
   const Field person_id = field(p, "person_id");
   if (person_id.present() && person_id.text_or("") != request.person().person_id) {
@@ -177,6 +237,12 @@ Value BrokerCore::State::trace_log(Request& request) {
                                        request.person().person_id + " or none");
   }
   if (field(p, "account").present()) owned_account(request, field(p, "account"));
+  if (request.payload_bytes > kMaxTraceRecordBytes) {
+    wire::refuse(wire::kPayloadTooLarge,
+                 "the trace record is " + std::to_string(request.payload_bytes) +
+                     " bytes; expected at most " + std::to_string(kMaxTraceRecordBytes),
+                 wire::kTooLarge);
+  }
   TraceEntry entry;
   entry.ts = now();
   entry.person_id = request.person().person_id;
@@ -189,21 +255,22 @@ Value BrokerCore::State::trace_log(Request& request) {
   const Field content = field(p, "func_content");
   if (content.present()) content.map();
   entry.content = content.value();
-  if (trace_entries.size() == kTraceLogCapacity) trace_entries.pop_front();
-  trace_entries.push_back(std::move(entry));
+  if (trace_entries_.size() == kTraceLogCapacity) trace_entries_.pop_front();
+  trace_entries_.push_back(std::move(entry));
   return Value::map({{"success", true}});
 }
 
 // Checks a Base64 certificate signature for the session's person: of `plain_text` when one is
 // given (a text signature), else an order signature.
-Value BrokerCore::State::b64validation(Request& request) {
+Value AuthDesk::b64validation(Request& request) {
   const Value& p = request.payload;
-  const std::string signature = field(p, "signature").text();
+  const std::string signature = field(p, "signature").text(wire::kMaxSignatureBytes);
   const Field plain_text = field(p, "plain_text");
   const std::string& person_id = request.person().person_id;
-  const sign::Verification v = plain_text.present()
-                                   ? sign::verify_text_signature(plain_text.text_or(""), signature, person_id)
-                                   : sign::verify_order_signature(signature, person_id);
+  const sign::Verification v =
+      plain_text.present() ? sign::verify_text_signature(plain_text.text_or("", wire::kMaxSignatureBytes),
+                                                         signature, person_id)
+                           : sign::verify_order_signature(signature, person_id);
   Value response = Value::map({{"valid", v.valid}, {"detail", v.error}, {"subject", v.signer_subject}});
   if (v.valid) response.set("signed_text", v.signed_text);
   return response;

@@ -1,11 +1,13 @@
 // Orders: placing, cancelling and changing them on the matching engine with the account's
 // funds or holdings held first, the order status list, combination orders, and the order and
 // deal reports that follow every event of an order.
+#include "order_desk.hpp"
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
-#include "broker_state.hpp"
+#include "contract_desk.hpp"
 #include "quorvex/core/codec.hpp"
 #include "quorvex/sign/verify.hpp"
 
@@ -18,7 +20,9 @@ using wire::field;
 namespace {
 
 // How far an order stamp's time may lie from the broker clock.
-constexpr std::int64_t kStampToleranceSeconds = 24 * 3600;
+constexpr std::int64_t kStampToleranceSeconds = std::int64_t{24} * 3600;
+// The custom field is echoed in every report of the order.
+constexpr std::size_t kMaxCustomFieldBytes = 64;
 
 std::string id_text(OrderId id) {
   char buf[24];
@@ -34,11 +38,6 @@ Enum parsed(const Field& f, std::optional<Enum> (*from_text)(std::string_view), 
   if (!value)
     wire::refuse(wire::kBadRequest, "field '" + f.path() + "' is '" + text + "'; expected " + expected);
   return *value;
-}
-
-// Shares of a stock quantity: board lots on the Common and Fixing boards, shares on the odd-lot ones.
-Quantity shares_of(Board board, Quantity quantity, const Contract& contract) {
-  return board == Board::Common || board == Board::Fixing ? quantity * contract.unit : quantity;
 }
 
 OrderId order_id_of(const Field& order) {
@@ -101,75 +100,40 @@ Status OrderInfo::status() const {
   return dealt > 0 ? Status::PartFilled : Status::Submitted;
 }
 
-void BrokerCore::State::serve_orders() {
-  serve_with_paper_twin("order", "place_order", bound(&State::place_order));
-  serve_with_paper_twin("order", "cancel_order", bound(&State::cancel_order));
-  serve_with_paper_twin("order", "update_price", bound(&State::update_price));
-  serve_with_paper_twin("order", "update_qty", bound(&State::update_qty));
-  serve_with_paper_twin("order", "update_status", bound(&State::update_status));
-  serve("api/v1/order/place_comboorder", Access::LiveOnly, bound(&State::place_comboorder));
-  serve("api/v1/order/cancel_comboorder", Access::LiveOnly, bound(&State::cancel_comboorder));
-  serve("api/v1/order/update_combostatus", Access::LiveOnly, bound(&State::update_combostatus));
+OrderDesk::OrderDesk(MatchingEngine& engine, const ContractMaster& master, const AuthDesk& auth,
+                     AccountDesk& accounts, const core::Clock& market_clock, const core::Clock& broker_clock)
+    : engine_(engine),
+      master_(master),
+      auth_(auth),
+      accounts_(accounts),
+      market_clock_(market_clock),
+      broker_clock_(broker_clock) {
+  engine_.set_event_handler([this](const OrderEvent& event) {
+    std::lock_guard<std::mutex> lock(events_mutex_);
+    pending_events_.push_back(event);
+  });
 }
 
-// ---- the books behind the orders ----
+OrderDesk::~OrderDesk() { engine_.set_event_handler({}); }
 
-StockAccountBook& BrokerCore::State::stock_book(const Account& account) {
-  auto it = stock_books.find(&account);
-  if (it == stock_books.end()) {
-    it = stock_books.emplace(&account, StockAccountBook(account.key, account.config.opening_cash, today()))
-             .first;
-  }
-  return it->second;
-}
-
-FuturesAccountBook& BrokerCore::State::futures_book(const Account& account) {
-  auto it = futures_books.find(&account);
-  if (it == futures_books.end()) {
-    it =
-        futures_books.emplace(&account, FuturesAccountBook(account.key, account.config.opening_cash, today()))
-            .first;
-  }
-  return it->second;
-}
-
-std::optional<Price> BrokerCore::State::mark_price(std::string_view code) const {
-  const Result<BookSnapshot> book = engine.book(code, Board::Common, 0);
-  if (book && book->last_price) return book->last_price;
-  const Contract* contract = master.find(code);
-  if (contract == nullptr) return std::nullopt;
-  return contract->reference;
-}
-
-MarkPrice BrokerCore::State::marks() const {
-  return [this](std::string_view code) { return mark_price(code); };
-}
-
-Outcome BrokerCore::State::hold_for(OrderId id, const OrderInfo& info, Price at, Quantity quantity) {
-  const Account& account = *info.account;
-  const Contract& contract = *info.contract;
-  if (account.is_stock()) {
-    return stock_book(account).reserve_for_order(id, contract, info.ticket.side, info.cond, at,
-                                                 shares_of(info.ticket.board, quantity, contract));
-  }
-  return futures_book(account).reserve_for_order(id, contract, info.ticket.side, info.octype, at, quantity,
-                                                 marks(), today());
-}
-
-void BrokerCore::State::release_hold(OrderId id, const OrderInfo& info) {
-  if (info.account->is_stock()) {
-    stock_book(*info.account).release_order(id);
-  } else {
-    futures_book(*info.account).release_order(id);
-  }
+void OrderDesk::serve(ServiceTable& table) {
+  using D = OrderDesk;
+  table.serve_with_paper_twin("order", "place_order", bound(this, &D::place_order));
+  table.serve_with_paper_twin("order", "cancel_order", bound(this, &D::cancel_order));
+  table.serve_with_paper_twin("order", "update_price", bound(this, &D::update_price));
+  table.serve_with_paper_twin("order", "update_qty", bound(this, &D::update_qty));
+  table.serve_with_paper_twin("order", "update_status", bound(this, &D::update_status));
+  table.serve("api/v1/order/place_comboorder", Access::LiveOnly, bound(this, &D::place_comboorder));
+  table.serve("api/v1/order/cancel_comboorder", Access::LiveOnly, bound(this, &D::cancel_comboorder));
+  table.serve("api/v1/order/update_combostatus", Access::LiveOnly, bound(this, &D::update_combostatus));
 }
 
 // ---- shared checks ----
 
-OrderInfo& BrokerCore::State::owned_order(const Request& request, OrderId id) {
-  const auto it = orders.find(id);
+OrderInfo& OrderDesk::owned_order(const Request& request, OrderId id) {
+  const auto it = orders_.find(id);
   // Another person's order is answered as unknown, so order ids cannot be probed.
-  if (it == orders.end() || it->second.combo || it->second.account->holder != request.session->person) {
+  if (it == orders_.end() || it->second.combo || it->second.account->holder != request.session->person) {
     wire::refuse(wire::kNotFound,
                  "no order " + id_text(id) + " in the accounts of person " + request.person().person_id +
                      "; expected the id its placement reply gave",
@@ -180,11 +144,11 @@ OrderInfo& BrokerCore::State::owned_order(const Request& request, OrderId id) {
 
 // Live sessions must sign the orders of a signed account with the holder's certificate; the
 // simulation environment does not check certificates.
-void BrokerCore::State::check_order_signature(const Request& request, const Account& account,
-                                              const Field& order) const {
+void OrderDesk::check_order_signature(const Request& request, const Account& account,
+                                      const Field& order) const {
   if (request.simulation() || !account.config.signed_orders) return;
   const std::string where = "account " + account.config.broker_id + "-" + account.config.account_id;
-  const std::string ca = order["ca"].text_or("");
+  const std::string ca = order["ca"].text_or("", wire::kMaxSignatureBytes);
   if (ca.empty()) {
     wire::refuse(wire::kForbidden,
                  where +
@@ -193,7 +157,7 @@ void BrokerCore::State::check_order_signature(const Request& request, const Acco
                  wire::kSignatureRefused);
   }
   sign::VerifyOptions options;
-  options.at = static_cast<std::time_t>(now() / kNanosPerSecond);
+  options.at = static_cast<std::time_t>(to_timestamp(broker_clock_.now()) / kNanosPerSecond);
   const sign::Verification v = sign::verify_order_signature(ca, account.holder->person_id, options);
   if (!v) {
     wire::refuse(wire::kForbidden,
@@ -213,22 +177,22 @@ void BrokerCore::State::check_order_signature(const Request& request, const Acco
 
 // ---- reply and report blocks ----
 
-const std::string& BrokerCore::State::contract_bytes(const Contract& contract) {
-  auto it = contract_encodings.find(&contract);
-  if (it == contract_encodings.end()) {
-    it = contract_encodings.emplace(&contract, core::encode(wire::contract_value(contract))).first;
+const std::string& OrderDesk::contract_bytes(const Contract& contract) {
+  auto it = contract_encodings_.find(&contract);
+  if (it == contract_encodings_.end()) {
+    it = contract_encodings_.emplace(&contract, core::encode(wire::contract_value(contract))).first;
   }
   return it->second;
 }
 
-const std::string& BrokerCore::State::account_bytes(const Account& account) {
-  auto it = account_encodings.find(&account);
-  if (it == account_encodings.end())
-    it = account_encodings.emplace(&account, core::encode(account.wire())).first;
+const std::string& OrderDesk::account_bytes(const Account& account) {
+  auto it = account_encodings_.find(&account);
+  if (it == account_encodings_.end())
+    it = account_encodings_.emplace(&account, core::encode(account.wire())).first;
   return it->second;
 }
 
-void BrokerCore::State::write_order(wire::Writer& w, OrderId id, const OrderInfo& info) {
+void OrderDesk::write_order(wire::Writer& w, OrderId id, const OrderInfo& info) {
   const bool stock = info.account->is_stock();
   w.map(14);
   w.key("id").text(id_text(id));
@@ -247,7 +211,7 @@ void BrokerCore::State::write_order(wire::Writer& w, OrderId id, const OrderInfo
   w.key("custom_field").text(info.custom_field);
 }
 
-void BrokerCore::State::write_status(wire::Writer& w, OrderId id, const OrderInfo& info) const {
+void OrderDesk::write_status(wire::Writer& w, OrderId id, const OrderInfo& info) const {
   w.map(11);
   w.key("id").text(id_text(id));
   w.key("status").text(to_text(info.status()));
@@ -269,8 +233,8 @@ void BrokerCore::State::write_status(wire::Writer& w, OrderId id, const OrderInf
   }
 }
 
-Value BrokerCore::State::order_reply(Request& request, OrderId id) {
-  const OrderInfo& info = orders.at(id);
+Value OrderDesk::order_reply(Request& request, OrderId id) {
+  const OrderInfo& info = orders_.at(id);
   wire::Writer w;
   w.map(2).key("order");
   write_order(w, id, info);
@@ -280,10 +244,10 @@ Value BrokerCore::State::order_reply(Request& request, OrderId id) {
   return Value();
 }
 
-void BrokerCore::State::report(Request& request, const Account& account, const std::string& placing_session,
-                               bool futures, bool deal, std::string payload) {
+void OrderDesk::report(Request& request, const Account& account, const std::string& placing_session,
+                       bool futures, bool deal, std::string payload) {
   const char* word = deal ? (futures ? "FDEAL" : "DEAL") : (futures ? "FORDER" : "ORDER");
-  const std::vector<std::string> targets = sessions.report_sessions(&account, placing_session);
+  const std::vector<std::string> targets = auth_.report_sessions(account, placing_session);
   const std::string topic = "report/v1/" + account.key + "/" + word;
   if (targets.empty()) return;
   // Every session but the last gets a copy; the last one takes the payload itself.
@@ -294,90 +258,64 @@ void BrokerCore::State::report(Request& request, const Account& account, const s
 
 // ---- events ----
 
-void BrokerCore::State::settle_events(Request& request) {
+void OrderDesk::settle_events(Request& request) {
   while (true) {
     std::vector<OrderEvent> events;
     {
-      std::lock_guard<std::mutex> lock(events_mutex);
-      events.swap(pending_events);
+      std::lock_guard<std::mutex> lock(events_mutex_);
+      events.swap(pending_events_);
     }
     if (events.empty()) return;
     for (const OrderEvent& event : events) settle_event(request, event);
   }
 }
 
-void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
-  const auto found = orders.find(e.order_id);
-  if (found == orders.end()) return;
+void OrderDesk::settle_event(Request& request, const OrderEvent& e) {
+  const auto found = orders_.find(e.order_id);
+  if (found == orders_.end()) return;
   OrderInfo& info = found->second;
   const Account& account = *info.account;
   const Contract& contract = *info.contract;
   const bool futures = !account.is_stock();
-  auto release = [&] { release_hold(e.order_id, info); };
+  auto release_hold = [&] { release(e.order_id, info); };
 
   switch (e.kind) {
     case OrderEventKind::Accepted: break;
     case OrderEventKind::Filled: {
       info.dealt += e.quantity;
       info.deals.push_back(Deal{e.deal_id, e.deal_price, e.quantity, e.ts});
-      std::string refused;
-      if (futures) {
-        const FuturesFill fill{e.order_id,  order_seqno(e.order_id),
-                               e.deal_id,   info.ticket.side,
-                               info.octype, e.deal_price,
-                               e.quantity,  e.ts};
-        const auto booked = futures_book(account).apply_fill(contract, fill);
-        if (!booked) refused = booked.refusal().text;
-      } else {
-        const Quantity shares = shares_of(info.ticket.board, e.quantity, contract);
-        const StockFill fill{e.order_id,
-                             order_seqno(e.order_id),
-                             e.deal_id,
-                             contract.code,
-                             contract.is_etf(),
-                             info.ticket.board,
-                             info.ticket.side,
-                             info.cond,
-                             e.deal_price,
-                             shares,
-                             e.ts};
-        const auto booked = stock_book(account).apply_fill(fill);
-        if (!booked) refused = booked.refusal().text;
-        if (info.cond == StockOrderCond::ShortSelling && info.ticket.side == Side::Sell) {
-          reservations.use(account.key, contract.code, shares);
-        }
-      }
+      const std::string refused = accounts_.book_fill(e.order_id, account, contract, info.terms(), e);
       // A fill the books cannot take would be the broker's own fault; the order says so.
       if (!refused.empty()) info.msg = "the books refused a fill: " + refused;
       const MarketDeal deal{&contract, info.ticket.side, e.deal_price, e.quantity, info.ticket.board,
                             e.ts,      e.deal_id,        e.aggressor};
-      for (const DealListener& listener : deal_listeners) listener(deal);
-      if (e.remaining == 0) release();
+      for (const DealListener& listener : deal_listeners_) listener(deal);
+      if (e.remaining == 0) release_hold();
       break;
     }
     case OrderEventKind::Cancelled:
       info.cancelled += e.quantity;
       info.msg = e.text;
-      release();
+      release_hold();
       break;
     case OrderEventKind::Refused:
       info.msg = e.text;
       if (e.operation == OrderOperation::Place) {
         info.failed = true;
-        release();
+        release_hold();
       }
       break;
     case OrderEventKind::PriceChanged: info.modified_price = e.price; break;
     case OrderEventKind::QuantityReduced:
       info.cancelled += e.quantity;
-      if (e.remaining == 0) release();
+      if (e.remaining == 0) release_hold();
       break;
   }
 
   if (info.combo) {
     // A leg's fills are the combination's deals; the leg itself is never reported.
     if (e.kind != OrderEventKind::Filled) return;
-    ComboOrder& combo = combos.at(*info.combo);
+    ComboOrder& combo = combos_.at(*info.combo);
     combo.deals.push_back({contract.code, info.deals.back()});
     std::string deal =
         deal_report(combo.id, account, info.ticket.side, contract, e, combo.custom_field, false);
@@ -408,11 +346,11 @@ void BrokerCore::State::settle_event(Request& request, const OrderEvent& e) {
 
 // ---- single orders ----
 
-Value BrokerCore::State::place_order(Request& request) {
+Value OrderDesk::place_order(Request& request) {
   const Field order = field(request.payload, "order");
   order.map();
-  const Account& account = owned_account(request, order["account"]);
-  const Contract& contract = known_contract(field(request.payload, "contract"));
+  const Account& account = auth_.owned_account(request, order["account"]);
+  const Contract& contract = known_contract(master_, field(request.payload, "contract"));
   if (account.is_stock() != (contract.security_type == SecurityType::Stock)) {
     wire::refuse(wire::kBadRequest,
                  "contract " + contract.code + " (" + std::string(to_text(contract.security_type)) +
@@ -442,7 +380,7 @@ Value BrokerCore::State::place_order(Request& request) {
   } else {
     info.octype = parsed(order["octype"], futures_octype_from_text, "Auto", "Auto, New, Cover or DayTrade");
   }
-  info.custom_field = order["custom_field"].text_or("");
+  info.custom_field = order["custom_field"].text_or("", kMaxCustomFieldBytes);
   if (t.quantity <= 0) {
     wire::refuse(wire::kBadRequest,
                  "field 'order.quantity' is " + std::to_string(t.quantity) + "; expected at least 1",
@@ -450,15 +388,15 @@ Value BrokerCore::State::place_order(Request& request) {
   }
 
   // Funds or holdings are held under the order's id before it can trade.
-  const OrderId id = engine.issue_order_id();
-  if (const Outcome held = hold_for(id, info, bounding_price(t, contract), t.quantity)) wire::refuse(*held);
-  info.order_ts = to_timestamp(market_clock.now());
-  orders.emplace(id, std::move(info));
-  const Result<OrderReceipt> placed = engine.place(orders.at(id).ticket, id);
-  if (placed) orders.at(id).order_ts = placed->order_ts;
+  const OrderId id = engine_.issue_order_id();
+  if (const Outcome held = hold(id, info, bounding_price(t, contract), t.quantity)) wire::refuse(*held);
+  info.order_ts = market_now();
+  orders_.emplace(id, std::move(info));
+  const Result<OrderReceipt> placed = engine_.place(orders_.at(id).ticket, id);
+  if (placed) orders_.at(id).order_ts = placed->order_ts;
   settle_events(request);
   if (!placed) {
-    OrderInfo& failed = orders.at(id);
+    OrderInfo& failed = orders_.at(id);
     failed.failed = true;
     failed.msg = placed.refusal().text;
     wire::refuse(placed.refusal());
@@ -466,46 +404,46 @@ Value BrokerCore::State::place_order(Request& request) {
   return order_reply(request, id);
 }
 
-OrderId BrokerCore::State::named_order(const Request& request) {
+OrderId OrderDesk::named_order(const Request& request) {
   const Field order = field(request.payload, "order");
   const OrderId id = order_id_of(order);
   check_order_signature(request, *owned_order(request, id).account, order);
   return id;
 }
 
-Value BrokerCore::State::conclude(Request& request, OrderId id, const Result<OrderReceipt>& done) {
+Value OrderDesk::conclude(Request& request, OrderId id, const Result<OrderReceipt>& done) {
   settle_events(request);
   if (!done) wire::refuse(done.refusal());
   return order_reply(request, id);
 }
 
-Value BrokerCore::State::cancel_order(Request& request) {
+Value OrderDesk::cancel_order(Request& request) {
   const OrderId id = named_order(request);
-  return conclude(request, id, engine.cancel(id));
+  return conclude(request, id, engine_.cancel(id));
 }
 
-Value BrokerCore::State::update_price(Request& request) {
+Value OrderDesk::update_price(Request& request) {
   const OrderId id = named_order(request);
-  const OrderInfo& info = orders.at(id);
+  const OrderInfo& info = orders_.at(id);
   const Price price = field(request.payload, "price").price();
   if (info.ticket.price_type != PriceType::Limit)
-    return conclude(request, id, engine.change_price(id, price));
+    return conclude(request, id, engine_.change_price(id, price));
   // The hold follows the new price: more funds for a dearer buy, refused when they are not there.
   auto hold_at = [&](Price at) -> Outcome {
-    release_hold(id, info);
-    return info.remaining() > 0 ? hold_for(id, info, at, info.remaining()) : std::nullopt;
+    release(id, info);
+    return info.remaining() > 0 ? hold(id, info, at, info.remaining()) : std::nullopt;
   };
   const Price before = info.modified_price.is_zero() ? info.ticket.price : info.modified_price;
   if (const Outcome held = hold_at(price)) {
     hold_at(before);
     wire::refuse(*held);
   }
-  const Result<OrderReceipt> done = engine.change_price(id, price);
+  const Result<OrderReceipt> done = engine_.change_price(id, price);
   if (!done) hold_at(before);
   return conclude(request, id, done);
 }
 
-Value BrokerCore::State::update_qty(Request& request) {
+Value OrderDesk::update_qty(Request& request) {
   const OrderId id = named_order(request);
   const Quantity by = field(request.payload, "quantity").integer();
   if (by <= 0) {
@@ -514,24 +452,24 @@ Value BrokerCore::State::update_qty(Request& request) {
                      "; expected how many units to take off the order, at least 1",
                  static_cast<int>(RefusalCode::InvalidQuantity));
   }
-  return conclude(request, id, engine.reduce_quantity(id, by));
+  return conclude(request, id, engine_.reduce_quantity(id, by));
 }
 
-Value BrokerCore::State::update_status(Request& request) {
-  const Account& account = owned_account(request, field(request.payload, "account"));
+Value OrderDesk::update_status(Request& request) {
+  const Account& account = auth_.owned_account(request, field(request.payload, "account"));
   const std::string seqno = field(request.payload, "seqno").text_or("");
   settle_events(request);
   std::vector<OrderId> listed;
-  for (const OrderRecord& record : engine.orders_of(account.key)) {
-    const auto it = orders.find(record.id);
-    if (it == orders.end() || it->second.combo) continue;
+  for (const OrderRecord& record : engine_.orders_of(account.key)) {
+    const auto it = orders_.find(record.id);
+    if (it == orders_.end() || it->second.combo) continue;
     if (!seqno.empty() && seqno != order_seqno(record.id)) continue;
     listed.push_back(record.id);
   }
   wire::Writer w;
   w.array(static_cast<std::uint32_t>(listed.size()));
   for (OrderId id : listed) {
-    const OrderInfo& info = orders.at(id);
+    const OrderInfo& info = orders_.at(id);
     w.map(3).key("contract").raw(contract_bytes(*info.contract)).key("order");
     write_order(w, id, info);
     w.key("status");
@@ -543,7 +481,7 @@ Value BrokerCore::State::update_status(Request& request) {
 
 // ---- combination orders ----
 
-Value BrokerCore::State::combo_entry(const ComboOrder& combo) const {
+Value OrderDesk::combo_entry(const ComboOrder& combo) const {
   Value legs = Value::array({});
   for (const ComboLeg& leg : combo.legs) {
     Value contract = wire::contract_value(*leg.contract);
@@ -591,8 +529,10 @@ Value BrokerCore::State::combo_entry(const ComboOrder& combo) const {
 
 // Trades each working combination whose legs can all be filled now within its net price: every
 // leg goes to the market as an IOC order at the worst price needed, so the legs trade together.
-void BrokerCore::State::work_combos(Request& request, const Account* only_account) {
-  for (auto& [id, combo] : combos) {
+void OrderDesk::work_combos(Request& request, const Account* only_account) {
+  for (auto& entry : combos_) {
+    const OrderId id = entry.first;
+    ComboOrder& combo = entry.second;
     if (!combo.working() || (only_account != nullptr && combo.account != only_account)) continue;
     const Quantity wanted = combo.quantity - combo.dealt - combo.cancelled;
     struct Plan {
@@ -605,7 +545,7 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
     std::int64_t net_units = 0;  // paid per combination (when bought), in price units
     for (const ComboLeg& leg : combo.legs) {
       const Side side = combo.side == Side::Buy ? leg.side : opposite(leg.side);
-      const Result<BookSnapshot> book = engine.book(leg.contract->code, Board::Common, 10);
+      const Result<BookSnapshot> book = engine_.book(leg.contract->code, Board::Common, 10);
       if (!book) {
         marketable = false;
         break;
@@ -652,26 +592,26 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
         info.ticket = OrderTicket{combo.account->key, p.contract->code, Board::Common, p.side,
                                   PriceType::Limit,   OrderType::IOC,   p.worst,       wanted};
         info.octype = combo.octype;
-        info.order_ts = to_timestamp(market_clock.now());
+        info.order_ts = market_now();
         info.combo = id;
-        const OrderId leg_id = engine.issue_order_id();
-        if (Outcome held = hold_for(leg_id, info, p.worst, wanted)) {
+        const OrderId leg_id = engine_.issue_order_id();
+        if (Outcome held = hold(leg_id, info, p.worst, wanted)) {
           refused = std::move(*held);
           break;
         }
         legs.emplace_back(leg_id, std::move(info));
       }
       if (refused) {
-        for (const auto& [leg_id, info] : legs) release_hold(leg_id, info);
+        for (const auto& [leg_id, info] : legs) release(leg_id, info);
         finish(combo.dealt > 0 ? Status::Cancelled : Status::Failed, refused->text);
       } else {
         for (auto& [leg_id, info] : legs) {
-          const OrderTicket& ticket = orders.emplace(leg_id, std::move(info)).first->second.ticket;
-          engine.place(ticket, leg_id);
+          const OrderTicket& ticket = orders_.emplace(leg_id, std::move(info)).first->second.ticket;
+          engine_.place(ticket, leg_id);
         }
         settle_events(request);
         Quantity filled = wanted;
-        for (const auto& leg : legs) filled = std::min(filled, orders.at(leg.first).dealt);
+        for (const auto& leg : legs) filled = std::min(filled, orders_.at(leg.first).dealt);
         combo.dealt += filled;
         if (combo.dealt == combo.quantity) {
           combo.status = Status::Filled;
@@ -685,16 +625,16 @@ void BrokerCore::State::work_combos(Request& request, const Account* only_accoun
   }
 }
 
-void BrokerCore::State::report_combo(Request& request, const ComboOrder& combo, const char* operation) {
+void OrderDesk::report_combo(Request& request, const ComboOrder& combo, const char* operation) {
   Value message = combo_entry(combo);
   message.set("operation", Value::map({{"op_type", operation}, {"op_code", "00"}, {"op_msg", combo.msg}}));
   report(request, *combo.account, combo.placing_session, true, false, core::encode(message));
 }
 
-Value BrokerCore::State::place_comboorder(Request& request) {
+Value OrderDesk::place_comboorder(Request& request) {
   const Field order = field(request.payload, "order");
   order.map();
-  const Account& account = owned_account(request, order["account"]);
+  const Account& account = auth_.owned_account(request, order["account"]);
   if (account.is_stock()) {
     wire::refuse(wire::kBadRequest, "combination orders trade futures and options; account " +
                                         account.config.broker_id + "-" + account.config.account_id +
@@ -711,7 +651,7 @@ Value BrokerCore::State::place_comboorder(Request& request) {
   combo.placing_session = request.caller.session_id;
   for (std::size_t i = 0; i < legs.array().size(); ++i) {
     const Field leg(legs.array()[i], legs.path() + "[" + std::to_string(i) + "]");
-    const Contract& contract = known_contract(leg);
+    const Contract& contract = known_contract(master_, leg);
     if (!contract.is_derivative()) {
       wire::refuse(wire::kBadRequest, "leg " + contract.code +
                                           " is not a future or an option; combinations "
@@ -725,28 +665,28 @@ Value BrokerCore::State::place_comboorder(Request& request) {
   combo.price = order["price"].present() ? order["price"].price() : Price();
   combo.quantity = order["quantity"].integer();
   combo.octype = parsed(order["octype"], futures_octype_from_text, "Auto", "Auto, New, Cover or DayTrade");
-  combo.custom_field = order["custom_field"].text_or("");
+  combo.custom_field = order["custom_field"].text_or("", kMaxCustomFieldBytes);
   if (combo.quantity <= 0 || combo.quantity > 100) {
     wire::refuse(
         wire::kBadRequest,
         "field 'order.quantity' is " + std::to_string(combo.quantity) + "; expected 1 to 100 combinations",
         static_cast<int>(RefusalCode::InvalidQuantity));
   }
-  combo.id = engine.issue_order_id();
-  combo.order_ts = to_timestamp(market_clock.now());
+  combo.id = engine_.issue_order_id();
+  combo.order_ts = market_now();
   const OrderId id = combo.id;
-  report_combo(request, combos.emplace(id, std::move(combo)).first->second, "New");
+  report_combo(request, combos_.emplace(id, std::move(combo)).first->second, "New");
   work_combos(request, &account);
-  const Value entry = combo_entry(combos.at(id));
-  if (combos.at(id).status == Status::Failed) wire::refuse(wire::kBadRequest, combos.at(id).msg);
+  const Value entry = combo_entry(combos_.at(id));
+  if (combos_.at(id).status == Status::Failed) wire::refuse(wire::kBadRequest, combos_.at(id).msg);
   return Value::map({{"order", entry.get("order")}, {"status", entry.get("status")}});
 }
 
-Value BrokerCore::State::cancel_comboorder(Request& request) {
+Value OrderDesk::cancel_comboorder(Request& request) {
   const Field order = field(request.payload, "order");
   const OrderId id = order_id_of(order);
-  const auto it = combos.find(id);
-  if (it == combos.end() || it->second.account->holder != request.session->person) {
+  const auto it = combos_.find(id);
+  if (it == combos_.end() || it->second.account->holder != request.session->person) {
     wire::refuse(
         wire::kNotFound,
         "no combination order " + id_text(id) + " in the accounts of person " + request.person().person_id,
@@ -768,12 +708,12 @@ Value BrokerCore::State::cancel_comboorder(Request& request) {
   return Value::map({{"order", entry.get("order")}, {"status", entry.get("status")}});
 }
 
-Value BrokerCore::State::update_combostatus(Request& request) {
-  const Account& account = owned_account(request, field(request.payload, "account"));
+Value OrderDesk::update_combostatus(Request& request) {
+  const Account& account = auth_.owned_account(request, field(request.payload, "account"));
   const std::string seqno = field(request.payload, "seqno").text_or("");
   work_combos(request, &account);
   Value entries = Value::array({});
-  for (const auto& [id, combo] : combos) {
+  for (const auto& [id, combo] : combos_) {
     if (combo.account != &account || (!seqno.empty() && seqno != order_seqno(id))) continue;
     entries.push_back(combo_entry(combo));
   }

@@ -1,6 +1,7 @@
 // The contract master in pages: page 0 announces how many pages a security type has, pages
 // 1..max_page carry its contracts as the raw dicts the client's contract records take.
-#include "broker_state.hpp"
+#include "contract_desk.hpp"
+
 #include "quorvex/core/codec.hpp"
 
 namespace quorvex::paper {
@@ -8,11 +9,24 @@ namespace quorvex::paper {
 using core::Value;
 using wire::field;
 
-void BrokerCore::State::serve_contracts() {
-  serve("api/v1/data/contracts", Access::Session, bound(&State::contract_page));
+void ContractDesk::serve(ServiceTable& table) {
+  table.serve("api/v1/data/contracts", Access::Session, bound(this, &ContractDesk::contract_page));
 }
 
-Value BrokerCore::State::contract_page(Request& request) {
+const Contract& known_contract(const ContractMaster& master, const wire::Field& contract) {
+  const std::string code = contract["code"].text();
+  const Contract* found = master.find(code);
+  if (found == nullptr) {
+    wire::refuse(wire::kNotFound,
+                 "contract " + code +
+                     " is not in the contract master; expected the code of a "
+                     "listed stock, future or option",
+                 static_cast<int>(RefusalCode::UnknownContract));
+  }
+  return *found;
+}
+
+Value ContractDesk::contract_page(Request& request) {
   const std::string type_text = field(request.payload, "security_type").text();
   const std::optional<SecurityType> type = security_type_from_text(type_text);
   if (!type) {
@@ -33,11 +47,11 @@ Value BrokerCore::State::contract_page(Request& request) {
                  "page " + std::to_string(page) + " is not a page number; expected 0 to max_page");
   }
   const std::string key = type_text + "/" + std::to_string(page) + "/" + std::to_string(page_size);
-  if (const auto cached = contract_page_cache.find(key); cached != contract_page_cache.end()) {
+  if (const auto cached = page_cache_.find(key); cached != page_cache_.end()) {
     request.encoded_reply = cached->second;
     return Value();
   }
-  const Result<ContractPage> found = master.page(*type, static_cast<int>(page), static_cast<int>(page_size));
+  const Result<ContractPage> found = master_.page(*type, static_cast<int>(page), static_cast<int>(page_size));
   if (!found) wire::refuse(found.refusal());
   Value contracts = Value::array({});
   contracts.as_array().reserve(found->size());
@@ -47,7 +61,7 @@ Value BrokerCore::State::contract_page(Request& request) {
                                {"max_page", found->max_page},
                                {"contracts", std::move(contracts)}});
   std::string encoded = core::encode(wire::ok_reply(std::move(response)));
-  request.encoded_reply = contract_page_cache.emplace(key, std::move(encoded)).first->second;
+  request.encoded_reply = page_cache_.emplace(key, std::move(encoded)).first->second;
   return Value();
 }
 
