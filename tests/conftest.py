@@ -77,7 +77,21 @@ class FakeSession:
     def _gen_reqid(self) -> str:
         return "corr-%d" % next(self._ids)
 
-    def connect(self, **kwargs):
+    def connect(
+        self,
+        host,
+        vpn,
+        user,
+        password,
+        clientname,
+        connect_timeout_ms=3000,
+        reconnect_retries=10,
+        keep_alive_ms=3000,
+        reconnect_retry_wait=3000,
+        keep_alive_limit=3,
+    ):
+        kwargs = dict(locals())
+        del kwargs["self"]
         self.calls.append(("connect", kwargs))
         self.sol = True
 
@@ -85,7 +99,10 @@ class FakeSession:
         self.calls.append(("disconnect",))
         self.sol = False
 
-    def request(self, topic, payload, corrid=None, timeout=DEFAULT_TIMEOUT, cb=None):
+    def request(self, topic, payload, corrid=None, timeout=..., cb=None):
+        # As the real session: left out, the default wait; a false timeout is non-blocking.
+        if timeout is ...:
+            timeout = self.DEFAULT_TIMEOUT
         req = Request(topic, payload, corrid, timeout, cb)
         self.requests.append(req)
         self.calls.append(("request", topic))
@@ -112,9 +129,9 @@ class FakeSession:
         self.subscriptions.remove(topic)
 
     def _set(kind):
-        def setter(self, func):
-            self.calls.append((kind, func))
-            self.callbacks[kind] = func
+        def setter(self, f):
+            self.calls.append((kind, f))
+            self.callbacks[kind] = f
 
         return setter
 

@@ -64,17 +64,18 @@ class SolClient:
         topic: str,
         payload: Payload,
         corrid: Optional[str] = None,
-        timeout: Optional[Union[int, float]] = None,
+        timeout: Optional[Union[int, float]] = ...,
         cb: Optional[Callable[[str, str, Any], Any]] = None,
     ) -> Optional[Any]:
         """Send `payload` on `topic` with the session token and client name.
 
-        timeout > 0 (default: default_timeout, 5000 ms): waits with the interpreter lock released
-        (unless the reply is already there when the send returns, as from a service that answers
-        on the sender's thread) and returns the decoded reply, or None when none came in time.
-        timeout == 0: returns None at once and later calls cb(topic, corrid, reply) on the
-        callback thread (corrid defaults to a fresh _gen_reqid()). An unencodable payload raises
-        before anything is sent; a session that is not connected raises BusError.
+        timeout > 0 (left out: default_timeout, 5000 ms): waits with the interpreter lock
+        released (unless the reply is already there when the send returns, as from a service
+        that answers on the sender's thread) and returns the decoded reply, or None when none
+        came in time. A false timeout (0 or None): returns None at once and later calls
+        cb(topic, corrid, reply) on the callback thread (corrid defaults to a fresh
+        _gen_reqid()). An unencodable payload raises before anything is sent; a session that
+        is not connected raises BusError.
         """
     def _gen_reqid(self) -> str:
         """A fresh correlation id, unique within this session object."""

@@ -1,6 +1,7 @@
 """SolClient as the api uses it: connect, requests, callbacks, events, disconnect."""
 
 import gc
+import inspect
 import os
 import re
 import subprocess
@@ -93,6 +94,45 @@ def test_timeout_returns_none_and_the_default_timeout_applies(client, responder)
     assert time.monotonic() - start < 2.0
     with pytest.raises(ValueError, match="default_timeout must be positive"):
         client.default_timeout = 0
+
+
+# The tests of SolaceAPI drive a fake session; it must take what the real one takes and block
+# exactly when the real one blocks, or those tests prove nothing.
+SESSION_METHODS = [
+    "connect", "disconnect", "request", "_gen_reqid", "subscribe", "unsubscribe", "set_session",
+    "set_client_name", "set_msg_callback", "set_p2p_callback", "set_event_callback",
+    "set_session_down_callback",
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("name", SESSION_METHODS)
+def test_the_fake_session_takes_what_the_real_one_takes(name):
+    from conftest import FakeSession
+
+    (text, _, defaults), *_ = getattr(SolClient, name).__nb_signature__
+    real = {}  # name -> default (or the empty marker), in order
+    for part in text[text.index("(") + 1 : text.rindex(") ->")].split(", ")[1:]:
+        default = re.search(r"= \\(\d+)$", part)
+        real[re.match(r"\w+", part).group()] = (
+            defaults[int(default[1])] if default else inspect.Parameter.empty
+        )
+    fake = inspect.signature(getattr(FakeSession, name)).parameters
+    assert {p: v.default for p, v in list(fake.items())[1:]} == real
+
+
+@pytest.mark.parametrize("timeout", [..., None, 0, 2000], ids=["left-out", "None", "0", "2000"])
+def test_a_false_timeout_is_non_blocking_in_the_real_and_the_fake_session(client, echo, timeout):
+    from conftest import FakeSession
+
+    kwargs = {} if timeout is ... else {"timeout": timeout}
+    cb = Recorder()
+    blocks = timeout is ... or bool(timeout)
+    real = client.request("svc/t", {"n": 1}, cb=cb, **kwargs)
+    assert (real is not None) == blocks
+    if not blocks:
+        cb.wait(1)
+    fake = FakeSession().request("svc/t", {"n": 1}, cb=cb, **kwargs)
+    assert (fake is not None) == blocks
 
 
 def test_async_reply_runs_cb_on_the_callback_thread(client, echo):

@@ -93,6 +93,16 @@ DELIVERIES = pytest.mark.parametrize(
 )
 
 
+@pytest.mark.parametrize("timeout", [None, 0])
+def test_a_false_timeout_completes_through_the_callback(api, broker, timeout):
+    broker.answer("portfolio/account_balance", ok(account=STOCK, acc_balance=1234.0, date="2026-11-25"))
+    done = Recorder()
+    placeholder = api.account_balance(STOCK_ACCOUNT, timeout=timeout, cb=done)
+    assert done.wait() == [(placeholder,)]
+    assert placeholder.acc_balance == 1234.0
+    assert api._rep_callback_map == {} and api._reqrep == {}
+
+
 @DELIVERIES
 def test_blocking_request_from_a_callback_completes(api, broker, deliver):
     broker.answer("portfolio/margin", ok(account=FUTURES, margins={"equity": 42.0}))

@@ -155,8 +155,11 @@ class SolClient {
   nb::object request(const std::string& topic, nb::handle payload, nb::handle corrid, nb::handle timeout,
                      nb::handle cb) {
     check_topic(topic);
-    const long long timeout_ms =
-        timeout.is_none() ? default_timeout_ms_ : to_milliseconds(timeout, "timeout");
+    // Left out (the `...` default): the session's default wait. Given: a false value (0 or
+    // None) is non-blocking, as it is for every query of SolaceAPI.
+    const long long timeout_ms = timeout.is(nb::ellipsis()) ? default_timeout_ms_
+                                 : timeout.is_none()        ? 0
+                                                            : to_milliseconds(timeout, "timeout");
     if (!cb.is_none() && !PyCallable_Check(cb.ptr())) {
       throw nb::type_error(("cb must be callable or None, got " + type_name(cb)).c_str());
     }
@@ -318,7 +321,7 @@ void bind_client(nb::module_& m) {
            nb::arg("reconnect_retry_wait") = 3000, nb::arg("keep_alive_limit") = 3)
       .def("disconnect", &SolClient::disconnect)
       .def("request", &SolClient::request, nb::arg("topic"), nb::arg("payload").none(),
-           nb::arg("corrid").none() = nb::none(), nb::arg("timeout").none() = nb::none(),
+           nb::arg("corrid").none() = nb::none(), nb::arg("timeout").none() = nb::ellipsis(),
            nb::arg("cb").none() = nb::none())
       .def("_gen_reqid", &SolClient::gen_reqid)
       .def("subscribe", &SolClient::subscribe, nb::arg("topic"))
