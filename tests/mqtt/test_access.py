@@ -73,8 +73,8 @@ def test_one_person_cannot_read_or_forge_anothers_traffic(secured):
                 "qv/pub/TIC/v1/STK/*/TSE/2330",
                 "qv/reply/{}".format(alice.api.session.session_id),
             ):
-                subprocess.run(_mallory("mosquitto_pub", secured.host, "-q", "1", "-t", topic, "-m", "forged"),
-                               check=False, capture_output=True, timeout=10)  # fmt: skip
+                forge = _mallory("mosquitto_pub", secured.host, "-q", "1", "-t", topic, "-m", "forged")
+                subprocess.run(forge, check=False, capture_output=True, timeout=10)
             alice.api.session.request("api/v1/auth/error_tracking", {}, timeout=2000)  # a round trip after
             assert len(reports) == 1
         out, _ = spy.communicate(timeout=15)
