@@ -68,6 +68,7 @@ class Client:
     """
 
     def __init__(self, host: str, **settings: Any) -> None:
+        """A client of the broker at ``host``; settings as ``quorvex.Client``."""
         self.sync = _SyncClient(host, **settings)
 
     @classmethod
@@ -129,6 +130,7 @@ class Client:
         return await self._in_executor(self.sync.login_api_key, api_key, secret_key, **options)
 
     async def logout(self) -> None:
+        """End the session."""
         await self._in_executor(self.sync.logout)
 
     async def close(self) -> None:
@@ -141,21 +143,26 @@ class Client:
 
     @property
     def contracts(self) -> Contracts:
+        """The contract master (see ``quorvex.Client.contracts``)."""
         return self.sync.contracts
 
     def contract(self, code: Code) -> Contract:
+        """The contract of a code, symbol or futures product (see ``quorvex.Client.contract``)."""
         return self.sync.contract(code)
 
     @property
     def stock_account(self) -> Optional[StockAccount]:
+        """The first stock account of the login."""
         return self.sync.stock_account
 
     @property
     def futures_account(self) -> Optional[FutureAccount]:
+        """The first futures and options account of the login."""
         return self.sync.futures_account
 
     @property
     def trades(self) -> List[Trade]:
+        """Every trade of this session, each order once."""
         return self.sync.trades
 
     # ------------------------------------------------------------------ orders
@@ -165,12 +172,15 @@ class Client:
         return await self._run(self.sync.place_order, contract, order)
 
     async def buy(self, contract: Code, price: float, quantity: int, **terms: Any) -> Trade:
+        """As ``quorvex.Client.buy``, awaited."""
         return await self._run(self.sync.buy, contract, price, quantity, **terms)
 
     async def sell(self, contract: Code, price: float, quantity: int, **terms: Any) -> Trade:
+        """As ``quorvex.Client.sell``, awaited."""
         return await self._run(self.sync.sell, contract, price, quantity, **terms)
 
     async def cancel_order(self, trade: Trade) -> Trade:
+        """As ``quorvex.Client.cancel_order``, awaited."""
         return await self._run(self.sync.cancel_order, trade)
 
     async def update_order(
@@ -187,18 +197,22 @@ class Client:
         return trade
 
     async def update_status(self, account: Optional[Account] = None) -> List[Trade]:
+        """As ``quorvex.Client.update_status``, awaited."""
         await self._run(self.sync.update_status, account)
         return self.sync.trades
 
     # ------------------------------------------------------------------ queries
 
     async def account_balance(self, account: Optional[StockAccount] = None) -> AccountBalance:
+        """As ``quorvex.Client.account_balance``, awaited."""
         return await self._run(self.sync.account_balance, account)
 
     async def margin(self, account: Optional[FutureAccount] = None) -> Margin:
+        """As ``quorvex.Client.margin``, awaited."""
         return await self._run(self.sync.margin, account)
 
     async def positions(self, account: Optional[Account] = None, unit: str = "Common") -> "RecordList[Any]":
+        """As ``quorvex.Client.positions``, awaited."""
         return await self._run(self.sync.positions, account, unit)
 
     async def profit_loss(
@@ -207,22 +221,27 @@ class Client:
         begin: Optional[DateLike] = None,
         end: Optional[DateLike] = None,
     ) -> "RecordList[Any]":
+        """As ``quorvex.Client.profit_loss``, awaited."""
         return await self._run(self.sync.profit_loss, account, begin, end)
 
     async def ticks(self, contract: Code, date: Optional[DateLike] = None, **query: Any) -> Ticks:
+        """As ``quorvex.Client.ticks``, awaited."""
         return await self._run(self.sync.ticks, contract, date, **query)
 
     async def kbars(
         self, contract: Code, start: Optional[DateLike] = None, end: Optional[DateLike] = None
     ) -> Kbars:
+        """As ``quorvex.Client.kbars``, awaited."""
         return await self._run(self.sync.kbars, contract, start, end)
 
     async def daily_quotes(
         self, date: Optional[DateLike] = None, *, exclude_etfs: bool = False
     ) -> DailyQuotes:
+        """As ``quorvex.Client.daily_quotes``, awaited."""
         return await self._run(self.sync.daily_quotes, date, exclude_etfs=exclude_etfs)
 
     async def snapshots(self, contracts: Sequence[Code]) -> "RecordList[Snapshot]":
+        """As ``quorvex.Client.snapshots``, awaited."""
         return await self._run(self.sync.snapshots, contracts)
 
     # ------------------------------------------------------------------ streams

@@ -23,22 +23,26 @@ def _free_port() -> int:
 class Mosquitto:
     """One broker process; `host` is its mqtt:// address."""
 
-    def __init__(self, folder: Path, extra: List[str]) -> None:
+    def __init__(self, folder: Path, extra: List[str], persistence: bool = False) -> None:
         if not os.path.exists(MOSQUITTO):
             pytest.skip("mosquitto is not installed; scripts/bootstrap installs it")
         self.port = _free_port()
         self.host = "mqtt://127.0.0.1:{}".format(self.port)
-        conf = folder / "mosquitto.conf"
+        self.conf = folder / "mosquitto.conf"
         lines = [
             # Started as root it would switch to a user that cannot read the test's folder.
             "user {}".format(getpass.getuser()),
             "listener {} 127.0.0.1".format(self.port),
-            "persistence false",
+            "persistence {}".format("true" if persistence else "false"),
+            "persistence_location {}/".format(folder),
             "log_dest stderr",
             "log_type error",
         ] + extra
-        conf.write_text("\n".join(lines) + "\n")
-        self.process = subprocess.Popen([MOSQUITTO, "-c", str(conf)], stderr=subprocess.PIPE)
+        self.conf.write_text("\n".join(lines) + "\n")
+        self.start()
+
+    def start(self) -> None:
+        self.process = subprocess.Popen([MOSQUITTO, "-c", str(self.conf)], stderr=subprocess.PIPE)
         deadline = time.monotonic() + 10
         while True:
             try:

@@ -77,7 +77,7 @@ class Bus final : public InprocBus, public std::enable_shared_from_this<Bus> {
       require_attached(*from_link, "send a request");
       if (const Link* link = find_server(message->topic)) server = link->listener.lock();
     }
-    if (server) server->on_request(IncomingRequest{std::move(message), from, request_id});
+    if (server) server->on_request(IncomingRequest{std::move(message), from, request_id, {}, {}});
   }
 
   // Delivered unlocked: completing a reply may release what the requester attached to it.

@@ -276,6 +276,11 @@ void InterestTable::apply(const std::string& session_id, std::string_view record
     }
     return;
   }
+  // A session that states its interest is alive, whatever was said of it before: a broker
+  // shutting down sends every session's will, and the sessions come back when it does.
+  if (gone_.erase(session_id) != 0) {
+    gone_order_.erase(std::remove(gone_order_.begin(), gone_order_.end(), session_id), gone_order_.end());
+  }
   auto filters_of = [&](const char* key) {
     std::vector<std::string> out;
     const core::Value& list = value.get(key);

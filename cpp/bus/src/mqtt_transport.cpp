@@ -187,8 +187,8 @@ class MqttEndpoint : public std::enable_shared_from_this<MqttEndpoint> {
         listener_(std::move(listener)),
         service_(options.kind == EndpointKind::Service),
         group_(address_.group.empty() ? group_name(options.client_name) : address_.group),
-        client_name_(options.client_name.empty() ? session_id_ : options.client_name),
-        connect_timeout_(options.connect_timeout_ms) {
+        connect_timeout_(options.connect_timeout_ms),
+        client_name_(options.client_name.empty() ? session_id_ : options.client_name) {
     init_library();
     // A session's inbox outlives its link (clean start off, a session expiry); a service keeps nothing.
     mosq_ = mosquitto_new(session_id_.c_str(), service_, this);

@@ -193,4 +193,6 @@ NB_MODULE(api, m) {
   define_orders(api);
   define_accounts(api);
   define_reserve(api);
+  // The methods' docstrings are one table of texts, so that help(SolaceAPI) shows them.
+  nb::module_::import_("quorvex.backend.solace._docs").attr("attach")(cls);
 }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <set>
@@ -359,4 +360,59 @@ TEST(Session, ConcurrentRequestsEachGetTheirOwnReply) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(wrong.load(), 0);
+}
+
+// A listener that falls behind: published messages queue up to the bound and the oldest are
+// dropped, with an event saying how many; replies and point-to-point messages pass the queued
+// messages and are never dropped.
+TEST(SessionLanes, RepliesAndReportsPassQueuedQuotesAndDroppedQuotesAreReported) {
+  Responder responder(bus_host());
+  serve_echo(responder, "svc/echo");
+  auto listener = std::make_shared<RecordingListener>();
+  Session session(listener);
+  session.set_message_queue_limit(100);
+  session.connect(options(bus_host(), "slow"));
+  session.subscribe("Q/>");
+
+  std::promise<void> release;
+  std::shared_future<void> gate = release.get_future().share();
+  std::atomic<bool> holding{false};
+  listener->set_hook([&](const Delivery& d) {
+    if (d.kind == DeliveryKind::Message && !holding.exchange(true)) gate.wait();
+  });
+  responder.publish("Q/first", std::string("\xc0"));
+  ASSERT_TRUE(listener->wait_count(DeliveryKind::Message, 1));
+  for (int i = 0; i < 1000; ++i) responder.publish("Q/x", std::string("\xc0"));
+  session.request_async("svc/echo", "\xc0", "late-reply", nullptr);
+  responder.send_to_session(session.session_id(), "ORDER", std::string("\xc0"));
+  std::this_thread::sleep_for(50ms);  // both are queued behind the held delivery
+  release.set_value();
+
+  std::vector<Seen> seen;
+  ASSERT_TRUE(listener->wait_until([&](const std::vector<Seen>& now) {
+    seen = now;
+    return std::any_of(now.begin(), now.end(), [](const Seen& s) {
+      return s.kind == DeliveryKind::Event &&
+             s.event_code == static_cast<int>(SessionEventCode::SlowConsumer);
+    });
+  }));
+  std::this_thread::sleep_for(100ms);  // what was kept drains
+  seen = listener->of(DeliveryKind::Message);
+  EXPECT_LE(seen.size(), 1U + 100U);  // the held one, then at most the bound
+  EXPECT_GE(seen.size(), 2U);
+  ASSERT_EQ(listener->of(DeliveryKind::Reply).size(), 1U);
+  ASSERT_EQ(listener->of(DeliveryKind::Direct).size(), 1U);
+
+  // The reply and the report came right after the held delivery, not behind the queue.
+  std::vector<Seen> all;
+  listener->wait_until([&](const std::vector<Seen>& now) {
+    all = now;
+    return true;
+  });
+  std::size_t messages_before = 0;
+  for (const auto& s : all) {
+    if (s.kind == DeliveryKind::Reply || s.kind == DeliveryKind::Direct) break;
+    messages_before += s.kind == DeliveryKind::Message;
+  }
+  EXPECT_LE(messages_before, 1U + Session::kMessageBatch);
 }

@@ -191,6 +191,14 @@ class Client:
         keep_alive_limit: int = 3,
         progress: Optional[bool] = None,
     ) -> None:
+        """A client of the broker at ``host`` ("paper://NAME", "mqtt://HOST:PORT", ...).
+
+        ``simulation`` selects the paper-trading services; ``timeout_ms`` is how long a call
+        waits for its reply. ``vpn``, ``bus_user`` and ``bus_password`` are the message bus's
+        own settings (on MQTT: topic prefix, user name and password), as are the connection
+        and reconnection settings. ``progress`` shows a progress bar while a slow contract
+        download runs (default: when standard error is a terminal).
+        """
         if not isinstance(host, str) or "://" not in host:
             raise ValueError(
                 "host must be a broker address such as 'paper://' or 'mqtt://HOST:PORT', got {!r}".format(
@@ -556,14 +564,17 @@ class Client:
 
     @property
     def person_id(self) -> str:
+        """The person logged in (empty before a login)."""
         return self._person_id
 
     @property
     def simulation(self) -> bool:
+        """Whether this client uses the paper-trading (simulation) services."""
         return bool(self._api._simulation)
 
     @property
     def accounts(self) -> List[Account]:
+        """The accounts the last login listed."""
         return list(self._api.accounts)
 
     @property

@@ -54,6 +54,7 @@ class OrderEvent:
 
     @classmethod
     def from_report(cls, state: OrderState, report: Dict[str, Any], trade: Optional[Trade]) -> "OrderEvent":
+        """The event of an order report as the session delivered it."""
         operation = report.get("operation") or {}
         status_block = report.get("status") or {}
         try:
@@ -90,6 +91,7 @@ class DealEvent:
 
     @classmethod
     def from_report(cls, state: OrderState, report: Dict[str, Any], trade: Optional[Trade]) -> "DealEvent":
+        """The event of a deal report as the session delivered it."""
         try:
             action: Optional[Action] = Action(report.get("action"))
         except ValueError:
