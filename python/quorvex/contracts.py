@@ -254,7 +254,7 @@ class ProductContracts(Mapping):
         "security_type",
         "name",
         "status",
-        "_max_page",
+        "_pages_max",
         "_page_list",
         "_record_class",
         "_group_field",
@@ -268,7 +268,7 @@ class ProductContracts(Mapping):
         self.security_type = security_type
         self.name = security_type.name + "s"
         self.status = FetchStatus.Unfetch
-        self._max_page = 0
+        self._pages_max = 0
         self._page_list: List[int] = []
         self._record_class = _CONTRACT_CLASS[security_type]
         group_by_product = security_type in (SecurityType.Future, SecurityType.Option)
@@ -319,6 +319,23 @@ class ProductContracts(Mapping):
 
     def set_status_fetched(self) -> None:
         self.status = FetchStatus.Fetched
+
+    @property
+    def _max_page(self) -> int:
+        """How many pages the broker has for this type, from the download's probe."""
+        return self._pages_max
+
+    @_max_page.setter
+    def _max_page(self, pages: int) -> None:
+        # A download's probe: contracts already held (from the contracts file or an earlier
+        # download) are replaced by what this download brings, never merged with it.
+        if self.status is FetchStatus.Fetched:
+            self._raw.clear()
+            self._built.clear()
+            self._symbols.clear()
+            self._groups.clear()
+            self.status = FetchStatus.Unfetch
+        self._pages_max = pages
 
     def raw_contracts(self) -> List[Dict[str, Any]]:
         """The contracts as they arrived, for storage."""
@@ -382,6 +399,10 @@ class Contracts:
 
     def __init__(self) -> None:
         self.status = FetchStatus.Unfetch
+        # The broker host the contracts came from, when the owner knows it (the contracts file
+        # keeps it, so a file from another broker is not taken for this one's).
+        self.host: Optional[str] = None
+        self.trading_day: Optional[str] = None
         for security_type in SecurityType:
             setattr(self, security_type.name + "s", ProductContracts(security_type))
 

@@ -110,3 +110,17 @@ def test_a_session_down_event_makes_later_calls_connection_lost(scripted):
     assert events[0].down
     with pytest.raises(ConnectionLost, match="3 attempts failed"):
         client.positions()
+
+
+def test_a_login_takes_this_brokers_contracts_file_of_the_day_instead_of_downloading(bus):
+    with Client.paper(bus, progress=False) as first:
+        first.login_api_key(DEMO.api_key, DEMO.api_secret)
+        listed = len(first.contracts)
+    with Client.paper(bus, progress=False) as second:
+        downloads = []
+        second.api.fetch_all_contract = lambda *args: downloads.append(args)
+        second.login_api_key(DEMO.api_key, DEMO.api_secret)
+        assert downloads == [] and len(second.contracts) == listed
+    with Client.paper(bus + "-other", progress=False) as elsewhere:
+        elsewhere.login_api_key(DEMO.api_key, DEMO.api_secret)
+        assert elsewhere.contracts.host == elsewhere.host

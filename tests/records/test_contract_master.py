@@ -148,6 +148,24 @@ def test_contracts_file_round_trip(cache_dir, contracts):
     assert len(loaded) == len(contracts)
 
 
+def test_the_file_keeps_its_broker_and_no_expired_contract(cache_dir, contracts):
+    contracts.host = "mqtt://broker:1883"
+    contracts.Futures.append([dict(future("TXFA4", month="202401"), delivery_date="2024-01-01")])
+    contracts.Futures.append([dict(future("TXFB4", month="202402"), delivery_date="2024-02-21")])
+    dump_contracts_file(contracts)
+    loaded = new_contracts()
+    assert (loaded.host, loaded.trading_day) == ("mqtt://broker:1883", "2024-01-02")
+    assert "TXFB4" in loaded.Futures and "TXFA4" not in loaded.Futures
+
+
+def test_a_download_replaces_what_the_file_brought(cache_dir, contracts):
+    dump_contracts_file(contracts)
+    loaded = new_contracts()
+    loaded.Stocks._max_page = 1  # the download's probe
+    loaded.Stocks.append([stock("1101")])
+    assert list(loaded.Stocks) == ["1101"] and loaded.Stocks.status is FetchStatus.Unfetch
+
+
 def test_a_file_from_another_trading_day_is_not_loaded(cache_dir, contracts, monkeypatch):
     dump_contracts_file(contracts)
     monkeypatch.setattr(backend_utils, "trading_day", lambda: "2024-01-03")

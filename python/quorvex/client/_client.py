@@ -482,9 +482,21 @@ class Client:
     ) -> List[Account]:
         self._person_id = person_id
         self._logged_in = True
-        if download or (wanted and self._api.Contracts.status != FetchStatus.Fetched):
+        if (download or wanted) and not self._contracts_current():
             self.download_contracts()
         return list(accounts)
+
+    def _contracts_current(self) -> bool:
+        # The contracts file of this broker and trading day answers the download the login asks
+        # for; one from another broker or day does not.
+        from quorvex.backend.solace.utils import trading_day
+
+        contracts = self._api.Contracts
+        return (
+            contracts.status == FetchStatus.Fetched
+            and getattr(contracts, "host", None) == self.host
+            and getattr(contracts, "trading_day", None) == trading_day()
+        )
 
     def download_contracts(self, timeout_s: float = 60.0) -> Contracts:
         """Download the contract master now (logins do it); returns it when complete."""
@@ -493,6 +505,7 @@ class Client:
             api.contract_error = None
             if api.Contracts.status == FetchStatus.Fetching:
                 api.Contracts.status = FetchStatus.Unfetch  # a download that never finished
+            api.Contracts.host = self.host  # kept in the contracts file with the trading day
             api.fetch_all_contract(0, lambda security_type: None)
             self._await_contracts(timeout_s)
         return api.Contracts

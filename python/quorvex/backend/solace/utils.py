@@ -236,10 +236,12 @@ def dump_contracts_file(contracts: Contracts) -> Optional[Path]:
     Returns the file's path, or None when it could not be written (the reason is logged):
     a failed cache write must not fail the download that triggered it.
     """
+    day = trading_day()
     document = {
         "format": _FILE_FORMAT,
-        "trading_day": trading_day(),
-        "contracts": {c.security_type.value: c.raw_contracts() for c in contracts},
+        "trading_day": day,
+        "host": getattr(contracts, "host", None),
+        "contracts": {c.security_type.value: _unexpired(c.raw_contracts(), day) for c in contracts},
     }
     path = contracts_file_path()
     temp_name = None
@@ -256,6 +258,8 @@ def dump_contracts_file(contracts: Contracts) -> Optional[Path]:
             os.fsync(stream.fileno())
         os.replace(temp_name, str(path))
         temp_name = None
+        with contextlib.suppress(AttributeError):
+            contracts.trading_day = day
         return path
     except (OSError, ValueError, TypeError) as error:
         log.warning("contracts file %s not written: %s", path, error)
@@ -266,7 +270,18 @@ def dump_contracts_file(contracts: Contracts) -> Optional[Path]:
                 os.unlink(temp_name)
 
 
-def _read_contracts_file(path: Path) -> Optional[Dict[str, List[Dict[str, Any]]]]:
+def _unexpired(raw_contracts: List[Dict[str, Any]], day: str) -> List[Dict[str, Any]]:
+    """The contracts still listed on `day`: a future or option past its delivery date is gone."""
+    return [
+        raw
+        for raw in raw_contracts
+        if not (isinstance(raw, dict) and isinstance(raw.get("delivery_date"), str))
+        or not raw["delivery_date"]
+        or raw["delivery_date"].replace("/", "-") >= day
+    ]
+
+
+def _read_contracts_file(path: Path) -> Optional[Dict[str, Any]]:
     try:
         if not path.is_file() or not _owned_by_user(path):
             return None
@@ -279,21 +294,26 @@ def _read_contracts_file(path: Path) -> Optional[Dict[str, List[Dict[str, Any]]]
         return None
     if document.get("trading_day") != trading_day():
         return None
-    pages = document.get("contracts")
-    return pages if isinstance(pages, dict) else None
+    return document if isinstance(document.get("contracts"), dict) else None
 
 
 def new_contracts() -> Contracts:
-    """A contract master: loaded from today's contracts file when there is one, else empty."""
+    """A contract master: loaded from today's contracts file when there is one, else empty.
+    A download into it replaces what the file brought (see ``ProductContracts``)."""
     contracts = Contracts()
-    pages = _read_contracts_file(contracts_file_path())
-    if not pages:
+    document = _read_contracts_file(contracts_file_path())
+    if not document:
         return contracts
+    day = document["trading_day"]
+    pages = document["contracts"]
     for security_type in SecurityType:
         raw = pages.get(security_type.value)
         if isinstance(raw, list):
             collection = contracts.of(security_type)
-            collection.append(raw)
+            collection.append(_unexpired(raw, day))
             collection.set_status_fetched()
     contracts.status = FetchStatus.Fetched
+    host = document.get("host")
+    contracts.host = host if isinstance(host, str) else None
+    contracts.trading_day = day
     return contracts
