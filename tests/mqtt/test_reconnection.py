@@ -17,7 +17,7 @@ from .conftest import Mosquitto
 def test_a_restarted_broker_is_survived(tmp_path, persistence):
     mosquitto = Mosquitto(tmp_path, ["allow_anonymous true"], persistence=persistence)
     events, reports = [], []
-    reconnected, reported = threading.Event(), threading.Event()
+    lost, reconnected, reported = threading.Event(), threading.Event(), threading.Event()
     try:
         with PaperBroker(replay_config()) as broker:
             broker.attach(mosquitto.host, vpn="qv")
@@ -26,12 +26,18 @@ def test_a_restarted_broker_is_survived(tmp_path, persistence):
             ) as client:
                 client.login_api_key(DEMO.api_key, DEMO.api_secret)
                 client.use_demo_certificate()
-                client.on_event(
-                    lambda event: events.append(event) or (event.name == "reconnected" and reconnected.set())
-                )
+                flags = {"reconnecting": lost, "reconnected": reconnected}
+
+                @client.on_event
+                def seen(event):
+                    events.append(event)
+                    if event.name in flags:
+                        flags[event.name].set()
+
                 client.on_order(lambda event: reports.append(event) or reported.set())
 
                 mosquitto.stop()
+                assert lost.wait(10), events
                 with pytest.raises(BusError, match="reconnecting"):
                     client.api.session.request("api/v1/portfolio/settlement", {}, timeout=2000)
                 mosquitto.start()
