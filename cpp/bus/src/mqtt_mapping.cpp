@@ -6,6 +6,7 @@
 #include "quorvex/bus/message.hpp"
 #include "quorvex/bus/transport.hpp"
 #include "quorvex/core/codec.hpp"
+#include "quorvex/core/query.hpp"
 #include "quorvex/core/topic.hpp"
 
 namespace quorvex::bus::mqtt {
@@ -92,15 +93,7 @@ BrokerAddress parse_broker_address(const std::string& url) {
   };
   if (!port_text.empty() || rest.back() == ':')
     address.port = static_cast<int>(number(port_text, "port", 1, 65535));
-  std::string_view options = query;
-  while (!options.empty()) {
-    const std::size_t amp = options.find('&');
-    const std::string_view pair = options.substr(0, amp);
-    options = amp == std::string_view::npos ? std::string_view() : options.substr(amp + 1);
-    if (pair.empty()) continue;
-    const std::size_t eq = pair.find('=');
-    const std::string key(pair.substr(0, eq));
-    const std::string value(eq == std::string_view::npos ? std::string_view() : pair.substr(eq + 1));
+  core::for_each_query_option(query, [&](const std::string& key, const std::string& value) {
     if (key == "session_expiry") {
       address.session_expiry_s = static_cast<std::uint32_t>(number(value, "session_expiry", 0, 4294967294L));
     } else if (key == "cafile") {
@@ -114,7 +107,7 @@ BrokerAddress parse_broker_address(const std::string& url) {
     } else {
       refuse_address(url, "unknown option '" + key + "'");
     }
-  }
+  });
   if (address.cafile.empty() && address.capath.empty()) {
     if (const char* cafile = std::getenv("QUORVEX_MQTT_CAFILE")) address.cafile = cafile;
   }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "quorvex/bus/message.hpp"
+#include "quorvex/core/query.hpp"
 #include "quorvex/paper/feed/market_clock.hpp"
 
 namespace quorvex::paper {
@@ -77,14 +78,7 @@ void apply_market_options(PaperBrokerConfig& config, std::string_view options, c
         "; expected clock_speed=<above 0, at most 1e6> and market_start=<YYYY-MM-DDTHH:MM[:SS], "
         "Taipei time> joined by '&'");
   };
-  while (!options.empty()) {
-    const std::size_t amp = options.find('&');
-    const std::string_view pair = options.substr(0, amp);
-    options = amp == std::string_view::npos ? std::string_view() : options.substr(amp + 1);
-    if (pair.empty()) continue;
-    const std::size_t eq = pair.find('=');
-    const std::string key(pair.substr(0, eq));
-    const std::string value(eq == std::string_view::npos ? std::string_view() : pair.substr(eq + 1));
+  core::for_each_query_option(options, [&](const std::string& key, const std::string& value) {
     if (key == "clock_speed") {
       char* end = nullptr;
       const double speed = std::strtod(value.c_str(), &end);
@@ -98,7 +92,7 @@ void apply_market_options(PaperBrokerConfig& config, std::string_view options, c
     } else {
       refuse("unknown option '" + key + "'");
     }
-  }
+  });
 }
 
 }  // namespace quorvex::paper
