@@ -14,7 +14,9 @@ find_package(nanobind CONFIG REQUIRED)
 # runs (QUORVEX_INPLACE), also writes it next to the package's Python sources.
 function(qv_add_extension target pkgdir)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
-  nanobind_add_module(${target} NB_DOMAIN quorvex ${ARG_SOURCES})
+  # Every module carries the shared interpreter glue (cpp/python/common).
+  nanobind_add_module(${target} NB_DOMAIN quorvex ${ARG_SOURCES} ${PROJECT_SOURCE_DIR}/cpp/python/common/glue.cpp)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/cpp/python/common)
   target_link_libraries(${target} PRIVATE qv_warnings ${ARG_LIBS})
   install(TARGETS ${target} LIBRARY DESTINATION ${pkgdir})
   # libqv_bus.so is installed in the pymqlink package: one copy per process, one bus registry.

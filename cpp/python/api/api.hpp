@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "glue.hpp"
+
 namespace quorvex::api {
 
 namespace nb = nanobind;
@@ -42,9 +44,16 @@ const char* positional_name(std::size_t index);
 
 // The C++ side of a method: positional parameters that accept any object, None included
 // (nanobind refuses None for an unannotated parameter).
+template <std::size_t>
+using handle_at = nb::handle;
+
+// Each method parks its thread if the interpreter ends it inside (see parking_on_exit).
 template <typename Func, std::size_t... I>
 nb::object positional_function(Func&& f, const char* name, std::index_sequence<I...>) {
-  return nb::cpp_function(std::forward<Func>(f), nb::name(name), nb::arg(positional_name(I)).none()...);
+  auto guarded = [f = std::forward<Func>(f)](handle_at<I>... args) -> decltype(auto) {
+    return quorvex::pyglue::parking_on_exit([&]() -> decltype(auto) { return f(args...); });
+  };
+  return nb::cpp_function(std::move(guarded), nb::name(name), nb::arg(positional_name(I)).none()...);
 }
 template <typename Func>
 nb::object positional_function(Func&& f, const char* name) {

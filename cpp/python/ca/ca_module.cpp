@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "glue.hpp"
 #include "quorvex/sign/signer.hpp"
 
 namespace nb = nanobind;
@@ -67,7 +68,7 @@ Signer open_signer(nb::handle ca_path, nb::handle ca_password, std::string perso
             .c_str());
   const std::string path = path_argument(ca_path);
   const std::string_view password = text_view(ca_password, "ca_password", true);
-  nb::gil_scoped_release unlocked;
+  quorvex::pyglue::GilRelease unlocked;
   return Signer(path, password, std::move(person_id), public_ip.value_or(std::string()));
 }
 
@@ -81,6 +82,7 @@ std::string repr(const Signer& signer) {
 
 NB_MODULE(ca, m) {
   m.doc() = "Order-signing certificates: PKCS#12 files opened with their password, CMS signatures in Base64.";
+  quorvex::pyglue::init_interpreter();
 
   nb::exception<SignError>(m, "CASignError", PyExc_RuntimeError);
 
@@ -99,7 +101,7 @@ NB_MODULE(ca, m) {
       .def(
           "sign",
           [](const Signer& signer) {
-            nb::gil_scoped_release unlocked;
+            quorvex::pyglue::GilRelease unlocked;
             return signer.sign_order();
           },
           "Order signature: Base64 CMS signed data carrying the text 'person_id|public_ip|YYYYMMDDhhmmss' "
@@ -108,7 +110,7 @@ NB_MODULE(ca, m) {
           "get_sign",
           [](const Signer& signer, nb::handle plain_text) {
             const std::string_view text = text_view(plain_text, "get_sign plain_text", false);
-            nb::gil_scoped_release unlocked;
+            quorvex::pyglue::GilRelease unlocked;
             return signer.sign_text(text);
           },
           nb::arg("plain_text"),

@@ -9,6 +9,7 @@
 #include <string>
 #include <system_error>
 
+#include "glue.hpp"
 #include "quorvex/sign/demo_authority.hpp"
 
 namespace nb = nanobind;
@@ -51,7 +52,7 @@ nb::str issue(nb::handle path, nb::handle password, nb::handle person_id, int da
   quorvex::sign::DemoCertificate issued;
   int error_number = 0;
   {
-    nb::gil_scoped_release unlocked;
+    quorvex::pyglue::GilRelease unlocked;
     try {
       issued = quorvex::sign::issue_demo_certificate(file, secret.text, person, days);
     } catch (const std::system_error& e) {
@@ -82,7 +83,7 @@ void define_demo_authority(nb::module_& m) {
   m.def(
       "demo_authority_pem",
       [] {
-        nb::gil_scoped_release unlocked;
+        quorvex::pyglue::GilRelease unlocked;
         return quorvex::sign::demo_authority_pem();
       },
       "The demo authority's certificate in PEM, the same in every process.");

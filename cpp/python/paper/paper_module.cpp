@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "glue.hpp"
 #include "quorvex/bus/message.hpp"
 #include "quorvex/core/base58.hpp"
 #include "quorvex/paper/feed/market_clock.hpp"
@@ -257,13 +258,14 @@ auto translating(F&& f) -> decltype(f()) {
 
 NB_MODULE(_paper, m) {
   m.doc() = "The paper broker: BrokerCore serving an in-process bus, and the paper:// scheme.";
+  quorvex::pyglue::init_interpreter();
   nb::set_leak_warnings(false);
   register_paper_scheme();
 
   nb::class_<PaperBroker>(m, "PaperBroker")
       .def(nb::new_([](nb::handle config) {
              PaperBrokerConfig cfg = config.is_none() ? demo_config() : config_from(config);
-             nb::gil_scoped_release release;
+             quorvex::pyglue::GilRelease release;
              return translating([&] { return std::make_unique<PaperBroker>(std::move(cfg)); });
            }),
            nb::arg("config").none() = nb::none(),
@@ -272,7 +274,7 @@ NB_MODULE(_paper, m) {
           "attach",
           [](PaperBroker& self, const std::string& bus_name, const std::string& vpn, const std::string& user,
              const std::string& password) {
-            nb::gil_scoped_release release;
+            quorvex::pyglue::GilRelease release;
             translating([&] { self.attach(bus_name, BusLogin{vpn, user, password}); });
           },
           nb::arg("bus_name"), nb::kw_only(), nb::arg("vpn") = "", nb::arg("user") = "",
@@ -282,7 +284,7 @@ NB_MODULE(_paper, m) {
       .def(
           "close",
           [](PaperBroker& self) {
-            nb::gil_scoped_release release;
+            quorvex::pyglue::GilRelease release;
             self.close();
           },
           "Stop serving; requests being decided finish first. Idempotent.")

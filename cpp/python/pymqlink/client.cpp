@@ -36,7 +36,7 @@ class ClientCallbacks final : public bus::SessionListener {
 
   void deliver(std::vector<bus::Delivery>& batch, const std::atomic<bool>& stop) override {
     if (!interpreter_alive()) return;
-    nb::gil_scoped_acquire gil;
+    quorvex::pyglue::GilAcquire gil;
     TopicText topics;
     for (const auto& delivery : batch) {
       if (stop.load(std::memory_order_relaxed)) return;

@@ -99,7 +99,7 @@ class PyResponder {
     without_gil([&] {
       responder_->watch_subscriptions([target](const std::string& filter, bool active) {
         if (!interpreter_alive()) return;
-        nb::gil_scoped_acquire gil;
+        quorvex::pyglue::GilAcquire gil;
         try {
           target->borrow()(filter, active);
         } catch (nb::python_error& e) {
@@ -131,7 +131,7 @@ class PyResponder {
   // On the worker (or requesting) thread: decode, call the handler, send what it returns.
   static void handle(const PyRef& target, const bus::ServiceRequest& request) {
     if (!interpreter_alive()) return;
-    nb::gil_scoped_acquire gil;
+    quorvex::pyglue::GilAcquire gil;
     try {
       nb::object payload = decode_payload(request.payload());
       nb::object info = nb::cast(RequestInfo(request));
