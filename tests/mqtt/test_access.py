@@ -79,3 +79,32 @@ def test_one_person_cannot_read_or_forge_anothers_traffic(secured):
             assert len(reports) == 1
         out, _ = spy.communicate(timeout=15)
     assert out == b""  # mallory read nothing
+
+
+@pytest.mark.parametrize(
+    "who,host_of",
+    [
+        ("wrong password", lambda broker: broker.host),
+        ("unknown user", lambda broker: broker.host),
+        ("nobody listening", lambda broker: "mqtt://127.0.0.1:{}".format(_closed_port())),
+    ],
+)
+def test_a_refused_or_unreachable_connection_names_the_host_never_the_password(secured, who, host_of):
+    from pymqlink import BusError, SolClient
+
+    host = host_of(secured)
+    user = "nobody" if who == "unknown user" else "alice"
+    client = SolClient()
+    with pytest.raises(BusError) as refused:
+        client.connect(
+            host=host, vpn="qv", user=user, password="s3cret-word", clientname="t", connect_timeout_ms=2000
+        )
+    assert host in str(refused.value) and "s3cret-word" not in str(refused.value)
+
+
+def _closed_port():
+    import socket
+
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]

@@ -85,3 +85,17 @@ def test_topics_mqtt_cannot_carry_are_refused(mosquitto, topic):
             client.subscribe(topic)
     finally:
         client.disconnect()
+
+
+def test_a_payload_above_the_brokers_packet_limit_is_refused_before_sending(tmp_path):
+    from .conftest import Mosquitto
+
+    small = Mosquitto(tmp_path, ["allow_anonymous true", "max_packet_size 2000"])
+    try:
+        client = _client(small, "env-a")
+        with pytest.raises(ValueError, match=r"larger than the MQTT broker .* accepts"):
+            client.request("api/v1/order/place_order", {"blob": "x" * 5000}, timeout=1000)
+        assert client.request("api/v1/order/place_order", {"small": 1}, timeout=200) is None  # still usable
+        client.disconnect()
+    finally:
+        small.stop()
