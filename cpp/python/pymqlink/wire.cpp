@@ -284,7 +284,7 @@ class RecentTexts {
     Slot& slot = slots_[hash % kSlots];
     // Only ASCII texts are kept, so a kept text's characters are its UTF-8 bytes.
     if (slot.text && slot.hash == hash && PyUnicode_GET_LENGTH(slot.text) == static_cast<Py_ssize_t>(size) &&
-        std::memcmp(PyUnicode_DATA(slot.text), data, size) == 0) {
+        (size == 0 || std::memcmp(PyUnicode_DATA(slot.text), data, size) == 0)) {  // "" comes with no data
       Py_INCREF(slot.text);
       return slot.text;
     }
