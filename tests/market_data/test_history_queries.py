@@ -1,7 +1,6 @@
 """Historical ticks, bars and daily quotes: argument checks, payloads, replies in both modes."""
 
 import datetime
-import inspect
 import re
 
 import pytest
@@ -101,19 +100,6 @@ def test_ticks_argument_checks_come_before_anything_is_sent(api, kwargs, message
     assert type(raised.value) is Exception and str(raised.value) == message
     assert api.session.requests == []
     assert api.session._gen_reqid() == "corr-1"  # no correlation id was taken
-
-
-def test_default_dates_are_those_of_the_day_the_module_was_loaded(api):
-    ticks = inspect.signature(api.ticks).parameters
-    kbars = inspect.signature(api.kbars).parameters
-    assert ticks["date"].default == kbars["end"].default == TODAY.strftime("%Y-%m-%d")
-    assert kbars["start"].default == (TODAY - datetime.timedelta(days=1)).strftime("%Y-%m-%d")
-    assert ticks["query_type"].default is TicksQueryType.AllDay and ticks["last_cnt"].default == 0
-    assert inspect.signature(api.daily_quotes).parameters["date"].default is inspect.Parameter.empty
-
-    api.kbars(TSMC)
-    payload = api.session.last("api/v1/data/kbars").payload
-    assert payload == {"contract": TSMC.dict(), "start": kbars["start"].default, "end": kbars["end"].default}
 
 
 def test_daily_quotes_sends_the_date_in_iso_form_and_needs_a_date(api):

@@ -123,12 +123,7 @@ def test_scanner_counts_out_of_bounds_are_refused_before_sending(api, count, sen
     "kwargs, message",
     [
         ({"date": 20240102}, "Argument 'date' has incorrect type (expected str, got int)"),
-        (
-            {"date": datetime.date(2024, 1, 2)},
-            "Argument 'date' has incorrect type (expected str, got datetime.date)",
-        ),
         ({"count": "5"}, "Argument 'count' has incorrect type (expected int, got str)"),
-        ({"count": 5.0}, "Argument 'count' has incorrect type (expected int, got float)"),
     ],
 )
 def test_scanner_argument_types_are_checked_first(api, kwargs, message):

@@ -140,18 +140,6 @@ def test_bad_messages_are_dropped_with_a_logged_error(api, calls, logged_errors,
     assert [name for name, _ in calls] == ["on_tick_stk_v1_callback"]
 
 
-def test_names_are_read_from_the_module_at_each_message(api, calls, api_module, monkeypatch):
-    class OwnTick:
-        @staticmethod
-        def from_content(*content):
-            return ("own", content[0])
-
-    monkeypatch.setattr(api_module, "TickSTKv1", OwnTick)
-    monkeypatch.setattr(api_module, "Exchange", lambda code: "exchange " + code)
-    api.on_msg_wrap("TIC/v1/STK/D/TSE/2330", {"content": stock_tick_content()})
-    assert calls == [("on_tick_stk_v1_callback", ("exchange TSE", ("own", "2330")))]
-
-
 SETTERS = [
     ("set_on_tick_stk_v1_callback", "TIC/v1/STK/D/TSE/2330", stock_tick_content),
     ("set_on_tick_fop_v1_callback", "TIC/v1/FOP/D/TFE/TXFL6", futures_tick_content),

@@ -34,6 +34,7 @@ class Mosquitto:
             "user {}".format(getpass.getuser()),
             "listener {} 127.0.0.1".format(self.port),
             "persistence {}".format("true" if persistence else "false"),
+            "set_tcp_nodelay true",  # else a reply followed by a report waits for a delayed ack
             "persistence_location {}/".format(folder),
             "log_dest stderr",
             "log_type error",

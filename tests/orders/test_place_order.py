@@ -4,7 +4,6 @@ import datetime
 import logging
 
 import pytest
-from pydantic import field_validator
 
 from conftest import ok, refused
 from orders_support import STOCK_ACCOUNT, TSMC, local_time, order, order_api
@@ -12,7 +11,6 @@ from quorvex.account import StockAccount
 from quorvex.constant import Status
 from quorvex.contracts import Option, Stock
 from quorvex.error import TokenError
-from quorvex.order import Trade
 
 TOPIC = "api/v1/order/place_order"
 ACCEPTED = ok(
@@ -30,7 +28,8 @@ def api(api_module):
 
 def test_sends_the_signed_order_and_rekeys_the_accepted_trade(api):
     api.session.reply(TOPIC, ACCEPTED)
-    trade = api.place_order(TSMC, order())
+    placed = order()
+    trade = api.place_order(TSMC, placed)
 
     payload = api.session.last(TOPIC).payload
     assert set(payload) == {"contract", "order", "tft"} and payload["tft"] is False
@@ -44,6 +43,7 @@ def test_sends_the_signed_order_and_rekeys_the_accepted_trade(api):
         3,
     )
     assert trade.order.ca == "sig-1" and trade.order.account == STOCK_ACCOUNT
+    assert (placed.id, placed.ca) == ("", "")  # the caller's order is left as it was
     assert (trade.status.id, trade.status.status) == ("ord-9", Status.PendingSubmit)
     assert trade.status.order_datetime == local_time(1763600000)
 
@@ -150,38 +150,3 @@ def test_payload_records_are_exactly_their_dicts(api, contract):
     for sent, record in ((payload["contract"], contract), (payload["order"], signed)):
         assert sent == record.dict() and list(sent) == list(record.dict())
     assert list(payload["order"]["account"]) == list(signed.account.dict())
-
-
-@pytest.mark.parametrize(
-    "account_block, kept",
-    [
-        (STOCK_ACCOUNT.dict(), True),
-        (dict(STOCK_ACCOUNT.dict(), account_type="S"), True),  # the text of the same member
-        (dict(STOCK_ACCOUNT.dict(), username="Second"), False),
-        ({k: v for k, v in STOCK_ACCOUNT.dict().items() if k != "username"}, False),
-        (dict(STOCK_ACCOUNT.dict(), branch="Taipei"), False),
-    ],
-)
-def test_accepted_reply_rebuilds_the_order_keeping_an_unchanged_account(api, account_block, kept):
-    api.session.reply(TOPIC, ok({"order": {"id": "ord-4", "account": account_block}}))
-    placed = order()
-    trade = api.place_order(TSMC, placed)
-    assert trade.order is not placed and placed.id == ""
-    assert (trade.order.account is placed.account) == kept
-    assert trade.order.account.dict() == StockAccount(**account_block).dict()
-
-
-def test_a_trade_class_with_a_validator_sees_the_reply_assigned(api_module, api, monkeypatch):
-    seen = []
-
-    class CheckedTrade(Trade):
-        @field_validator("status")
-        @classmethod
-        def _checked(cls, status):
-            seen.append(status.status)
-            return status
-
-    monkeypatch.setattr(api_module, "Trade", CheckedTrade)
-    api.session.reply(TOPIC, ACCEPTED)
-    trade = api.place_order(TSMC, order())
-    assert seen == [Status.Inactive, Status.PendingSubmit] and trade.status.status == Status.PendingSubmit

@@ -173,15 +173,12 @@ def test_a_file_from_another_trading_day_is_not_loaded(cache_dir, contracts, mon
 
 
 @pytest.mark.parametrize(
-    "content", [b"\xc1 not msgpack", msgpack.packb([1, 2]), msgpack.packb({"format": 99})]
+    "content", [None, b"\xc1 not msgpack", msgpack.packb([1, 2]), msgpack.packb({"format": 99})]
 )
-def test_an_unreadable_file_gives_an_empty_master(cache_dir, content):
-    cache_dir.mkdir()
-    (cache_dir / "contracts.msgpack").write_bytes(content)
-    assert len(new_contracts()) == 0
-
-
-def test_no_file_gives_an_empty_master(cache_dir):
+def test_a_missing_or_unreadable_file_gives_an_empty_master(cache_dir, content):
+    if content is not None:
+        cache_dir.mkdir()
+        (cache_dir / "contracts.msgpack").write_bytes(content)
     assert len(new_contracts()) == 0
 
 

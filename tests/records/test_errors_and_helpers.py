@@ -3,11 +3,9 @@ import datetime
 import pickle
 
 import pytest
-from pydantic import ValidationError
 
 from quorvex import error
 from quorvex.backend.solace.utils import (
-    ScannerCountLimit,
     convert_ts,
     intraday_odd_quo_convert,
     intraday_odd_tic_convert,
@@ -97,15 +95,6 @@ def test_convert_ts_gives_a_naive_local_datetime():
     assert convert_ts(0.5).microsecond == 500000
     with pytest.raises(TypeError, match="epoch seconds as a number"):
         convert_ts("1568768168")
-
-
-@pytest.mark.parametrize("count,ok", [(0, False), (1, True), (100, True), (200, True), (201, False)])
-def test_scanner_count_limit(count, ok):
-    if ok:
-        assert ScannerCountLimit(count=count).count == count
-    else:
-        with pytest.raises(ValidationError, match="count"):
-            ScannerCountLimit(count=count)
 
 
 ODD_TICK = {

@@ -105,37 +105,6 @@ TEST(ContractMaster, DeliveriesRollAfterTheThirdWednesday) {
   EXPECT_EQ(master.front_month("TXF")->code, "TXFB6");
 }
 
-TEST(ContractMaster, PagesCoverEveryContractOnce) {
-  const ContractMaster& master = default_master();
-  for (SecurityType type : kSecurityTypes) {
-    const auto probe = master.page(type, 0, 700);
-    ASSERT_TRUE(probe.ok());
-    EXPECT_EQ(probe->count, 0u);
-    std::size_t total = 0;
-    for (int p = 1; p <= probe->max_page; ++p) {
-      const auto page = master.page(type, p, 700);
-      ASSERT_TRUE(page.ok());
-      EXPECT_EQ(page->max_page, probe->max_page);
-      EXPECT_GT(page->count, 0u);
-      for (const Contract& c : page.value()) EXPECT_EQ(c.security_type, type);
-      total += page->count;
-    }
-    EXPECT_EQ(total, master.contracts(type).size());
-  }
-}
-
-TEST(ContractMaster, PagesRefuseWhatIsOutOfRange) {
-  const ContractMaster& master = default_master();
-  const int max_page = master.page(SecurityType::Stock, 0, 1000)->max_page;
-  const auto beyond = master.page(SecurityType::Stock, max_page + 1, 1000);
-  ASSERT_FALSE(beyond.ok());
-  EXPECT_EQ(beyond.refusal().code, RefusalCode::PageOutOfRange);
-  EXPECT_NE(beyond.refusal().text.find("expected 0 (probe) to " + std::to_string(max_page)),
-            std::string::npos);
-  EXPECT_EQ(master.page(SecurityType::Stock, -1, 1000).refusal().code, RefusalCode::PageOutOfRange);
-  EXPECT_EQ(master.page(SecurityType::Stock, 1, 0).refusal().code, RefusalCode::InvalidPageSize);
-}
-
 TEST(ContractMaster, SizeKnobReachesBenchmarkScale) {
   const ContractMaster big({3, 100000, {2026, 1, 5}});
   EXPECT_GE(big.size(), 100000u);

@@ -46,14 +46,10 @@ INSTANTIATE_TEST_SUITE_P(
     Ladders, TickSize,
     ::testing::Values(
         TickCase{TickLadder::Stock, "9.99", "0.01", "0.01"},
-        TickCase{TickLadder::Stock, "10", "0.05", "0.01"},
-        TickCase{TickLadder::Stock, "49.95", "0.05", "0.05"},
-        TickCase{TickLadder::Stock, "50", "0.1", "0.05"}, TickCase{TickLadder::Stock, "100", "0.5", "0.1"},
-        TickCase{TickLadder::Stock, "500", "1", "0.5"}, TickCase{TickLadder::Stock, "999", "1", "1"},
-        TickCase{TickLadder::Stock, "1000", "5", "1"}, TickCase{TickLadder::Stock, "4995", "5", "5"},
-        TickCase{TickLadder::Etf, "49.99", "0.01", "0.01"}, TickCase{TickLadder::Etf, "50", "0.05", "0.01"},
-        TickCase{TickLadder::Etf, "195.35", "0.05", "0.05"},
-        TickCase{TickLadder::IndexFuture, "23000", "1", "1"},
+        TickCase{TickLadder::Stock, "10", "0.05", "0.01"}, TickCase{TickLadder::Stock, "50", "0.1", "0.05"},
+        TickCase{TickLadder::Stock, "100", "0.5", "0.1"}, TickCase{TickLadder::Stock, "500", "1", "0.5"},
+        TickCase{TickLadder::Stock, "1000", "5", "1"}, TickCase{TickLadder::Etf, "49.99", "0.01", "0.01"},
+        TickCase{TickLadder::Etf, "50", "0.05", "0.01"}, TickCase{TickLadder::IndexFuture, "23000", "1", "1"},
         TickCase{TickLadder::Option, "9.9", "0.1", "0.1"}, TickCase{TickLadder::Option, "10", "0.5", "0.1"},
         TickCase{TickLadder::Option, "50", "1", "0.5"}, TickCase{TickLadder::Option, "500", "5", "1"},
         TickCase{TickLadder::Option, "1000", "10", "5"}));

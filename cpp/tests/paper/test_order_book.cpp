@@ -201,9 +201,6 @@ TEST(BookRules, BoardsAndContractsThatDoNotTrade) {
   EXPECT_EQ(book_rules(*master.find("001"), Board::Common).refusal().code, RefusalCode::UnknownContract);
   EXPECT_EQ(book_rules(*master.front_month("TXF"), Board::IntradayOdd).refusal().code,
             RefusalCode::OrderTypeNotAllowed);
-  const BookRules futures = book_rules(*master.front_month("TXF"), Board::Common).value();
-  EXPECT_EQ(futures.quantity_unit, "contracts");
-  EXPECT_TRUE(futures.range_market_orders);
 }
 
 TEST_F(OrderBookTest, CancelRemovesAndUnknownIsRefused) {

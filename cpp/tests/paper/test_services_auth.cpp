@@ -287,14 +287,5 @@ TEST_F(AuthTest, OversizedLoginsAreRefusedAtOnceWithoutHoldingUpOthers) {
   }
 }
 
-TEST_F(AuthTest, ErrorTrackingAnswersAnyoneTheSame) {
-  auto& c = broker.client("s1");
-  for (const char* person : {"A123456789", "nobody"}) {
-    const Value reply = broker.request(c, "api/v1/auth/error_tracking", Value::map({{"person_id", person}}));
-    ASSERT_EQ(status_code(reply), 200);
-    EXPECT_EQ(reply.get("response"), Value::map({{"error_tracking", false}}));
-  }
-}
-
 }  // namespace
 }  // namespace quorvex::paper::testing

@@ -68,10 +68,6 @@ TEST_F(ContractPages, ContractDictsCarryTheRecordFieldsWithWireValues) {
   EXPECT_EQ(option.get_string("delivery_date").size(), 10u);
 }
 
-TEST_F(ContractPages, RepeatedPagesAreServedIdentically) {
-  EXPECT_EQ(page("FUT", 1, 50), page("FUT", 1, 50));
-}
-
 TEST_F(ContractPages, RefusesBadPagesTypesAndSizes) {
   const std::int64_t max_page = page("STK", 0, 100).get("response").get_int("max_page");
   const Value beyond = page("STK", max_page + 1, 100);
