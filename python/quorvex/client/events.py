@@ -6,7 +6,8 @@ when the order is one this client holds.
 
 import datetime
 from dataclasses import dataclass, field
-from typing import Any, Dict, Optional
+from enum import Enum
+from typing import Any, Dict, Optional, Type, TypeVar
 
 from quorvex.constant import Action, OrderState, Status
 from quorvex.frames import TAIPEI
@@ -28,6 +29,17 @@ def taipei_time(epoch_seconds: Any) -> Optional[datetime.datetime]:
 def _text(block: Dict[str, Any], key: str) -> str:
     value = block.get(key, "")
     return "" if value is None else str(value)
+
+
+_E = TypeVar("_E", bound=Enum)
+
+
+def _member(enumeration: Type[_E], value: Any) -> Optional[_E]:
+    """The member of `value`, None for a value the enumeration does not know."""
+    try:
+        return enumeration(value)
+    except ValueError:
+        return None
 
 
 @dataclass(frozen=True)
@@ -56,11 +68,7 @@ class OrderEvent:
     def from_report(cls, state: OrderState, report: Dict[str, Any], trade: Optional[Trade]) -> "OrderEvent":
         """The event of an order report as the session delivered it."""
         operation = report.get("operation") or {}
-        status_block = report.get("status") or {}
-        try:
-            status: Optional[Status] = Status(status_block.get("status"))
-        except ValueError:
-            status = None
+        status = _member(Status, (report.get("status") or {}).get("status"))
         return cls(
             state=state,
             operation=_text(operation, "op_type"),
@@ -92,10 +100,7 @@ class DealEvent:
     @classmethod
     def from_report(cls, state: OrderState, report: Dict[str, Any], trade: Optional[Trade]) -> "DealEvent":
         """The event of a deal report as the session delivered it."""
-        try:
-            action: Optional[Action] = Action(report.get("action"))
-        except ValueError:
-            action = None
+        action = _member(Action, report.get("action"))
         return cls(
             state=state,
             order_id=_text(report, "id"),
