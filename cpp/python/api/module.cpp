@@ -105,7 +105,10 @@ void import_modules(nb::module_& m) {
   defer_from("nacl.signing", {"SigningKey"});
   deferred_names()["msgpack"] = {""};  // the module itself
   m.attr("__getattr__") = nb::cpp_function(
-      [module = nb::handle(m)](nb::str name) { return resolve_deferred(module, name.c_str()); },
+      [module = nb::handle(m)](nb::str name) {
+        // An import may run while the interpreter shuts down; a thread ended inside it is parked.
+        return quorvex::pyglue::parking_on_exit([&] { return resolve_deferred(module, name.c_str()); });
+      },
       nb::name("__getattr__"), nb::arg("name"));
   for (const char* name : {"atexit", "datetime", "hashlib", "ipaddress", "typing", "time"}) {
     m.attr(name) = nb::module_::import_(name);

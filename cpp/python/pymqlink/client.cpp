@@ -37,11 +37,14 @@ class ClientCallbacks final : public bus::SessionListener {
   void deliver(std::vector<bus::Delivery>& batch, const std::atomic<bool>& stop) override {
     if (!interpreter_alive()) return;
     quorvex::pyglue::GilAcquire gil;
-    TopicText topics;
-    for (const auto& delivery : batch) {
-      if (stop.load(std::memory_order_relaxed)) return;
-      deliver_one(delivery, topics);
-    }
+    // A callback the interpreter ends at shutdown parks this thread, inside the GIL's scope.
+    quorvex::pyglue::parking_on_exit([&] {
+      TopicText topics;
+      for (const auto& delivery : batch) {
+        if (stop.load(std::memory_order_relaxed)) return;
+        deliver_one(delivery, topics);
+      }
+    });
   }
 
  private:
