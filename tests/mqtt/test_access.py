@@ -12,7 +12,7 @@ from quorvex import Client
 from quorvex.cli.connection import replay_config
 from quorvex.paper import DEMO, PaperBroker
 
-from .conftest import Mosquitto
+from .conftest import Mosquitto, _free_port
 
 ACL = Path(__file__).parent / "config" / "acl"
 PASSWORDS = {"broker": "broker-pw", "alice": "alice-pw", "mallory": "mallory-pw"}
@@ -86,7 +86,7 @@ def test_one_person_cannot_read_or_forge_anothers_traffic(secured):
     [
         ("wrong password", lambda broker: broker.host),
         ("unknown user", lambda broker: broker.host),
-        ("nobody listening", lambda broker: "mqtt://127.0.0.1:{}".format(_closed_port())),
+        ("nobody listening", lambda broker: "mqtt://127.0.0.1:{}".format(_free_port())),
     ],
 )
 def test_a_refused_or_unreachable_connection_names_the_host_never_the_password(secured, who, host_of):
@@ -100,11 +100,3 @@ def test_a_refused_or_unreachable_connection_names_the_host_never_the_password(s
             host=host, vpn="qv", user=user, password="s3cret-word", clientname="t", connect_timeout_ms=2000
         )
     assert host in str(refused.value) and "s3cret-word" not in str(refused.value)
-
-
-def _closed_port():
-    import socket
-
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]

@@ -2,10 +2,8 @@
 // look-up), every name the class uses from other modules, builds SolaceAPI as a plain Python class, and
 // lets each service area add its methods.
 #include <initializer_list>
-#include <iterator>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "api.hpp"
 
@@ -18,26 +16,30 @@ constexpr const char* kLibraryModules[] = {
     "quorvex.data",     "quorvex.reserve", "quorvex.error",     "quorvex.utils",
 };
 
-// Names bound on first look-up (the module's __getattr__), each with the modules to take it
+// Names bound on first look-up (the module's __getattr__), each with the module to take it
 // from: the records and their validation library are imported when a call first needs them,
 // not by `import quorvex.backend.solace.api`. Once bound, a name is a plain module attribute
-// that tests may replace.
-std::map<std::string, std::vector<std::string>>& deferred_names() {
-  static auto* names = new std::map<std::string, std::vector<std::string>>();  // lives to the end
+// that tests may replace. A null source means the client library's modules, searched in
+// order; an empty one, the module of that name itself.
+std::map<std::string, const char*>& deferred_names() {
+  static auto* names = new std::map<std::string, const char*>();  // lives to the end
   return *names;
 }
 
 void defer_library_names(std::initializer_list<const char*> names) {
-  for (const char* name : names) {
-    deferred_names()[name] = std::vector<std::string>(std::begin(kLibraryModules), std::end(kLibraryModules));
-  }
+  for (const char* name : names) deferred_names()[name] = nullptr;
 }
 
 void defer_from(const char* source, std::initializer_list<const char*> names) {
-  for (const char* name : names) deferred_names()[name] = {source};
+  for (const char* name : names) deferred_names()[name] = source;
 }
 
-// The module's __getattr__: binds a deferred name from the first of its modules that has it.
+nb::object bind_name(nb::handle module, const std::string& name, nb::object value) {
+  nb::setattr(module, name.c_str(), value);
+  return value;
+}
+
+// The module's __getattr__: binds a deferred name from its module.
 nb::object resolve_deferred(nb::handle module, const std::string& name) {
   const auto found = deferred_names().find(name);
   if (found == deferred_names().end()) {
@@ -45,19 +47,14 @@ nb::object resolve_deferred(nb::handle module, const std::string& name) {
                  name.c_str());
     throw nb::python_error();
   }
-  const std::vector<std::string> sources = found->second;  // a copy: imports may run Python code
-  for (const std::string& source : sources) {
-    if (source.empty()) {  // a module bound under its own name
-      nb::object value = nb::module_::import_(name.c_str());
-      nb::setattr(module, name.c_str(), value);
-      return value;
-    }
-    nb::object mod = nb::module_::import_(source.c_str());
-    if (nb::hasattr(mod, name.c_str())) {
-      nb::object value = nb::getattr(mod, name.c_str());
-      nb::setattr(module, name.c_str(), value);
-      return value;
-    }
+  const char* source = found->second;
+  if (source != nullptr && *source == '\0')
+    return bind_name(module, name, nb::module_::import_(name.c_str()));
+  if (source != nullptr)
+    return bind_name(module, name, nb::getattr(nb::module_::import_(source), name.c_str()));
+  for (const char* library : kLibraryModules) {
+    nb::object mod = nb::module_::import_(library);
+    if (nb::hasattr(mod, name.c_str())) return bind_name(module, name, nb::getattr(mod, name.c_str()));
   }
   PyErr_Format(PyExc_ImportError, "cannot import name '%s' from the client library (quorvex)", name.c_str());
   throw nb::python_error();
@@ -103,7 +100,7 @@ void import_modules(nb::module_& m) {
               "Base58Encoder", "base58", "ScannerCountLimit", "dump_contracts_file", "new_contracts"});
   defer_from("loguru", {"logger"});
   defer_from("nacl.signing", {"SigningKey"});
-  deferred_names()["msgpack"] = {""};  // the module itself
+  defer_from("", {"msgpack"});  // the module itself
   m.attr("__getattr__") = nb::cpp_function(
       [module = nb::handle(m)](nb::str name) {
         // An import may run while the interpreter shuts down; a thread ended inside it is parked.

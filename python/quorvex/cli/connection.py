@@ -134,9 +134,8 @@ def credentials_for(
                 EXIT_BAD_ARGUMENTS,
             )
         return Credentials(api_key, secret)
-    if host.startswith("paper://"):
-        return demo_credentials()
-    _log.info("no --api-key for %s: logging in with the paper broker's demo key", host)
+    if not host.startswith("paper://"):
+        _log.info("no --api-key for %s: logging in with the paper broker's demo key", host)
     return demo_credentials()
 
 

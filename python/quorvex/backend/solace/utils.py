@@ -310,7 +310,7 @@ def new_contracts() -> Contracts:
         raw = pages.get(security_type.value)
         if isinstance(raw, list):
             collection = contracts.of(security_type)
-            collection.append(_unexpired(raw, day))
+            collection.append(raw)  # written today without expired contracts
             collection.set_status_fetched()
     contracts.status = FetchStatus.Fetched
     host = document.get("host")
